@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs everything irframe needs to build, test and run on Debian 12.
+# Run as root. Safe to run again: packages already present are not fetched.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config git
+  libgtest-dev libgmock-dev libbenchmark-dev           # tests, benchmarks
+  clang-14 libclang-rt-14-dev                          # libFuzzer + sanitizers for fuzzing
+  libusb-1.0-0-dev                                     # USB bulk command path
+  libudev-dev libsystemd-dev                           # hidraw discovery, hot-plug, event loop, D-Bus
+  libevdev-dev                                         # uinput synthetic input
+  libcli11-dev nlohmann-json3-dev                      # command line, JSON output
+  libx11-dev libxrandr-dev                             # screen size from the X server
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all ${#packages[@]} packages already installed"
+  exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup: missing packages: ${missing[*]}" >&2
+  echo "setup: run this script as root (or with sudo) to install them" >&2
+  exit 1
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"

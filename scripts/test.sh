@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Builds and runs every check: a warning-free build with its unit tests, the same tests under
+# AddressSanitizer + UndefinedBehaviorSanitizer, and each fuzz harness for a fixed time.
+# The last thing printed is CTest's summary of the plain build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=$(nproc)
+fuzz_seconds=${IRFRAME_FUZZ_SECONDS:-30}
+
+step() { printf '\n==== %s\n' "$*"; }
+
+step "configure + build (-Werror)"
+cmake -S . -B build/ci -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIRFRAME_WERROR=ON >/dev/null
+cmake --build build/ci -j "$jobs"
+
+step "configure + build (ASan + UBSan)"
+cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DIRFRAME_SANITIZE=ON \
+  -DIRFRAME_WERROR=ON -DIRFRAME_BENCH=OFF >/dev/null
+cmake --build build/asan -j "$jobs"
+
+step "configure + build (libFuzzer, clang-14)"
+cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIRFRAME_FUZZ=ON \
+  -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
+  -DIRFRAME_TESTS=OFF -DIRFRAME_BENCH=OFF -DIRFRAME_WERROR=ON >/dev/null
+cmake --build build/fuzz -j "$jobs"
+
+step "fuzz harnesses, ${fuzz_seconds} s each"
+shopt -s nullglob
+for harness in build/fuzz/fuzz_*; do
+  name=${harness##*/fuzz_}
+  corpus=build/fuzz/corpus/$name
+  mkdir -p "$corpus"
+  seeds=()
+  [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
+  echo "-- $name"
+  # Two harnesses share the two cores; findings are written under build/fuzz/.
+  "$harness" -max_total_time="$fuzz_seconds" -print_final_stats=0 \
+    -artifact_prefix="build/fuzz/${name}-" "$corpus" "${seeds[@]}" 2>build/fuzz/"$name".log \
+    || { tail -n 60 build/fuzz/"$name".log; echo "fuzz harness $name found a fault" >&2; exit 1; }
+  grep -E '^#[0-9]+ *DONE' build/fuzz/"$name".log | tail -n 1 || true
+done
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+step "unit tests (ASan + UBSan)"
+ctest --test-dir build/asan --output-on-failure -j "$jobs"
+
+step "unit tests"
+ctest --test-dir build/ci --output-on-failure -j "$jobs"
