@@ -1,0 +1,78 @@
+// Plays gesture scripts through contact matching into a gesture container that posts to a
+// recording sink, on a virtual clock, with the log captured. A test then reads like the gesture:
+//
+//   CGestureHarness h;                     // screen 1920 x 1080, clock at 1000 s
+//   h.Play("down 1 1000 2000\nmove 1 3000 2000 in 2\nup 1\n");
+//   EXPECT_EQ(h.TakeEvents(), (std::vector<TInputEvent>{h.Left(TInputEventType::LeftMouseDown, 2000, 2000), ...}));
+//
+// Successive Play calls continue on the same clock; a script's first frame comes at the
+// clock's current time (the time of the previous script's last frame) unless it begins with
+// "wait".
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CTouchPointContainer.h"
+#include "ContactMatching.h"
+#include "EventSink.h"
+#include "GestureScript.h"
+#include "MtDevLog.h"
+#include "MultiPlatformAPI.h"
+
+struct TLoggedLine {
+    TLogChannel channel;
+    std::string text;
+    bool operator==(const TLoggedLine&) const = default;
+};
+
+class CGestureHarness {
+public:
+    static constexpr uint64_t kStartNanos = 1000ull * 1000000000ull;  // tick 60000
+    static constexpr int64_t kStartWallSeconds = 1'700'000'000;      // on a second boundary
+
+    explicit CGestureHarness(float screenWidth = 1920.0f, float screenHeight = 1080.0f);
+    ~CGestureHarness();
+    CGestureHarness(const CGestureHarness&) = delete;
+    CGestureHarness& operator=(const CGestureHarness&) = delete;
+
+    // Plays every frame of the script into the tracker; `afterFrame` (if given) runs after each
+    // frame with its index. Throws std::invalid_argument for a script with errors.
+    void Play(std::string_view script,
+              const std::function<void(size_t frameIndex)>& afterFrame = nullptr);
+
+    std::vector<TInputEvent> TakeEvents() { return sink.Take(); }
+    std::vector<TLoggedLine> TakeLogs();
+    // The captured lines of one channel, text only (and forgets all captured lines).
+    std::vector<std::string> TakeLines(TLogChannel channel);
+
+    // The scaled screen position of a device position, as the container computes it.
+    TScreenPoint Scaled(float x, float y) const { return container.ScalePoint(x, y); }
+    // A Fn-flagged left-button event at the scaled position of a device position.
+    TInputEvent Left(TInputEventType type, float x, float y, int64_t clickState = 0) const;
+    // The same at an unscaled (device) position.
+    static TInputEvent LeftUnscaled(TInputEventType type, float x, float y);
+    // Key down and key up of a named key with modifier flags.
+    static std::vector<TInputEvent> Shortcut(const char* key, uint64_t flags);
+
+    int64_t Tick() const { return CTouchPointContainer::CurrentTick(); }
+    // Microseconds from now to the first microsecond at or after the start of `tick`.
+    uint64_t MicrosUntilTick(int64_t tick);
+
+    TVirtualClock clock{kStartNanos, kStartWallSeconds};
+
+private:
+    TScopedClock m_scopedClock{clock};
+
+public:
+    CRecordingEventSink sink;
+    CTouchPointContainer container{sink};
+    CContactTracker tracker{container};
+
+private:
+    TLogSink m_previousLog;
+    std::vector<TLoggedLine> m_logs;
+};
