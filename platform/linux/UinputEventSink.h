@@ -1,0 +1,87 @@
+// The event sink on Linux: one virtual input device made through uinput (libevdev).
+//
+// The device has absolute X and Y (0..32767 over the whole desktop), the left and right
+// buttons, the vertical and horizontal wheels with their hi-res companions, and every key that
+// a gesture's shortcut can press (EvdevKeyMap). CEvdevTranslator turns one synthetic event into
+// evdev events; CUinputEventSink writes them. Posting is locked: workers and the main thread post
+// at the same time.
+#pragma once
+
+#include "EvdevKeyMap.h"
+#include "EventSink.h"
+#include "LinuxScreen.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct libevdev;
+struct libevdev_uinput;
+
+struct TEvdevEvent {
+    uint16_t type;
+    uint16_t code;
+    int32_t value;
+    bool operator==(const TEvdevEvent&) const = default;
+};
+
+inline constexpr int32_t kUinputAbsMax = 32767;
+// Pixels of a scroll event that make one wheel detent (120 hi-res units).
+inline constexpr int32_t kScrollPixelsPerDetent = 50;
+inline constexpr int32_t kHiResPerDetent = 120;
+
+class CEvdevTranslator {
+public:
+    CEvdevTranslator(TDisplayGeometry geometry, TKeyProfile profile)
+        : m_geometry(std::move(geometry)), m_profile(profile) {}
+
+    // The evdev events of one synthetic event, each group ended by a SYN_REPORT; empty when the
+    // event has no equivalent (a key code without an evdev key).
+    std::vector<TEvdevEvent> Translate(const TInputEvent& event);
+
+    // A screen point to the absolute axis: offset by the main screen's place on the desktop,
+    // scaled to 0..32767 over the desktop, rounded, clamped.
+    int32_t AbsoluteX(double x) const;
+    int32_t AbsoluteY(double y) const;
+
+private:
+    void Wheel(std::vector<TEvdevEvent>* out, int32_t pixels, uint16_t hiResCode, uint16_t code,
+               int32_t* remainder);
+
+    TDisplayGeometry m_geometry;
+    TKeyProfile m_profile;
+    // Hi-res units not yet given out as whole detents, per wheel.
+    int32_t m_verticalRemainder = 0;
+    int32_t m_horizontalRemainder = 0;
+};
+
+// The message for a uinput device that cannot be made: what failed and what to do about it.
+// `stage` is "open" (opening the node) or "create" (making the device on it).
+std::string DescribeUinputError(const std::string& path, const char* stage, int error);
+
+class CUinputEventSink final : public CEventSink {
+public:
+    // Makes the virtual device on `path` (normally /dev/uinput). Null with `error` holding one
+    // line of advice when that fails.
+    static std::unique_ptr<CUinputEventSink> Create(const std::string& path,
+                                                    TDisplayGeometry geometry, TKeyProfile profile,
+                                                    std::string* error);
+    ~CUinputEventSink() override;
+
+    void Post(const TInputEvent& event) override;
+    // The device's node under /dev/input, when the kernel told it.
+    std::string DeviceNode() const;
+
+private:
+    CUinputEventSink(TDisplayGeometry geometry, TKeyProfile profile)
+        : m_translator(std::move(geometry), profile) {}
+
+    std::mutex m_mutex;
+    CEvdevTranslator m_translator;  // guarded by m_mutex (it keeps the wheel remainders)
+    libevdev* m_device = nullptr;
+    libevdev_uinput* m_uinput = nullptr;
+    int m_fd = -1;
+};

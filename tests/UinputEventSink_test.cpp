@@ -1,0 +1,154 @@
+#include "UinputEventSink.h"
+
+#include "CTouchPointDeal.h"
+
+#include <gtest/gtest.h>
+#include <linux/input.h>
+
+#include <cerrno>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+TDisplayGeometry Screen(double width, double height) {
+    TDisplayGeometry g;
+    g.main = {0, 0, width, height};
+    g.desktopWidth = width;
+    g.desktopHeight = height;
+    return g;
+}
+
+constexpr TEvdevEvent kSyn{EV_SYN, SYN_REPORT, 0};
+
+// Verify the absolute axis: screen points scaled to 0..32767, rounded, clamped, and offset by
+// the main screen's place when the desktop is wider.
+TEST(EvdevTranslator, AbsoluteAxes) {
+    CEvdevTranslator one(Screen(1920, 1080), TKeyProfile::Literal);
+    EXPECT_EQ(one.AbsoluteX(0), 0);
+    EXPECT_EQ(one.AbsoluteX(1920), 32767);
+    EXPECT_EQ(one.AbsoluteX(960), 16384);  // 16383.5 rounds up
+    EXPECT_EQ(one.AbsoluteY(540), 16384);
+    EXPECT_EQ(one.AbsoluteX(-5), 0);
+    EXPECT_EQ(one.AbsoluteX(16000), 32767);  // events posted at unscaled device coordinates
+    EXPECT_EQ(one.AbsoluteX(std::numeric_limits<double>::quiet_NaN()), 0);
+    EXPECT_EQ(one.AbsoluteX(std::numeric_limits<double>::infinity()), 0);
+
+    TDisplayGeometry wide = Screen(1920, 1080);
+    wide.main.x = 1920;  // the main screen is the right half of a 3840-wide desktop
+    wide.desktopWidth = 3840;
+    CEvdevTranslator two(wide, TKeyProfile::Literal);
+    EXPECT_EQ(two.AbsoluteX(0), 16384);
+    EXPECT_EQ(two.AbsoluteX(1920), 32767);
+
+    CEvdevTranslator none(Screen(0, 0), TKeyProfile::Literal);
+    EXPECT_EQ(none.AbsoluteX(100), 0);
+}
+
+struct TMouseCase {
+    TInputEventType type;
+    TMouseButton button;
+    std::vector<TEvdevEvent> buttons;  // between the position and the report
+};
+
+class MouseEvent : public testing::TestWithParam<TMouseCase> {};
+
+// Verify that each mouse event moves the pointer and changes exactly its button.
+TEST_P(MouseEvent, PositionThenButton) {
+    const TMouseCase& c = GetParam();
+    CEvdevTranslator t(Screen(1000, 500), TKeyProfile::Literal);
+    std::vector<TEvdevEvent> expected = {{EV_ABS, ABS_X, 8192}, {EV_ABS, ABS_Y, 16384}};
+    expected.insert(expected.end(), c.buttons.begin(), c.buttons.end());
+    expected.push_back(kSyn);
+    EXPECT_EQ(t.Translate(TInputEvent::Mouse(c.type, 250, 250, 0x800000, 2, c.button)), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryMouseType, MouseEvent,
+    testing::Values(
+        TMouseCase{TInputEventType::MouseMoved, TMouseButton::Left, {}},
+        TMouseCase{TInputEventType::LeftMouseDragged, TMouseButton::Left, {}},
+        TMouseCase{TInputEventType::LeftMouseDown, TMouseButton::Left, {{EV_KEY, BTN_LEFT, 1}}},
+        TMouseCase{TInputEventType::LeftMouseUp, TMouseButton::Left, {{EV_KEY, BTN_LEFT, 0}}},
+        TMouseCase{TInputEventType::RightMouseDown, TMouseButton::Right,
+                   {{EV_KEY, BTN_RIGHT, 1}}},
+        TMouseCase{TInputEventType::RightMouseUp, TMouseButton::Right,
+                   {{EV_KEY, BTN_RIGHT, 0}}}));
+
+// Verify a shortcut: modifiers then key, one report each, and released in reverse.
+TEST(EvdevTranslator, ShortcutDownAndUp) {
+    CEvdevTranslator t(Screen(1920, 1080), TKeyProfile::Desktop);
+    const uint16_t left = CTouchPointDeal::keyCodeForKeyString("LEFT");
+    EXPECT_EQ(t.Translate(TInputEvent::Key(true, left, kMacFlagControl)),
+              (std::vector<TEvdevEvent>{{EV_KEY, KEY_LEFTCTRL, 1}, kSyn,
+                                        {EV_KEY, KEY_LEFTALT, 1}, kSyn,
+                                        {EV_KEY, KEY_LEFT, 1}, kSyn}));
+    EXPECT_EQ(t.Translate(TInputEvent::Key(false, left, kMacFlagControl)),
+              (std::vector<TEvdevEvent>{{EV_KEY, KEY_LEFT, 0}, kSyn,
+                                        {EV_KEY, KEY_LEFTALT, 0}, kSyn,
+                                        {EV_KEY, KEY_LEFTCTRL, 0}, kSyn}));
+    // The name table's unknown code posts nothing.
+    EXPECT_TRUE(t.Translate(TInputEvent::Key(true, 0xFFFF, kMacFlagCommand)).empty());
+}
+
+// Verify the wheel: hi-res units for every scroll, a whole detent once 120 of them added up,
+// the remainder dropped when the direction turns.
+TEST(EvdevTranslator, WheelDetents) {
+    CEvdevTranslator t(Screen(1920, 1080), TKeyProfile::Literal);
+    // 50 pixels = one detent.
+    EXPECT_EQ(t.Translate(TInputEvent::Scroll(50)),
+              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, 120}, {EV_REL, REL_WHEEL, 1},
+                                        kSyn}));
+    // 30 pixels = 72 units: no detent yet; another 30 make 144: one detent, 24 left.
+    EXPECT_EQ(t.Translate(TInputEvent::Scroll(30)),
+              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, 72}, kSyn}));
+    EXPECT_EQ(t.Translate(TInputEvent::Scroll(30)),
+              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, 72}, {EV_REL, REL_WHEEL, 1},
+                                        kSyn}));
+    // Turning: the 24 left over do not cancel part of the downward scroll.
+    EXPECT_EQ(t.Translate(TInputEvent::Scroll(-50)),
+              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, -120},
+                                        {EV_REL, REL_WHEEL, -1}, kSyn}));
+    EXPECT_EQ(t.Translate(TInputEvent::Scroll(-125)),
+              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, -300},
+                                        {EV_REL, REL_WHEEL, -2}, kSyn}));
+    EXPECT_TRUE(t.Translate(TInputEvent::Scroll(0)).empty());
+    EXPECT_EQ(t.Translate(TInputEvent::Scroll(0, 50)),
+              (std::vector<TEvdevEvent>{{EV_REL, REL_HWHEEL_HI_RES, 120},
+                                        {EV_REL, REL_HWHEEL, 1}, kSyn}));
+    // Extreme amounts do not overflow.
+    const auto huge = t.Translate(TInputEvent::Scroll(std::numeric_limits<int32_t>::max()));
+    ASSERT_EQ(huge.size(), 3u);
+    EXPECT_GT(huge[0].value, 0);
+    EXPECT_GT(huge[1].value, 0);
+}
+
+// Verify the advice given when the virtual device cannot be made.
+TEST(UinputEventSink, ErrorAdvice) {
+    EXPECT_NE(DescribeUinputError("/dev/uinput", "open", ENOENT).find("modprobe uinput"),
+              std::string::npos);
+    EXPECT_NE(DescribeUinputError("/dev/uinput", "open", ENODEV).find("modprobe uinput"),
+              std::string::npos);
+    const std::string denied = DescribeUinputError("/dev/uinput", "open", EACCES);
+    EXPECT_NE(denied.find("no permission"), std::string::npos);
+    EXPECT_NE(denied.find("packaging/70-irframe.rules"), std::string::npos);
+    EXPECT_NE(DescribeUinputError("/dev/null", "create", ENOTTY).find("not a uinput device"),
+              std::string::npos);
+}
+
+// Verify the error path end to end: a missing node and a node that is not uinput.
+TEST(UinputEventSink, CreateFailsWithOneLine) {
+    std::string error;
+    EXPECT_EQ(CUinputEventSink::Create("/nonexistent/uinput", Screen(1920, 1080),
+                                       TKeyProfile::Literal, &error),
+              nullptr);
+    EXPECT_NE(error.find("modprobe uinput"), std::string::npos) << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos);
+    error.clear();
+    EXPECT_EQ(CUinputEventSink::Create("/dev/null", Screen(1920, 1080), TKeyProfile::Literal,
+                                       &error),
+              nullptr);
+    EXPECT_NE(error.find("not a uinput device"), std::string::npos) << error;
+}
+
+}  // namespace
