@@ -77,7 +77,8 @@ uint64_t ParseDuration(std::string_view token) {
                       "\"");
 }
 
-// Splits tokens[from..to) into comma-separated groups of exactly `width` tokens.
+// Splits tokens[from..to) into comma-separated groups of exactly `width` tokens (any
+// non-empty group when `width` is 0).
 std::vector<std::vector<std::string_view>> Groups(const std::vector<std::string_view>& tokens,
                                                   size_t from, size_t to, size_t width,
                                                   const char* shape) {
@@ -85,7 +86,7 @@ std::vector<std::vector<std::string_view>> Groups(const std::vector<std::string_
     std::vector<std::string_view> current;
     for (size_t i = from; i <= to; ++i) {
         if (i == to || tokens[i] == ",") {
-            if (current.size() != width) {
+            if (width == 0 ? current.empty() : current.size() != width) {
                 throw ScriptError(std::string("expected ") + shape + " in each comma-separated part");
             }
             groups.push_back(current);
@@ -166,15 +167,27 @@ private:
             Expect(t.size() == 2, "usage: hold <frames>");
             const int64_t count = ParseInt(t[1], 1, 1000000, "frame count");
             for (int64_t k = 0; k < count; ++k) Emit([](const Finger&) -> uint8_t { return 1; });
-        } else if (verb == "up" || verb == "vanish") {
+        } else if (verb == "up") {
+            // "<id>" lifts where the finger is; "<id> <x> <y>" lifts at a new position.
+            std::vector<int> ids;
+            for (const auto& g : Groups(t, 1, t.size(), 0, "<id> or <id> <x> <y>")) {
+                Expect(g.size() == 1 || g.size() == 3,
+                       "expected <id> or <id> <x> <y> in each comma-separated part");
+                Finger* f = Known(Id(g[0]));
+                if (g.size() == 3) {
+                    f->x = Coord(g[1]);
+                    f->y = Coord(g[2]);
+                }
+                ids.push_back(f->id);
+            }
+            Emit([&](const Finger& f) -> uint8_t {
+                return std::find(ids.begin(), ids.end(), f.id) != ids.end() ? 2 : 1;
+            });
+            Forget(ids);
+        } else if (verb == "vanish") {
             std::vector<int> ids;
             for (const auto& g : Groups(t, 1, t.size(), 1, "<id>")) {
                 ids.push_back(Known(Id(g[0]))->id);
-            }
-            if (verb == "up") {
-                Emit([&](const Finger& f) -> uint8_t {
-                    return std::find(ids.begin(), ids.end(), f.id) != ids.end() ? 2 : 1;
-                });
             }
             Forget(ids);
         } else if (verb == "gone") {
@@ -288,8 +301,9 @@ uint64_t CGestureScript::DurationMicros() const {
     return total;
 }
 
-CGestureScriptPlayer::CGestureScriptPlayer(const CGestureScript& script, TVirtualClock& clock)
-    : m_script(script), m_clock(clock) {
+CGestureScriptPlayer::CGestureScriptPlayer(const CGestureScript& script, TVirtualClock& clock,
+                                           size_t firstFrame)
+    : m_script(script), m_clock(clock), m_next(firstFrame) {
     m_points.resize(SCRIPT_MAX_CONTACTS);
     m_frame.rawWidth = 32767;
     m_frame.rawHeight = 32767;

@@ -9,6 +9,7 @@
 //   move 1 12000 9000 in 10       10 frames: finger 1 moves there in a straight line (status 1)
 //   hold 3                        3 frames: every finger down holds still (no finger: empty)
 //   up 1                          one frame: finger 1 reports lifted (status 2), then is gone
+//   up 1 9000 9500                the same, lifting at a new position
 //   gone 2 7                      one frame: finger 2 reports status 7 in place, then is gone
 //   vanish 2                      no frame: finger 2 is no longer reported, without a lift
 //   raw 5 1 100 200, 5 0 300 400  one frame with exactly these contacts (id status x y)
@@ -73,8 +74,10 @@ private:
 // Plays a script frame by frame on a virtual clock.
 class CGestureScriptPlayer {
 public:
-    // The player keeps references to both; they must outlive it.
-    CGestureScriptPlayer(const CGestureScript& script, TVirtualClock& clock);
+    // The player keeps references to both; they must outlive it. Playing starts at frame
+    // `firstFrame`: the frames before it count as played elsewhere (the clock is not moved for
+    // them), which lets a script that grows piece by piece go on where it stopped.
+    CGestureScriptPlayer(const CGestureScript& script, TVirtualClock& clock, size_t firstFrame = 0);
 
     // Moves the clock on by the next frame's gap and returns the frame, calibrated (x, y in
     // absolute output units, rawX/rawY the same values, cell 0/0). The record and its contacts
@@ -89,7 +92,7 @@ public:
 private:
     const CGestureScript& m_script;
     TVirtualClock& m_clock;
-    size_t m_next = 0;
+    size_t m_next;
     _HARDWARE_FRAME_SDK m_frame{};
     std::vector<_HARDWARE_SDK_POINT> m_points;
 };

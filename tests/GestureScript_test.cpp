@@ -23,7 +23,7 @@ TEST(GestureScript, CommandsProduceFrames) {
         "down 2 5000 2000   # second finger\n"
         "move 1 2000 2000, 2 5000 4000 in 2\n"
         "hold 1\n"
-        "up 1\n"
+        "up 1 2100 2200\n"
         "gone 2 7\n"
         "hold 1\n");
     ASSERT_EQ(f.size(), 8u);
@@ -32,7 +32,7 @@ TEST(GestureScript, CommandsProduceFrames) {
     EXPECT_EQ(f[2].contacts, (std::vector{C(1, 1, 1500, 2000), C(2, 1, 5000, 3000)}));
     EXPECT_EQ(f[3].contacts, (std::vector{C(1, 1, 2000, 2000), C(2, 1, 5000, 4000)}));
     EXPECT_EQ(f[4].contacts, (std::vector{C(1, 1, 2000, 2000), C(2, 1, 5000, 4000)}));
-    EXPECT_EQ(f[5].contacts, (std::vector{C(1, 2, 2000, 2000), C(2, 1, 5000, 4000)}));
+    EXPECT_EQ(f[5].contacts, (std::vector{C(1, 2, 2100, 2200), C(2, 1, 5000, 4000)}));
     EXPECT_EQ(f[6].contacts, (std::vector{C(2, 7, 5000, 4000)}));
     EXPECT_TRUE(f[7].contacts.empty());  // nobody down: an empty frame
     EXPECT_EQ(f[2].line, 4);
@@ -95,6 +95,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadScript{"down 1 5 5,", "line 1: expected <id> <x> <y> in each comma-separated part"},
         BadScript{"down 1 5 5\ndown 1 6 6", "line 2: finger 1 is already down"},
         BadScript{"up 3", "line 1: finger 3 is not down"},
+        BadScript{"down 3 5 5\nup 3 5", "line 2: expected <id> or <id> <x> <y> in each comma-separated part"},
+        BadScript{"down 3 5 5\nup 3 5 5,", "line 2: expected <id> or <id> <x> <y> in each comma-separated part"},
         BadScript{"down 1 5 5\nmove 1 6 6", "line 2: usage: move <id> <x> <y>[, ...] in <frames>"},
         BadScript{"down 1 5 5\nmove 1 6 6 in 0", "line 2: frame count 0 is outside 1..1000000"},
         BadScript{"down 1 5 5\ngone 1 2", "line 2: status 2 is outside 3..255"},

@@ -11,14 +11,19 @@ CGestureHarness::~CGestureHarness() { TSetLogSink(std::move(m_previousLog)); }
 
 void CGestureHarness::Play(std::string_view script,
                            const std::function<void(size_t)>& afterFrame) {
-    const CGestureScript parsed = CGestureScript::FromText(script);
-    CGestureScriptPlayer player(parsed, clock);
+    std::string whole = m_script;
+    whole.append(script);
+    whole.push_back('\n');
+    const CGestureScript parsed = CGestureScript::FromText(whole);
+    m_script = std::move(whole);
+    CGestureScriptPlayer player(parsed, clock, m_framesPlayed);
     size_t index = 0;
     while (const _HARDWARE_FRAME_SDK* frame = player.NextFrame()) {
         tracker.DealFrame(*frame, CurrentFrameTimeStamp());
         if (afterFrame) afterFrame(index);
         ++index;
     }
+    m_framesPlayed = parsed.Frames().size();
 }
 
 std::vector<TLoggedLine> CGestureHarness::TakeLogs() {

@@ -5,9 +5,8 @@
 //   h.Play("down 1 1000 2000\nmove 1 3000 2000 in 2\nup 1\n");
 //   EXPECT_EQ(h.TakeEvents(), (std::vector<TInputEvent>{h.Left(TInputEventType::LeftMouseDown, 2000, 2000), ...}));
 //
-// Successive Play calls continue on the same clock; a script's first frame comes at the
-// clock's current time (the time of the previous script's last frame) unless it begins with
-// "wait".
+// Successive Play calls continue one script: the fingers stay where the last call left them,
+// and the first new frame comes one report period (or the waited time) after the last one.
 #pragma once
 
 #include <cstdint>
@@ -39,8 +38,9 @@ public:
     CGestureHarness(const CGestureHarness&) = delete;
     CGestureHarness& operator=(const CGestureHarness&) = delete;
 
-    // Plays every frame of the script into the tracker; `afterFrame` (if given) runs after each
-    // frame with its index. Throws std::invalid_argument for a script with errors.
+    // Appends to the script and plays its new frames into the tracker; `afterFrame` (if given)
+    // runs after each frame with its index in this call. Throws std::invalid_argument for a
+    // script with errors (line numbers count from the first Play).
     void Play(std::string_view script,
               const std::function<void(size_t frameIndex)>& afterFrame = nullptr);
 
@@ -73,6 +73,8 @@ public:
     CContactTracker tracker{container};
 
 private:
+    std::string m_script;  // everything played so far
+    size_t m_framesPlayed = 0;
     TLogSink m_previousLog;
     std::vector<TLoggedLine> m_logs;
 };

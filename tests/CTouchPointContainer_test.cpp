@@ -1,0 +1,324 @@
+// One-finger mouse emulation and the dispatcher, driven by gesture scripts through contact
+// matching into a container that posts to a recording sink.
+#include "CTouchPointContainer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/GestureHarness.h"
+
+namespace {
+
+using T = TInputEventType;
+using Events = std::vector<TInputEvent>;
+
+std::string Str(int64_t v) { return std::to_string(v); }
+
+Events Concat(std::initializer_list<Events> parts) {
+    Events all;
+    for (const Events& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
+Events DoubleClick(const CGestureHarness& h, float x, float y) {
+    return {h.Left(T::MouseMoved, x, y, 2), h.Left(T::LeftMouseUp, x, y, 2),
+            h.Left(T::LeftMouseDown, x, y, 2), h.Left(T::LeftMouseUp, x, y, 2)};
+}
+
+Events Click(const CGestureHarness& h, float x, float y) {
+    return {h.Left(T::MouseMoved, x, y, 1), h.Left(T::LeftMouseDown, x, y, 1),
+            h.Left(T::LeftMouseUp, x, y, 1)};
+}
+
+// The unflagged release that opens every click that toSingleClick posts.
+TInputEvent PlainUp(const CGestureHarness& h, float x, float y) {
+    const TScreenPoint p = h.Scaled(x, y);
+    return TInputEvent::Mouse(T::LeftMouseUp, p.x, p.y, EVENT_FLAG_NONE);
+}
+
+// Verify the basic touch: the first frame only arms, the second presses, later frames drag,
+// the lift releases; and what each frame leaves as the worker's last gesture.
+TEST(OneFinger, PressDragRelease) {
+    CGestureHarness h;
+    std::vector<TELO_FINGER_STATUS> results;
+    std::vector<size_t> eventsAfterFrame;
+    h.Play(
+        "down 1 1000 2000\n"
+        "move 1 3000 2000 in 2\n"
+        "up 1\n",
+        [&](size_t) {
+            results.push_back(h.tracker.LastGesture());
+            eventsAfterFrame.push_back(h.sink.Count());
+        });
+    EXPECT_EQ(h.TakeEvents(), (Events{h.Left(T::LeftMouseDown, 2000, 2000),
+                                      h.Left(T::LeftMouseDragged, 3000, 2000),
+                                      h.Left(T::LeftMouseUp, 3000, 2000)}));
+    EXPECT_EQ(results, (std::vector<TELO_FINGER_STATUS>{TFS_NONE, TFS_ONE_FINGER_DOWN,
+                                                        TFS_ONE_FINGER_DRAG, TFS_ONE_FINGER_UP}));
+    EXPECT_EQ(eventsAfterFrame, (std::vector<size_t>{0, 1, 2, 3}));
+    EXPECT_EQ(h.container.buttonState, 3u);
+    EXPECT_EQ(h.container.fingerMode, 1u);
+    EXPECT_TRUE(h.tracker.Tracked().empty());
+}
+
+// Verify the exact log lines of an arming frame and of a pressing frame, per channel.
+TEST(OneFinger, LogLines) {
+    CGestureHarness h(32767.0f, 32767.0f);  // scaled positions equal device positions
+    h.Play("down 1 1000 2000\n");
+    EXPECT_EQ(h.TakeLogs(),
+              (std::vector<TLoggedLine>{{TLogChannel::System, "new point add"},
+                                        {TLogChannel::Stdout, "1"},
+                                        {TLogChannel::Stdout, "x:1000.000000y:2000.000000"},
+                                        {TLogChannel::Stdout, "point.x:1000.000000point.y:2000.000000"},
+                                        {TLogChannel::System, "asdasd"}}));
+    h.Play("hold 2\n");
+    EXPECT_EQ(h.TakeLines(TLogChannel::Stdout),
+              (std::vector<std::string>{"1", "x:1000.000000y:2000.000000",
+                                        "point.x:1000.000000point.y:2000.000000", "down", "1",
+                                        "x:1000.000000y:2000.000000",
+                                        "point.x:1000.000000point.y:2000.000000", "drag"}));
+    h.Play("up 1\n");
+    EXPECT_EQ(h.TakeLines(TLogChannel::System),
+              (std::vector<std::string>{"mouse up start", "mouse up end"}));
+}
+
+// Consecutive one-finger touches press on their first frame: only a new finger count re-arms.
+TEST(OneFinger, NextTouchPressesAtOnce) {
+    CGestureHarness h;
+    h.Play("down 1 1000 2000\nhold 1\nup 1\nwait 1s\ndown 2 4000 4000\nhold 1\nup 2\n");
+    EXPECT_EQ(h.TakeEvents(),
+              (Events{h.Left(T::LeftMouseDown, 1000, 2000), h.Left(T::LeftMouseUp, 1000, 2000),
+                      h.Left(T::LeftMouseDown, 4000, 4000), h.Left(T::LeftMouseDragged, 4000, 4000),
+                      h.Left(T::LeftMouseUp, 4000, 4000)}));
+}
+
+// A first tap at (1000, 2000), pressed and released; returns the tick of its release.
+int64_t FirstTap(CGestureHarness& h) {
+    h.Play("down 1 1000 2000\nhold 1\nup 1\n");
+    h.TakeEvents();
+    h.TakeLogs();
+    return h.container.lastClickTick;
+}
+
+// A second tap that goes down at (downX, 2000) and lifts at (liftX, 2000) exactly at the
+// start of tick `liftTick`.
+void SecondTap(CGestureHarness& h, int downX, int liftX, int64_t liftTick) {
+    const uint64_t untilLift = h.MicrosUntilTick(liftTick);
+    ASSERT_GT(untilLift, 10000u);
+    h.Play("wait " + Str(static_cast<int64_t>(untilLift) - 10000) + "us\ndown 1 " + Str(downX) +
+           " 2000\nup 1 " + Str(liftX) + " 2000\n");
+    EXPECT_EQ(h.Tick(), liftTick);
+}
+
+struct SecondTapCase {
+    const char* name;
+    int downX;
+    int liftX;
+    int64_t ticks;  // after the first release
+};
+
+class SecondTapTest : public testing::TestWithParam<SecondTapCase> {};
+
+// Verify how a quick second tap ends: a double click when it lifts within 14 ticks, within
+// 200 units of the first click and having moved at most 100; otherwise the up goes on.
+TEST_P(SecondTapTest, Outcome) {
+    const SecondTapCase& c = GetParam();
+    CGestureHarness h;
+    const int64_t first = FirstTap(h);
+    SecondTap(h, c.downX, c.liftX, first + c.ticks);
+    const float down = static_cast<float>(c.downX);
+    const float lift = static_cast<float>(c.liftX);
+    const Events pressAndUp{h.Left(T::LeftMouseDown, down, 2000),
+                            h.Left(T::LeftMouseUp, lift, 2000)};
+    const float nearClick = std::abs(lift - 1000.0f);
+    const bool quick = c.ticks <= 14;
+    if (!quick) {
+        EXPECT_EQ(h.TakeEvents(), pressAndUp);
+        EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_UP);
+        EXPECT_EQ(h.container.lastClickTick, first + c.ticks);
+        EXPECT_EQ(h.container.lastClickX, lift);
+    } else if (nearClick <= 200 && std::abs(lift - down) <= 100) {
+        EXPECT_EQ(h.TakeEvents(), Concat({pressAndUp, DoubleClick(h, lift, 2000)}));
+        EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_DBCLICK);
+        EXPECT_EQ(h.container.buttonState, 3u);
+        EXPECT_EQ(h.container.lastClickTick, first);
+    } else {
+        // Not a double click: the button goes on to a drag and stays "held".
+        EXPECT_EQ(h.TakeEvents(),
+                  Concat({pressAndUp, Events{h.Left(T::LeftMouseDragged, lift, 2000)}}));
+        EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_DRAG);
+        EXPECT_EQ(h.container.buttonState, 2u);
+        EXPECT_EQ(h.container.lastClickTick, first);  // left as it was
+        EXPECT_EQ(h.container.lastClickX, 1000.0f);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SecondTapTest,
+    testing::Values(SecondTapCase{"SamePlaceAt14Ticks", 1000, 1000, 14},
+                    SecondTapCase{"SamePlaceAt15Ticks", 1000, 1000, 15},
+                    SecondTapCase{"Exactly200Away", 1200, 1200, 5},
+                    SecondTapCase{"FarAway", 1201, 1201, 5},
+                    SecondTapCase{"MovedExactly100", 1050, 1150, 5},
+                    SecondTapCase{"Moved101", 1050, 1151, 5}),
+    [](const testing::TestParamInfo<SecondTapCase>& info) { return std::string(info.param.name); });
+
+// Verify the log lines of a double click.
+TEST(OneFinger, DoubleClickLogs) {
+    CGestureHarness h;
+    const int64_t first = FirstTap(h);
+    SecondTap(h, 1003, 1003, first + 3);
+    const std::vector<TLoggedLine> logs = h.TakeLogs();
+    EXPECT_EQ(std::vector<TLoggedLine>(logs.end() - 4, logs.end()),
+              (std::vector<TLoggedLine>{{TLogChannel::System, "mouse up start"},
+                                        {TLogChannel::System, "distance:3.000000"},
+                                        {TLogChannel::System, "MYdistance:0.000000"},
+                                        {TLogChannel::Stdout, "1-DBClick"}}));
+}
+
+// Verify that short touches that start a new touch post Command-0, then Command-9, then
+// Command-0 again, and no mouse event.
+TEST(OneFinger, ShortTouchesToggleZoom) {
+    CGestureHarness h;
+    h.Play("down 1 1000 2000\nup 1\n");
+    EXPECT_EQ(h.TakeEvents(), CGestureHarness::Shortcut("0", EVENT_FLAG_COMMAND));
+    EXPECT_FALSE(h.container.zoomToggle);
+    EXPECT_EQ(h.container.touchStartTick, 0);
+    EXPECT_EQ(h.container.gestureSent, 1);
+    for (const char* key : {"9", "0"}) {
+        h.container.fingerMode = 2;  // as a two-finger gesture leaves it
+        h.Play("wait 1s\ndown 1 1000 2000\nup 1\n");
+        EXPECT_EQ(h.TakeEvents(), CGestureHarness::Shortcut(key, EVENT_FLAG_COMMAND)) << key;
+    }
+    EXPECT_EQ(h.container.buttonState, 0u);  // never pressed
+}
+
+// Verify that a long touch that moved 50 units or more, ending before it pressed, is
+// replayed as a drag: press and release at unscaled device points, one drag per sample, all
+// at the scaled end point.
+TEST(OneFinger, LongTouchReplaysDrag) {
+    CGestureHarness h;
+    h.Play("down 1 1000 2000\nwait 1s\nup 1 1050 2000\n");
+    EXPECT_EQ(h.TakeEvents(),
+              (Events{CGestureHarness::LeftUnscaled(T::LeftMouseDown, 1000, 2000),
+                      h.Left(T::LeftMouseDragged, 1050, 2000),
+                      h.Left(T::LeftMouseDragged, 1050, 2000),
+                      CGestureHarness::LeftUnscaled(T::LeftMouseUp, 1050, 2000)}));
+    EXPECT_EQ(h.TakeLines(TLogChannel::Stdout).back(), "3-up");
+    EXPECT_EQ(h.container.buttonState, 3u);
+}
+
+// Verify that a long touch that moved less than 50 ends with an unflagged up and, because the
+// lift has just stamped the click time, a double click.
+TEST(OneFinger, LongStillTouchEndsWithDoubleClick) {
+    CGestureHarness h;
+    h.Play("down 1 1000 2000\nwait 1s\nup 1 1049 2000\n");
+    EXPECT_EQ(h.TakeEvents(),
+              Concat({Events{PlainUp(h, 1049, 2000)}, DoubleClick(h, 1049, 2000)}));
+    EXPECT_EQ(h.TakeLines(TLogChannel::System),
+              (std::vector<std::string>{"new point add", "asdasd", "mark1", "sigleclick start",
+                                        "doubleclick", "sigleclick end"}));
+}
+
+// Verify the three-finger latch: one finger moves nothing and logs "one", and its lift is
+// finished by toSingleClick instead of the dispatcher: an unflagged up and a click.
+TEST(OneFinger, ThreeFingerLatchSilencesOneFinger) {
+    CGestureHarness h;
+    h.container.SetLocalGesture(TFS_THREE_FINGERS_TAP);
+    h.Play("down 1 1000 2000\nmove 1 1010 2000 in 2\n");
+    EXPECT_TRUE(h.TakeEvents().empty());
+    EXPECT_EQ(h.tracker.LastGesture(), TFS_THREE_FINGERS_TAP);
+    const std::vector<std::string> system = h.TakeLines(TLogChannel::System);
+    EXPECT_EQ(std::count(system.begin(), system.end(), "one"), 3);
+
+    h.Play("up 1\n");
+    EXPECT_EQ(h.TakeEvents(), Concat({Events{PlainUp(h, 1010, 2000)}, Click(h, 1010, 2000)}));
+    const std::vector<TLoggedLine> logs = h.TakeLogs();
+    EXPECT_EQ(std::count(logs.begin(), logs.end(), TLoggedLine{TLogChannel::Stdout, "1"}), 0);
+    EXPECT_EQ(h.container.lastClickX, 1010.0f);
+    EXPECT_EQ(h.container.localGesture, TFS_THREE_FINGERS_TAP);
+
+    // An empty frame ends the hand: the latch is reset.
+    h.Play("hold 1\n");
+    EXPECT_EQ(h.container.localGesture, TFS_NONE);
+    EXPECT_EQ(h.tracker.LastGesture(), TFS_NONE);
+}
+
+// Verify releaseClick: a held button is released at (0, 0) once; otherwise nothing at all.
+TEST(OneFinger, ReleaseClick) {
+    CGestureHarness h;
+    h.container.releaseClick();
+    EXPECT_TRUE(h.TakeEvents().empty());
+    EXPECT_TRUE(h.TakeLogs().empty());
+    h.Play("down 1 1000 2000\nhold 1\n");
+    h.TakeEvents();
+    h.TakeLogs();
+    h.container.releaseClick();
+    EXPECT_EQ(h.TakeEvents(),
+              (Events{TInputEvent::Mouse(T::LeftMouseUp, 0, 0, EVENT_FLAG_SECONDARY_FN)}));
+    EXPECT_EQ(h.TakeLogs(), (std::vector<TLoggedLine>{{TLogChannel::System, "releaseclick"}}));
+    EXPECT_EQ(h.container.buttonState, 3u);
+    h.container.releaseClick();
+    EXPECT_TRUE(h.TakeEvents().empty());
+}
+
+// Verify that a contact without samples yields TFS_NONE and posts nothing.
+TEST(OneFinger, EmptyPathDoesNothing) {
+    CGestureHarness h;
+    CTouchPointInfo contact(1, 5.0f, 5.0f, 0, 0, 0);
+    contact.Remove();
+    EXPECT_EQ(h.container.OneFingerTouchType(&contact, true), TFS_NONE);
+    h.container.toSingleClick(&contact);
+    EXPECT_TRUE(h.TakeEvents().empty());
+}
+
+// Verify the dispatcher's finger counts: none and more than five do nothing and print
+// nothing; one to five print their count.
+TEST(Dispatcher, FingerCounts) {
+    CGestureHarness h;
+    std::vector<CTouchPointInfo> contacts;
+    for (int i = 0; i < 6; ++i) contacts.emplace_back(i, 100.0f * (i + 1), 100.0f, 0, 0, 0);
+    for (size_t n = 0; n <= 6; ++n) {
+        CTouchPointList list;
+        for (size_t i = 0; i < n; ++i) list.push_back(&contacts[i]);
+        h.container.SetLocalGesture(TFS_ONE_FINGER_DRAG);
+        const TELO_FINGER_STATUS result = h.container.DealPoints(list, true);
+        const std::vector<std::string> out = h.TakeLines(TLogChannel::Stdout);
+        if (n == 0 || n > 5) {
+            EXPECT_EQ(result, TFS_NONE) << n;
+            EXPECT_TRUE(out.empty()) << n;
+        } else {
+            ASSERT_FALSE(out.empty()) << n;
+            EXPECT_EQ(out.front(), std::to_string(n));
+        }
+        EXPECT_EQ(h.container.localGesture, result) << n;
+    }
+    EXPECT_TRUE(h.TakeEvents().empty());
+}
+
+// Verify the shared posting helpers the multi-finger handlers use.
+TEST(Dispatcher, PostingHelpers) {
+    CGestureHarness h(1000.0f, 500.0f);
+    const TScreenPoint p = h.container.ScalePoint(32767.0f, 16383.5f);
+    EXPECT_DOUBLE_EQ(p.x, 1000.0);
+    EXPECT_DOUBLE_EQ(p.y, 250.0);
+    h.container.PostRightClick(TScreenPoint{1, 2});
+    h.container.PostScroll(-12);
+    h.container.PostShortcut("F7", EVENT_FLAG_SECONDARY_FN);
+    EXPECT_EQ(h.TakeEvents(),
+              (Events{TInputEvent::Mouse(T::RightMouseDown, 1, 2, 0, 0, TMouseButton::Right),
+                      TInputEvent::Mouse(T::RightMouseUp, 1, 2, 0, 0, TMouseButton::Right),
+                      TInputEvent::Scroll(-12, 0), TInputEvent::Key(true, 98, 0x800000),
+                      TInputEvent::Key(false, 98, 0x800000)}));
+    CTouchPointInfo a(1, 10, 10, 0, 0, 0), b(2, 20, 20, 0, 0, 0);
+    h.container.ClearTouchPointLists({&a, &b});
+    EXPECT_TRUE(a.PathEmpty());
+    EXPECT_TRUE(b.PathEmpty());
+    h.container.SetHoldStatus(true);
+    EXPECT_TRUE(h.container.holdStatus);
+    EXPECT_EQ(h.container.gestureSent, 0);
+}
+
+}  // namespace
