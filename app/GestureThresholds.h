@@ -10,21 +10,20 @@
 namespace TwoFingerThresholds {
 
 // Swipe and scroll (TwoFingersRoll).
-constexpr int kRollMinDistance = 500;      // each contact moved at least this far (units, truncated)
+constexpr int kRollMinDistance = 500;      // each contact moved this far (units, truncated)
 constexpr int kRollMaxBearingSpread = 45;  // the two bearings differ by at most this many degrees
 
-// Border swipe: a left swipe starting this close to the right screen edge (points, strictly less).
-constexpr double kBorderEdgePoints = 80.0;
+// Border swipe.
+constexpr double kBorderEdgePoints = 80.0;  // a left swipe starting closer (points) to the right
+                                            // screen edge is the border gesture
 
 // Lift timing.
-constexpr int64_t kDoubleTouchTicks = 15;  // a two-finger lift fewer ticks after the last is the double touch
-constexpr int64_t kTapWindowTicks = 199;   // a lift at most this long after the last two-finger frame may tap
+constexpr int64_t kDoubleTouchTicks = 15;  // a lift sooner than this after the last: double touch
+constexpr int64_t kTapWindowTicks = 199;   // a lift within this of the last two-finger frame taps
 
-// Tap (TwoFingersTap): each contact moved less than this many units.
-constexpr float kTapMaxDistance = 800.0f;
-
-// Scroll: the amount is C0's vertical movement divided by this.
-constexpr double kScrollDivisor = 10.0;
+// Tap and scroll.
+constexpr float kTapMaxDistance = 800.0f;  // each contact moved less than this (units) for a tap
+constexpr double kScrollDivisor = 10.0;    // scroll amount = C0's vertical movement / this
 
 // Zoom and rotation (TwoFingersZoomRotation).
 constexpr int kZoomRotationMinDistance = 800;  // below this for both contacts nothing is judged
@@ -33,14 +32,13 @@ constexpr int kAxisTurnDegrees = 35;           // finer split deciding whose tre
 constexpr int kZoomMovedDistance = 801;        // a contact counts as moved from this distance on
 constexpr int kZoomStillDistance = 799;        // and as still up to this one; 800 decides nothing
 constexpr int kZoomAxisDegrees = 20;           // the moving contact stays this close to the axis
-constexpr int kZoomMinChange = 800;            // the distance to the reference changes at least this
+constexpr int kZoomMinChange = 800;            // the distance to the reference changes by this
 
 }  // namespace TwoFingerThresholds
 
 namespace ThreeFingerThresholds {
 
-// Each of the first three contacts moved less than this many units: the hand is held still.
-constexpr float kTapMaxDistance = 100.0f;
+constexpr float kTapMaxDistance = 100.0f;  // each of the first three moved less: hand held still
 
 }  // namespace ThreeFingerThresholds
 
