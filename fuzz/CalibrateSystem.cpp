@@ -4,14 +4,19 @@
 //
 // Input layout (missing bytes read as zero):
 //   byte 0          options: bit 0 geometry as four int32 (else four int16, as the worker
-//                   widens them); bit 1 also run the other output forms
+//                   widens them); bit 1 also run the other output forms; bit 2 the
+//                   configuration is a device block for DecodeDevConfig
 //   geometry        8 or 16 bytes: logicalWidth, logicalHeight, rawWidth, rawHeight
+// then with bit 2:
+//   2 bytes         block length L, then L bytes of block
+// else:
 //   4 bytes         flags
 //   1 + 1 bytes     areaCount, panelCount as the record holds them (not clamped here)
 //   60 per area     up to 32 areas, copied unchanged
 //   24 per panel    up to 4 panel heads, copied unchanged
 //   63 per frame    frame payloads through DecodeFrameBuffer, up to 16 frames
 #include "CCalibrateSystem.h"
+#include "MtDevConfig.h"
 #include "MtDevFrame.h"
 
 #include <algorithm>
@@ -19,6 +24,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -75,13 +81,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     static auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
     std::memset(config.get(), 0, sizeof *config);
-    config->flags = in.Get<uint32_t>();
-    config->areaCount = in.Get<uint8_t>();
-    config->panelCount = in.Get<uint8_t>();
-    const int areas = std::min<int>(config->areaCount, DEV_CONFIG_MAX_AREAS);
-    for (int i = 0; i < areas; ++i) in.Take(&config->areas[i], sizeof config->areas[i]);
-    const int panels = std::min<int>(config->panelCount, DEV_CONFIG_MAX_PANELS);
-    for (int i = 0; i < panels; ++i) in.Take(&config->panels[i], HBRECT_HEAD_BYTES);
+    if ((options & 4) != 0) {
+        // Whatever the decoder leaves in the record is used, even after a failure.
+        const size_t length = std::min<size_t>(in.Get<uint16_t>(), in.Left());
+        std::vector<uint8_t> block(length);
+        in.Take(block.data(), length);
+        DecodeDevConfig(block.data(), static_cast<int>(length), config.get());
+    } else {
+        config->flags = in.Get<uint32_t>();
+        config->areaCount = in.Get<uint8_t>();
+        config->panelCount = in.Get<uint8_t>();
+        const int areas = std::min<int>(config->areaCount, DEV_CONFIG_MAX_AREAS);
+        for (int i = 0; i < areas; ++i) in.Take(&config->areas[i], sizeof config->areas[i]);
+        const int panels = std::min<int>(config->panelCount, DEV_CONFIG_MAX_PANELS);
+        for (int i = 0; i < panels; ++i) in.Take(&config->panels[i], HBRECT_HEAD_BYTES);
+    }
 
     CCalibrateSystem cal;
     if (!cal.InitCalibrateSys(config.get(), &geometry)) return 0;

@@ -167,6 +167,36 @@ TEST_F(CalibrateSystemTest, DefaultAreaThroughTheSystem) {
     EXPECT_EQ(frame[2].y, frame[0].y);
 }
 
+TEST_F(CalibrateSystemTest, DeviceDefaultsFromTheConfigurationCodec) {
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    DefaultDevConfig(0, 0, config.get());
+    DefaultDevCalConfig(0, 0, config.get());
+    ASSERT_TRUE(cal.InitCalibrateSys(config.get(), &geometry));
+    EXPECT_TRUE(cal.KeepOutside());
+    EXPECT_EQ(cal.Buttons(), nullptr);
+    ASSERT_EQ(Count(cal.Areas()), 1);
+
+    // The same default area through a device block.
+    std::vector<uint8_t> block(static_cast<size_t>(EncodeDevConfig(config.get(), nullptr)));
+    EncodeDevConfig(config.get(), block.data());
+    auto decoded = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    ASSERT_EQ(DecodeDevConfig(block.data(), static_cast<int>(block.size()), decoded.get()),
+              DEV_CONFIG_DECODE_OK);
+    CCalibrateSystem fromBlock;
+    ASSERT_TRUE(fromBlock.InitCalibrateSys(decoded.get(), &geometry));
+
+    for (CCalibrateSystem* system : {&cal, &fromBlock}) {
+        Frame frame({{1, 2, 16384, 16384}});
+        system->CalFramePoint(frame.get());
+        system->GetAbsHIDCoords(frame.get());
+        EXPECT_EQ(system->Slot(1)->x, 960.0f);
+        EXPECT_EQ(system->Slot(1)->y, 540.0f);
+        EXPECT_EQ(frame[0].x, 16383);
+        EXPECT_EQ(frame[0].y, 16383);
+        EXPECT_EQ(Cell(frame[0]), std::make_pair(0, 0));
+    }
+}
+
 TEST_F(CalibrateSystemTest, ContactSpanThroughTheArea) {
     auto config = Config(DEV_FLAG_AREAS_ENABLED | DEV_FLAG_KEEP_OUTSIDE);
     AddArea(*config, DefaultArea());
