@@ -1,5 +1,7 @@
 #include "CTouchPointContainer.h"
 
+#include <charconv>
+
 #include "MtDevLog.h"
 #include "MultiPlatformAPI.h"
 
@@ -14,6 +16,17 @@ constexpr int64_t kClickAfterClickTicks = 40;  // toSingleClick's own double-cli
 constexpr float kDoubleClickRadius = 200.0f;
 constexpr float kDoubleClickStillness = 100.0f;
 constexpr float kDragReplayDistance = 50.0f;
+
+// A value as printf's "%f" writes it (six decimals, correctly rounded), without printf's slow
+// general-purpose float path: the per-frame lines are written on every frame of a touch.
+struct TFixed {
+    explicit TFixed(double value) {
+        const auto result = std::to_chars(text, text + sizeof text - 1, value,
+                                          std::chars_format::fixed, 6);
+        *(result.ec == std::errc() ? result.ptr : text) = '\0';
+    }
+    char text[340];  // the longest double in fixed notation fits
+};
 
 }  // namespace
 
@@ -97,9 +110,9 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
     const CTouchPointPath path = contact->getPointsPath();
     const CTouchPoint first = path.front();
     const CTouchPoint last = path.back();
-    TLogStdout("x:%fy:%f", last.x, last.y);
+    TLogStdout("x:%sy:%s", TFixed(last.x).text, TFixed(last.y).text);
     const TScreenPoint at = ScalePoint(last.x, last.y);
-    TLogStdout("point.x:%fpoint.y:%f", at.x, at.y);
+    TLogStdout("point.x:%spoint.y:%s", TFixed(at.x).text, TFixed(at.y).text);
 
     if (fingerMode != 1) {
         // A new touch only arms; it never presses on its first frame.

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -82,6 +83,22 @@ TEST(OneFinger, LogLines) {
     h.Play("up 1\n");
     EXPECT_EQ(h.TakeLines(TLogChannel::System),
               (std::vector<std::string>{"mouse up start", "mouse up end"}));
+}
+
+// Verify that the per-frame position lines print exactly as "%f" does, odd values included.
+TEST(OneFinger, PositionLinesMatchPrintf) {
+    for (const int x : {1, 777, 12345, 32766}) {
+        CGestureHarness h(1366.0f, 768.0f);
+        h.Play("down 1 " + Str(x) + " 31999\n");
+        const TScreenPoint p = h.Scaled(static_cast<float>(x), 31999.0f);
+        char expected[2][200];
+        std::snprintf(expected[0], sizeof expected[0], "x:%fy:%f", static_cast<double>(x), 31999.0);
+        std::snprintf(expected[1], sizeof expected[1], "point.x:%fpoint.y:%f", p.x, p.y);
+        const std::vector<std::string> out = h.TakeLines(TLogChannel::Stdout);
+        ASSERT_EQ(out.size(), 3u);
+        EXPECT_EQ(out[1], expected[0]);
+        EXPECT_EQ(out[2], expected[1]);
+    }
 }
 
 // Consecutive one-finger touches press on their first frame: only a new finger count re-arms.
