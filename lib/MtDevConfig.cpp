@@ -184,11 +184,11 @@ void DecodeKeys(const uint8_t* panelBytes, int panelLength, int keys, const uint
 
 // Record 0x80. `content` is the record after its length field (`length` bytes, all inside the
 // block); `headerPanels` is nP from the block's header.
-void DecodePanelRecord(const uint8_t* content, int length, int headerPanels,
-                       _HARDWARE_DEV_CONFIG& config, int64_t& count) {
+void ReadPanels(const uint8_t* content, int length, int headerPanels,
+                _HARDWARE_DEV_CONFIG& config, int64_t& count) {
     count = 4 * config.panelCount + 4;
     if (count > length) return;
-    const int textAreaOffset = Get16(content);  // A, counted from `content`
+    const int textAreaOffset = Get16(content);      // A, counted from `content`
     const int textAreaLength = Get16(content + 2);  // S
     if (textAreaOffset + textAreaLength > length || headerPanels == 0) return;
     const uint8_t* textArea = content + textAreaOffset;
@@ -196,28 +196,31 @@ void DecodePanelRecord(const uint8_t* content, int length, int headerPanels,
     for (int i = 0; i < headerPanels; ++i) {
         const int index = 4 + 4 * i;
         if (index + 4 > length) return;  // the index itself runs past the record
-        const int offset = Get16(content + index);     // O
-        const int size = Get16(content + index + 2);   // E
+        const int offset = Get16(content + index);    // O
+        const int size = Get16(content + index + 2);  // E
         if (size < PANEL_HEAD_BYTES || offset + size > length) return;
 
         const uint8_t* panelBytes = content + offset;
         _HBRECT_CONFIG_FILE& panel = config.panels[i];
-        const bool slotCounted = i < config.panelCount;  // only when an earlier 0x80 filled it
-        std::memcpy(&panel, panelBytes, HBRECT_HEAD_BYTES);
+        std::memcpy(&panel, panelBytes, HBRECT_HEAD_BYTES);  // copied before it is checked
         const int keys = panel.rows * panel.columns;
-        bool fits = keys <= DEV_CONFIG_MAX_KEYS;
-        if (fits) {
-            count = KEY_ENTRY_BYTES * keys;
-            fits = size - PANEL_HEAD_BYTES >= KEY_ENTRY_BYTES * keys;
-        }
-        if (!fits) {
-            // The failing head stays in its slot uncounted; a slot that already counts (filled
-            // by an earlier 0x80 record) must not be left with more keys than it holds.
-            if (slotCounted) panel.rows = panel.columns = 0;
-            return;
-        }
+        if (keys > DEV_CONFIG_MAX_KEYS) return;
+        count = KEY_ENTRY_BYTES * keys;
+        if (size - PANEL_HEAD_BYTES < KEY_ENTRY_BYTES * keys) return;
         if (config.panelCount < DEV_CONFIG_MAX_PANELS) ++config.panelCount;
         DecodeKeys(panelBytes, size, keys, textArea, textAreaLength, panel);
+    }
+}
+
+void DecodePanelRecord(const uint8_t* content, int length, int headerPanels,
+                       _HARDWARE_DEV_CONFIG& config, int64_t& count) {
+    ReadPanels(content, length, headerPanels, config, count);
+    // A repeated 0x80 record fills the slots from the first again while the count goes on
+    // rising, so a counted slot may hold a head that failed its checks, or whatever the record
+    // held before. No counted panel may claim more keys than it has slots.
+    for (int p = 0; p < config.panelCount; ++p) {
+        _HBRECT_CONFIG_FILE& panel = config.panels[p];
+        if (panel.rows * panel.columns > DEV_CONFIG_MAX_KEYS) panel.rows = panel.columns = 0;
     }
 }
 
@@ -627,4 +630,96 @@ int EncodeDevConfigOverride(const _HARDWARE_CONFIG_OVERRIDE* override, uint8_t* 
         for (int i = 0; i < 4; ++i) out[14 + i] = static_cast<uint8_t>(override->edgeAdjust[i]);
     }
     return DEV_CONFIG_OVERRIDE_BYTES;
+}
+
+namespace {
+
+bool SameUnits(const WideText& a, const WideText& b) {
+    const UnitText ua = ToUnits(a);
+    const UnitText ub = ToUnits(b);
+    for (int i = 0; i < DEV_CONFIG_TEXT_CHARS; ++i) {
+        if (ua.units[i] != ub.units[i]) return false;
+        if (ua.units[i] == 0) return true;
+    }
+    return true;
+}
+
+int CarriedBackup(const _HARDWARE_DEV_CONFIG& c) {
+    return c.backupLength <= MAX_BACKUP_WRITTEN ? c.backupLength : 0;
+}
+
+const char* KeyDifference(const _HARDWARE_KEY_CONFIG& a, const _HARDWARE_KEY_CONFIG& b) {
+    if (a.type != b.type) return "key type";
+    if (a.rect.x != b.rect.x || a.rect.y != b.rect.y || a.rect.width != b.rect.width ||
+        a.rect.height != b.rect.height) {
+        return "key rect";
+    }
+    switch (KindOf(a.type)) {
+        case KeyKind::Code:
+            if (a.code0 != b.code0 || a.code1 != b.code1 || a.code2 != b.code2) return "key code";
+            return nullptr;
+        case KeyKind::Text3:
+            if (a.keyValue3 != b.keyValue3) return "keyValue3";
+            [[fallthrough]];
+        case KeyKind::Text2:
+            if (a.keyValue1 != b.keyValue1) return "keyValue1";
+            if (a.keyValue2 != b.keyValue2) return "keyValue2";
+            if (!SameUnits(LoadKeyText(a), LoadKeyText(b))) return "key text";
+            return nullptr;
+        case KeyKind::None:
+            return nullptr;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+const char* DevConfigFirstDifference(const _HARDWARE_DEV_CONFIG* a,
+                                     const _HARDWARE_DEV_CONFIG* b) {
+#define IRFRAME_SAME(field) \
+    if (a->field != b->field) return #field
+    if (!SameUnits(LoadRecordText(*a), LoadRecordText(*b))) return "text";
+    IRFRAME_SAME(textValue1);
+    IRFRAME_SAME(textValue2);
+    IRFRAME_SAME(flags);
+    IRFRAME_SAME(option0);
+    IRFRAME_SAME(option1);
+    IRFRAME_SAME(option2);
+    IRFRAME_SAME(option3);
+    IRFRAME_SAME(value0);
+    IRFRAME_SAME(value1);
+    IRFRAME_SAME(rec1Value0);
+    IRFRAME_SAME(rec1Value1);
+    IRFRAME_SAME(rec1Byte);
+    IRFRAME_SAME(rec4Byte);
+    IRFRAME_SAME(rec2Value);
+    IRFRAME_SAME(netAddress);
+    IRFRAME_SAME(port);
+    IRFRAME_SAME(port2);
+    IRFRAME_SAME(areaCount);
+    IRFRAME_SAME(extraCount);
+    IRFRAME_SAME(panelCount);
+#undef IRFRAME_SAME
+    const int areas = std::min<int>(a->areaCount, DEV_CONFIG_MAX_AREAS);
+    if (std::memcmp(a->areas, b->areas, static_cast<size_t>(AREA_BYTES * areas)) != 0) {
+        return "areas";
+    }
+    const int extras = std::min<int>(a->extraCount, DEV_CONFIG_MAX_EXTRAS);
+    if (std::memcmp(a->extras, b->extras, static_cast<size_t>(DEV_CONFIG_EXTRA_BYTES * extras)) !=
+        0) {
+        return "extras";
+    }
+    for (int p = 0; p < PanelsInUse(*a); ++p) {
+        const _HBRECT_CONFIG_FILE& pa = a->panels[p];
+        const _HBRECT_CONFIG_FILE& pb = b->panels[p];
+        if (std::memcmp(&pa, &pb, HBRECT_HEAD_BYTES) != 0) return "panel head";
+        for (int k = 0; k < KeysInUse(pa); ++k) {
+            if (const char* what = KeyDifference(pa.keys[k], pb.keys[k])) return what;
+        }
+    }
+    if (CarriedBackup(*a) != CarriedBackup(*b)) return "backupLength";
+    if (std::memcmp(a->backup, b->backup, static_cast<size_t>(CarriedBackup(*a))) != 0) {
+        return "backup";
+    }
+    return nullptr;
 }

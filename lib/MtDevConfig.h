@@ -237,3 +237,9 @@ int RecoverDevConfig(_HARDWARE_DEV_CONFIG* config);  // as DecodeDevConfig, or -
 
 void GetDevConfigOverride(const _HARDWARE_DEV_CONFIG* config, _HARDWARE_CONFIG_OVERRIDE* override);
 int EncodeDevConfigOverride(const _HARDWARE_CONFIG_OVERRIDE* override, uint8_t* out);  // 18
+
+// Compares two records on everything a block carries, so that a record and the record decoded
+// from its encoding agree: the general fields, the areas, extras and panels in use, for each key
+// in use the fields of its type, texts as their 16-bit code units, and a backup of 1 to 2047
+// bytes. Null when they agree, else the name of the first field that differs.
+const char* DevConfigFirstDifference(const _HARDWARE_DEV_CONFIG* a, const _HARDWARE_DEV_CONFIG* b);
