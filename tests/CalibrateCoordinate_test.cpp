@@ -279,21 +279,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Rotation{RotateCoordsHID_180, 100, 2000, 32667, 30767},
                       Rotation{RotateCoordsHID_270, 100, 2000, 30767, 100}));
 
-TEST(CalibrateCoordinate, RotationsComposeToIdentity) {
-    _CAL_COORDINATE_INFO info{};
-    info.x.SetInt(1234);
-    info.y.SetInt(31000);
-    RotateCoordsHID_90(&info);
-    RotateCoordsHID_270(&info);
-    EXPECT_EQ(info.x.AsInt(), 1234);
-    EXPECT_EQ(info.y.AsInt(), 31000);
-    RotateCoordsHID_90(&info);
-    RotateCoordsHID_90(&info);
-    RotateCoordsHID_180(&info);
-    EXPECT_EQ(info.x.AsInt(), 1234);
-    EXPECT_EQ(info.y.AsInt(), 31000);
-}
-
 class SqrtIntTest : public ::testing::TestWithParam<std::tuple<uint32_t, uint32_t>> {};
 
 TEST_P(SqrtIntTest, Value) {
