@@ -27,6 +27,9 @@ public:
     // Queues `task` to run on the main thread. Safe from any thread; tasks run in order.
     virtual void Post(std::function<void()> task) = 0;
 
+    // Runs `task` on the main thread once `millis` of real time have passed. Main thread only.
+    virtual void PostDelayed(uint64_t millis, std::function<void()> task) = 0;
+
     // Calls `handler` on the main thread with the signal number when SIGTERM or SIGINT arrives.
     virtual void OnTerminationSignal(std::function<void(int signal)> handler) = 0;
 };

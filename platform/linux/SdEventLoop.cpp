@@ -51,15 +51,20 @@ CSdEventLoop::~CSdEventLoop() {
 }
 
 bool CSdEventLoop::RunOnce(uint64_t timeoutMicros) {
+    // After Quit the loop only winds down in Run.
+    if (m_quitRequested) return false;
     return sd_event_run(m_event, timeoutMicros) > 0;
 }
 
 int CSdEventLoop::Run() {
-    const int r = sd_event_loop(m_event);
-    return r < 0 ? 1 : r;
+    if (!m_quitRequested) sd_event_loop(m_event);
+    return m_quitStatus;
 }
 
 void CSdEventLoop::Quit(int status) {
+    if (m_quitRequested) return;
+    m_quitRequested = true;
+    m_quitStatus = status;
     sd_event_exit(m_event, status);
 }
 
@@ -72,6 +77,33 @@ void CSdEventLoop::Post(std::function<void()> task) {
     // The counter cannot overflow in practice (2^64 - 2 pending tasks); a failed write would
     // only delay the task to the next wake-up.
     [[maybe_unused]] ssize_t written = write(m_wakeFd, &one, sizeof one);
+}
+
+void CSdEventLoop::PostDelayed(uint64_t millis, std::function<void()> task) {
+    auto* owned = new std::function<void()>(std::move(task));
+    sd_event_source* source = nullptr;
+    // A floating source: the loop owns it until it fires (or the loop ends); the destroy
+    // callback frees the task with it.
+    const int r = sd_event_add_time_relative(m_event, &source, CLOCK_MONOTONIC, millis * 1000u, 0,
+                                             &OnTimer, owned);
+    if (r < 0) {
+        delete owned;
+        return;
+    }
+    sd_event_source_set_destroy_callback(source, [](void* task) {
+        delete static_cast<std::function<void()>*>(task);
+    });
+    sd_event_source_set_floating(source, 1);
+    sd_event_source_unref(source);
+}
+
+int CSdEventLoop::OnTimer(sd_event_source* source, uint64_t, void* task) {
+    auto* run = static_cast<std::function<void()>*>(task);
+    if (*run) (*run)();
+    // Fired once: take the reference back from the loop and drop it (the task goes with it).
+    sd_event_source_set_floating(source, 0);
+    sd_event_source_unref(source);
+    return 0;
 }
 
 void CSdEventLoop::OnTerminationSignal(std::function<void(int)> handler) {

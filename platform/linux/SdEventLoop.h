@@ -31,6 +31,7 @@ public:
     int Run() override;
     void Quit(int status) override;
     void Post(std::function<void()> task) override;
+    void PostDelayed(uint64_t millis, std::function<void()> task) override;
     void OnTerminationSignal(std::function<void(int signal)> handler) override;
 
     sd_event* Event() const { return m_event; }
@@ -38,6 +39,7 @@ public:
 private:
     CSdEventLoop() = default;
     static int OnWake(sd_event_source* source, int fd, uint32_t events, void* self);
+    static int OnTimer(sd_event_source* source, uint64_t usec, void* task);
     static int OnSignal(sd_event_source* source, const struct signalfd_siginfo* info, void* self);
 
     sd_event* m_event = nullptr;
@@ -49,4 +51,6 @@ private:
     std::mutex m_mutex;
     std::deque<std::function<void()>> m_tasks;  // guarded by m_mutex
     std::function<void(int)> m_onSignal;        // main thread only
+    bool m_quitRequested = false;
+    int m_quitStatus = 0;
 };
