@@ -107,14 +107,19 @@ private:
     std::vector<unsigned> m_waits;
 };
 
-// Short, distinct HID time-outs: a lost reply costs tens of milliseconds, and each wait's
-// time-out tells which step it was. Bulk time-outs keep the device's values (they run on a
-// virtual clock).
+// Short, distinct HID time-outs: a lost reply costs a tenth of a second instead of seconds,
+// yet leaves a loaded machine ample time for a reply that does come; and each wait's time-out
+// tells which step it was. Bulk time-outs keep the device's values (they run on a virtual
+// clock).
+constexpr unsigned kTestReplyMs = 100;
+constexpr unsigned kTestWriteAckMs = 110;
+constexpr unsigned kTestEndAckMs = 120;
+
 inline TMtDevTimeouts ShortHidTimeouts() {
     TMtDevTimeouts t;
-    t.hidReplyMs = 30;
-    t.hidWriteAckMs = 41;
-    t.hidEndAckMs = 52;
+    t.hidReplyMs = kTestReplyMs;
+    t.hidWriteAckMs = kTestWriteAckMs;
+    t.hidEndAckMs = kTestEndAckMs;
     return t;
 }
 
