@@ -493,6 +493,127 @@ TEST(TwoFingerTransitions, FourFingerModeOnlyClears) {
     EXPECT_EQ(c0.PathSize(), 2u);  // not cleared
 }
 
+struct LiftTimingCase {
+    const char* name;
+    int64_t sinceLastLift;   // ticks since touchStartTick
+    int64_t sinceLastFrame;  // ticks since twoFingerTick
+    TELO_FINGER_STATUS outcome;
+};
+
+class TwoFingerLiftTiming : public testing::TestWithParam<LiftTimingCase> {};
+
+// Verify the lift's tick windows: the double touch up to 14 ticks after the last lift, the tap
+// up to 199 ticks after the last two-finger frame (for two fingers that hardly moved).
+TEST_P(TwoFingerLiftTiming, DecidesByTicks) {
+    const LiftTimingCase& c = GetParam();
+    CGestureHarness h;
+    CTouchPointInfo c0(1, 10000, 10000, 0, 0, 0);
+    CTouchPointInfo c1(2, 14000, 10000, 0, 0, 0);
+    c0.Update(10000, 10000, 1);
+    c1.Update(14000, 10000, 1);
+    h.container.fingerMode = 2;
+    h.container.touchStartTick = h.Tick() - c.sinceLastLift;
+    h.container.twoFingerTick = h.Tick() - c.sinceLastFrame;
+    EXPECT_EQ(h.container.DealPoints({&c0, &c1}, false), c.outcome);
+    // touchStartTick: 0 after a double touch, else the lift's tick.
+    EXPECT_EQ(h.container.touchStartTick, c.outcome == TFS_TWO_FINGERS_DBCLICK ? 0 : h.Tick());
+    EXPECT_EQ(h.container.twoFingerTick, h.Tick());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Windows, TwoFingerLiftTiming,
+    testing::Values(LiftTimingCase{"DoubleTouchAt14", 14, 0, TFS_TWO_FINGERS_DBCLICK},
+                    LiftTimingCase{"NoDoubleTouchAt15", 15, 0, TFS_TWO_FINGERS_TAP},
+                    LiftTimingCase{"TapAt199", 15, 199, TFS_TWO_FINGERS_TAP},
+                    LiftTimingCase{"NoTapAt200", 15, 200, TFS_NONE}),
+    [](const testing::TestParamInfo<LiftTimingCase>& info) { return info.param.name; });
+
+struct ZoomGeometryCase {
+    const char* name;
+    float c0From[2], c0To[2], c1From[2], c1To[2];
+    TELO_FINGER_STATUS outcome;
+};
+
+class TwoFingerZoomGeometry : public testing::TestWithParam<ZoomGeometryCase> {};
+
+// Verify each zoom case's own angle check on the classifier: only C0 moved checks E-B, only C1
+// moved checks A-B, both moved checks both and needs different sectors.
+TEST_P(TwoFingerZoomGeometry, AngleChecksPerCase) {
+    const ZoomGeometryCase& c = GetParam();
+    CTouchPointInfo c0(1, c.c0From[0], c.c0From[1], 0, 0, 0);
+    CTouchPointInfo c1(2, c.c1From[0], c.c1From[1], 0, 0, 0);
+    c0.Update(c.c0To[0], c.c0To[1], 1);
+    c1.Update(c.c1To[0], c.c1To[1], 1);
+    EXPECT_EQ(CTouchPointDeal::TwoFingersZoomRotation({&c0, &c1}), c.outcome);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, TwoFingerZoomGeometry,
+    testing::Values(
+        // C1 moves 1803 units 26 degrees off the axis (A-B 26, E-B 0): refused.
+        ZoomGeometryCase{"OnlyC1OffAxis",
+                         {10000, 10000},
+                         {10000, 10000},
+                         {12000, 10000},
+                         {13000, 11500},
+                         TFS_NONE},
+        // The same seen from C1, with C0 moving (E-B 26, A-B 0): refused.
+        ZoomGeometryCase{"OnlyC0OffAxis",
+                         {12000, 10000},
+                         {13000, 11500},
+                         {10000, 10000},
+                         {10000, 10000},
+                         TFS_NONE},
+        // Along the axis both are zooms.
+        ZoomGeometryCase{"OnlyC1AlongAxis",
+                         {10000, 10000},
+                         {10000, 10000},
+                         {12000, 10000},
+                         {13800, 10000},
+                         TFS_TWO_FINGERS_ZOOM_OUT},
+        ZoomGeometryCase{"OnlyC0AlongAxis",
+                         {12000, 10000},
+                         {13800, 10000},
+                         {10000, 10000},
+                         {10000, 10000},
+                         TFS_TWO_FINGERS_ZOOM_OUT},
+        // Both moved right along the axis, C1 twice as far: same sector, no zoom.
+        ZoomGeometryCase{"BothSameSector",
+                         {10000, 10000},
+                         {10900, 10000},
+                         {12000, 10000},
+                         {13800, 10000},
+                         TFS_NONE},
+        ZoomGeometryCase{"BothOppositeSectors",
+                         {10000, 10000},
+                         {9100, 10000},
+                         {12000, 10000},
+                         {13800, 10000},
+                         TFS_TWO_FINGERS_ZOOM_OUT},
+        // Both below 800: nothing is judged, even a large relative change.
+        ZoomGeometryCase{"BothBelow800",
+                         {10000, 10000},
+                         {9201, 10000},
+                         {12000, 10000},
+                         {12799, 10000},
+                         TFS_NONE}),
+    [](const testing::TestParamInfo<ZoomGeometryCase>& info) { return info.param.name; });
+
+// Verify that a list of three contacts given to the two-finger handler ends at the first
+// classifier when it finds nothing: TFS_NONE, paths kept, two-finger mode.
+TEST(TwoFingerTransitions, ThreeContactsStopAfterRoll) {
+    CGestureHarness h;
+    CTouchPointInfo c0(1, 10000, 10000, 0, 0, 0), c1(2, 20000, 10000, 0, 0, 0),
+        c2(3, 15000, 15000, 0, 0, 0);
+    c0.Update(9000, 10000, 1);  // would be a zoom of two contacts
+    c1.Update(20000, 10000, 1);
+    EXPECT_EQ(h.container.TwoFingersTouchType({&c0, &c1, &c2}, true), TFS_NONE);
+    EXPECT_EQ(CTouchPointDeal::TwoFingersZoomRotation({&c0, &c1}), TFS_TWO_FINGERS_ZOOM_OUT);
+    EXPECT_EQ(c0.PathSize(), 2u);
+    EXPECT_EQ(h.container.fingerMode, 2u);
+    EXPECT_TRUE(h.TakeEvents().empty());
+}
+
 // Verify the lift log lines with the tick differences, in ticks.
 TEST(TwoFingerTransitions, LiftLogsTickDifferences) {
     CGestureHarness h;
