@@ -1,0 +1,26 @@
+#include "DeviceJsonSink.h"
+
+#include <ostream>
+
+void CJsonLinesWriter::WriteLine(const std::string& line) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_out << line << '\n';
+    m_out.flush();
+}
+
+std::string CDeviceJsonSink::ToJsonLine(const TInputEvent& event, int deviceNumber) {
+    const std::string fields = CJsonLinesEventSink::ToJsonLine(event);
+    std::string line = "{\"device\":" + std::to_string(deviceNumber);
+    // The event's own object, opened by its brace: splice its members in after ours.
+    if (fields.size() > 2 && fields.front() == '{') {
+        line += ',';
+        line.append(fields, 1, std::string::npos);
+    } else {
+        line += '}';
+    }
+    return line;
+}
+
+void CDeviceJsonSink::Post(const TInputEvent& event) {
+    m_writer.WriteLine(ToJsonLine(event, m_deviceNumber));
+}

@@ -1,0 +1,138 @@
+// The worker of one device: open, configure, learn the frame geometry, set up calibration and
+// gestures, then poll frames back to back until the device goes or stops answering.
+#include <memory>
+
+#include "CCalibrateSystem.h"
+#include "ContactMatching.h"
+#include "LoadEvent.h"
+#include "MtDevConfig.h"
+#include "MtDevLog.h"
+#include "Parameter.h"
+
+extern std::atomic<bool> g_stopWorkers;
+void WorkerEnded();
+const TShellPorts* ShellPorts();
+
+namespace {
+
+// The frame record and its contact storage, allocated once per worker.
+struct TFrameRecord {
+    _HARDWARE_FRAME_SDK frame{};
+    std::unique_ptr<uint8_t[]> storage;
+
+    TFrameRecord() : storage(new uint8_t[kFrameBufferBytes]) {
+        frame.pointBufferBytes = static_cast<uint16_t>(kFrameBufferBytes);
+        frame.pointBuffer = storage.get();
+    }
+};
+
+// Counts the worker out however it returns.
+struct TWorkerScope {
+    ~TWorkerScope() { WorkerEnded(); }
+};
+
+bool Stopping() {
+    return g_stopWorkers.load();
+}
+
+// The orderly end of the process reached a worker that still owns an open device.
+unsigned int EndForShutdown(MtDevNode* node) {
+    node->controller.CloseDevice(0);
+    node->container.releaseClick();
+    TLogSystem("THREAD QUIT");
+    return 0;
+}
+
+}  // namespace
+
+unsigned int test(void* arg) {
+    TWorkerScope scope;
+    auto* pDev = static_cast<MtDevNode*>(arg);
+    TLogSystem("Thread Running");
+
+    if (pDev->controller.OpenDevice(pDev->devPath) != 0) {
+        TLogSystem("opendevice err");
+        pDev->controller.CloseDevice(0);
+        return 0;
+    }
+
+    TLogSystem("STEP 1");
+    // Tens of kilobytes: on the heap rather than the thread's stack.
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    for (int failed = 0;;) {
+        if (Stopping()) return EndForShutdown(pDev);
+        if (pDev->controller.GetDeviceConfig(config.get()) == DE_OK) break;
+        TSleepMicros(kRetryPauseMicros);
+        if (++failed >= kConfigReadTries) {
+            TLogSystem("GETCFG_ERR");
+            pDev->controller.CloseDevice(0);
+            return 0;
+        }
+    }
+
+    TLogSystem("STEP 2");
+    TFrameRecord record;
+    _HARDWARE_FRAME_SDK* frame = &record.frame;
+    pDev->isRunning.store(true);
+
+    for (int failed = 0;;) {
+        if (Stopping()) return EndForShutdown(pDev);
+        if (pDev->controller.GetFrameSdk(frame) == DE_OK) break;
+        TSleepMicros(kRetryPauseMicros);
+        if (++failed >= kFirstFrameTries) {
+            // The run flag stays set on this path.
+            TLogSystem("GETFRAME_ERR");
+            pDev->controller.CloseDevice(0);
+            return 0;
+        }
+    }
+
+    // The first frame gives the geometry; its contacts are not used.
+    const _CS_CONFIG geometry{frame->logicalWidth, frame->logicalHeight,
+                              static_cast<int16_t>(frame->rawWidth),
+                              static_cast<int16_t>(frame->rawHeight)};
+
+    TLogSystem("STEP 3");
+    CCalibrateSystem calibration;
+    calibration.InitCalibrateSys(config.get(), &geometry);
+
+    TLogSystem("STEP 4");
+    const TShellPorts* ports = ShellPorts();
+    const std::optional<TScreenRect> screen =
+        ports != nullptr && ports->screen != nullptr ? ports->screen->MainScreenFrame()
+                                                     : std::nullopt;
+    const TScreenRect board = screen.value_or(TScreenRect{});
+
+    CContactTracker tracker(pDev->container);
+    pDev->container.SetScreenBoard(static_cast<float>(board.width),
+                                   static_cast<float>(board.height));
+
+    TLogSystem("STEP 5");
+    timeval unused;
+    TGetTimeOfDay(&unused);
+
+    for (;;) {
+        for (int k = 0;; ++k) {
+            if (!pDev->isRunning.load()) {
+                if (Stopping() && !pDev->removed.load()) return EndForShutdown(pDev);
+                TLogSystem("THREAD QUIT");
+                return 0;
+            }
+            (void)TGetTickCount();
+            if (k >= kFramePollTries) {
+                TLogSystem("pDev->faildCount==0");
+                pDev->controller.CloseDevice(0);
+                pDev->container.releaseClick();
+                TLogSystem("THREAD QUIT");
+                return 0;
+            }
+            const DEV_ERR result = pDev->controller.GetFrameSdk(frame);
+            if (result == DE_OK) break;
+            TLogSystem("getsdk->err:%d", static_cast<int>(result));
+        }
+        const int64_t stamp = CurrentFrameTimeStamp();
+        calibration.CalFramePoint(frame);
+        calibration.GetAbsHIDCoords(frame);
+        tracker.DealFrame(*frame, stamp);
+    }
+}

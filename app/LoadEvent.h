@@ -1,0 +1,135 @@
+// The service shell: the application object, the device list, discovery's callbacks and the
+// per-device worker.
+//
+// Start-up (main thread): LoadEvent::init -> runProgram -> initVar (screen size, notifications)
+// -> RegisterHidDeviceNotification (one discovery session per row of the matching table; the
+// devices present are handled row by row) -> the main loop runs. Each matched device gets a
+// record (MtDevNode) and a worker thread running `test`, which owns everything of its device.
+// Removal clears the record's run flag and releases a held button; the worker ends at its next
+// poll.
+//
+// Threads: the device list, discovery and notifications live on the main thread. A worker reads
+// its own record. Two things cross: the run flag (atomic) and the container's releaseClick (the
+// container locks itself). The orderly end (Terminate) stops every worker, releases held buttons,
+// has each worker close its device, and waits for them.
+//
+// Platform pieces come in through TShellPorts: the main loop, the discovery sessions, the screen,
+// the notification centre and the event sinks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CTouchPointContainer.h"
+#include "EventSink.h"
+#include "HidManager.h"
+#include "MainLoop.h"
+#include "MtDevComInterface.h"
+#include "MtDevCtrlInterface.h"
+#include "MultiPlatformAPI.h"
+#include "Notifications.h"
+#include "Screen.h"
+
+// One record per device appearance; records are never unlinked while the process runs.
+struct MtDevNode {
+    MtDevNode* next = nullptr;
+    TMACDEVICEPATH* devPath = nullptr;  // handed to OpenDevice; owned by the record
+    int32_t faildCount = 0;             // set to 5; nothing reads it
+    CMtHidDevice* hidDevice = nullptr;  // the platform's device object (owned by discovery)
+    CkorFrameThread* thread = nullptr;  // the worker started last
+    std::atomic<bool> isRunning{false}; // cleared on removal, set by the worker once configured
+    CMtDevController controller;
+    CTouchPointContainer container;
+
+    // Set with the run flag's clearing on removal: the worker then leaves the device as it is,
+    // also during the orderly end.
+    std::atomic<bool> removed{false};
+
+    // Main thread only.
+    int deviceNumber = 0;                   // 1, 2, ... in order of creation (names the device)
+    std::vector<CkorFrameThread*> workers;  // every worker started on the record
+};
+
+// Head of the device list; main thread only.
+extern MtDevNode* cmtDevHead;
+
+// The record of `device`: the existing one, or a new one at the head of the list.
+MtDevNode* insertDevNode(CMtHidDevice* device);
+// Stops the worker of `device`'s record: clears the run flag, releases a held button and logs
+// "TOUCH DEV RELEASE". The record stays; the device is not closed here.
+void removeDevice(CMtHidDevice* device);
+// Discovery callbacks (main thread). A worker is started on every matched call.
+void hidDeviceAdd(void* context, int result, void* sender, CMtHidDevice* device);
+void hidDeviceRemove(void* context, int result, void* sender, CMtHidDevice* device);
+// The worker: the thread routine of a device record. Always returns 0.
+unsigned int test(void* arg);
+
+// What the shell needs from the platform. Every pointer must outlive the shell.
+struct TShellPorts {
+    IMainLoop* loop = nullptr;
+    IHidManagerFactory* hidManagers = nullptr;
+    IScreen* screen = nullptr;                     // null: there is no screen
+    INotificationCenter* notifications = nullptr;  // null: no notifications
+    // The sink of a device's container, by device number; null (or no function): events dropped.
+    std::function<CEventSink*(int deviceNumber)> sinkForDevice;
+};
+
+// Ports used by the device list and the workers. Set before discovery starts (LoadEvent does).
+void SetShellPorts(const TShellPorts* ports);
+
+// Workers started and not yet ended.
+int LiveWorkerCount();
+// Asks every worker to stop and end in order (release, close). Main thread.
+void StopAllWorkers();
+// Waits until no worker runs, up to `waitMillis` of real time. True when all ended.
+bool WaitForWorkers(int waitMillis);
+// Frees every record and its worker objects; workers must have ended. For the end of a run and
+// for tests. Main thread.
+void ReleaseDeviceList();
+
+class LoadEvent {
+public:
+    explicit LoadEvent(const TShellPorts& ports);
+    ~LoadEvent();
+
+    LoadEvent(const LoadEvent&) = delete;
+    LoadEvent& operator=(const LoadEvent&) = delete;
+
+    // Runs the whole start-up; returns this object.
+    LoadEvent* init();
+    void runProgram();
+    void initVar();
+    // Ends the process at once with status 0 (wake from sleep): devices and threads are left
+    // as they are; standard output and error are flushed first.
+    [[noreturn]] void restartProgram();
+    // A later instance announced itself: this one ends in order.
+    void reqestWithWindowExist();
+    // 0 when all three discovery sessions are open, -1 at the first that fails.
+    int RegisterHidDeviceNotification();
+    // Hexadecimal text of `len` 32-bit values: "%08X" each when len is a multiple of 4, else
+    // "%02X" each (values above 0xFF print more digits). Empty optional for len 0; "" for len < 0.
+    static std::optional<std::string> hexStringForChar(const uint32_t* values, int len);
+
+    // The orderly end: stop listening for later instances, stop every worker (each closes its
+    // device), release held buttons, wait for the workers, then make the main loop return
+    // `status`. False when some worker did not end in time (the caller should not wait on it).
+    bool Terminate(int status);
+    bool IsTerminating() const { return m_terminating; }
+
+    // Real time the orderly end waits for the workers.
+    static constexpr int kWorkerStopMillis = 10'000;
+
+    int32_t nWidth = 0;   // main screen, points, truncated
+    int32_t nLength = 0;
+
+private:
+    TShellPorts m_ports;
+    std::vector<std::unique_ptr<IHidManager>> m_managers;  // open for the process's lifetime
+    std::vector<std::string> m_localObservers;             // local notifications registered for
+    bool m_terminating = false;
+};
