@@ -101,9 +101,16 @@ void hidDeviceRemove(void*, int, void*, CMtHidDevice* device) {
 }
 
 void StopAllWorkers() {
+    // Each worker releases its own button and closes its device as it ends: a release from
+    // here could be followed by one more frame of the worker pressing it again.
     g_stopWorkers.store(true);
     for (MtDevNode* node = cmtDevHead; node != nullptr; node = node->next) {
         node->isRunning.store(false);
+    }
+}
+
+void ReleaseAllClicks() {
+    for (MtDevNode* node = cmtDevHead; node != nullptr; node = node->next) {
         node->container.releaseClick();
     }
 }
@@ -221,7 +228,11 @@ bool LoadEvent::Terminate(int status) {
     if (m_ports.notifications != nullptr) m_ports.notifications->StopObservingDistributed();
     StopAllWorkers();
     const bool ended = WaitForWorkers(kWorkerStopMillis);
-    if (!ended) TLogSystem("%d worker(s) did not stop in time", LiveWorkerCount());
+    if (!ended) {
+        // A worker stuck in a transaction: at least no button stays held.
+        TLogSystem("%d worker(s) did not stop in time", LiveWorkerCount());
+        ReleaseAllClicks();
+    }
     if (m_ports.loop != nullptr) m_ports.loop->Quit(status);
     return ended;
 }

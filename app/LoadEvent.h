@@ -86,6 +86,8 @@ void SetShellPorts(const TShellPorts* ports);
 int LiveWorkerCount();
 // Asks every worker to stop and end in order (release, close). Main thread.
 void StopAllWorkers();
+// Releases every held button from the main thread (workers that did not stop). Main thread.
+void ReleaseAllClicks();
 // Waits until no worker runs, up to `waitMillis` of real time. True when all ended.
 bool WaitForWorkers(int waitMillis);
 // Frees every record and its worker objects; workers must have ended. For the end of a run and

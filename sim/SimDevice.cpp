@@ -112,8 +112,12 @@ public:
         if (m_open) m_owner.HostClosed();
         m_open = false;
     }
+    // Reports must name this object as their sender: the reader ignores reports of any other
+    // device, and this is the device it opened.
     void RegisterInputReportCallback(TMtHidReportCallback callback, void* context) override {
-        m_inner->RegisterInputReportCallback(callback, context);
+        m_callback = callback;
+        m_context = context;
+        m_inner->RegisterInputReportCallback(callback != nullptr ? &Forward : nullptr, this);
     }
     int SetOutputReport(const uint8_t* report, long length) override {
         return m_inner->SetOutputReport(report, length);
@@ -123,8 +127,18 @@ public:
     void EndWait() override { m_inner->EndWait(); }
 
 private:
+    static void Forward(void* self, int result, void*, int type, uint32_t reportID,
+                        uint8_t* report, long reportLength) {
+        auto* port = static_cast<CPort*>(self);
+        if (port->m_callback != nullptr) {
+            port->m_callback(port->m_context, result, port, type, reportID, report, reportLength);
+        }
+    }
+
     CSimDevice& m_owner;
     std::unique_ptr<CMtHidDevice> m_inner;
+    TMtHidReportCallback m_callback = nullptr;
+    void* m_context = nullptr;
     bool m_open = false;  // the worker's thread only
 };
 

@@ -82,8 +82,8 @@ void CSdEventLoop::Post(std::function<void()> task) {
 void CSdEventLoop::PostDelayed(uint64_t millis, std::function<void()> task) {
     auto* owned = new std::function<void()>(std::move(task));
     sd_event_source* source = nullptr;
-    // A floating source: the loop owns it until it fires (or the loop ends); the destroy
-    // callback frees the task with it.
+    // A floating source: the loop owns it until the loop ends; the destroy callback frees the
+    // task with it. Delayed tasks are few (plug-in timers), so keeping fired ones costs little.
     const int r = sd_event_add_time_relative(m_event, &source, CLOCK_MONOTONIC, millis * 1000u, 0,
                                              &OnTimer, owned);
     if (r < 0) {
@@ -100,9 +100,9 @@ void CSdEventLoop::PostDelayed(uint64_t millis, std::function<void()> task) {
 int CSdEventLoop::OnTimer(sd_event_source* source, uint64_t, void* task) {
     auto* run = static_cast<std::function<void()>*>(task);
     if (*run) (*run)();
-    // Fired once: take the reference back from the loop and drop it (the task goes with it).
-    sd_event_source_set_floating(source, 0);
-    sd_event_source_unref(source);
+    // A one-shot source is off once it fired; the loop frees it (and the task) when it ends.
+    // Freeing it here, inside its own dispatch, is not safe on every libsystemd.
+    sd_event_source_set_enabled(source, SD_EVENT_OFF);
     return 0;
 }
 

@@ -1,0 +1,396 @@
+// The driver binary end to end: irframed runs against simulated frames (the real hidraw port
+// code over socketpairs, discovery, workers, calibration, tracking, gestures) and prints its
+// events as JSON lines, which are compared here. Each gesture family, hot-plug, the worker's
+// retry limits, unplugging with the button held and two frames at once.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Lines = std::vector<std::string>;
+
+struct TRun {
+    int status = -1;  // exit status, or -1 when it did not exit normally
+    Lines events;     // each JSON line in short form (see Short)
+    Lines log;        // standard error, line by line
+    std::string logText;
+};
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+Lines SplitLines(const std::string& text) {
+    Lines lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// One event in a form a test can spell: "leftMouseDown 938,527", "keyDown 124 cmd",
+// "scroll 50", with "dN " in front when the device number is not 1.
+std::string Short(const nlohmann::json& e) {
+    std::string out;
+    const int device = e.at("device").get<int>();
+    if (device != 1) out = "d" + std::to_string(device) + " ";
+    const std::string type = e.at("type").get<std::string>();
+    if (type == "scrollWheel") return out + "scroll " + std::to_string(e.at("wheel1").get<int>());
+    if (type == "keyDown" || type == "keyUp") {
+        out += type + " " + std::to_string(e.at("keyCode").get<int>());
+        const uint64_t flags = e.at("flags").get<uint64_t>();
+        if (flags & 0x100000) out += " cmd";
+        if (flags & 0x40000) out += " ctrl";
+        if (flags & 0x800000) out += " fn";
+        return out;
+    }
+    out += type + " " + std::to_string(std::lround(e.at("x").get<double>())) + "," +
+           std::to_string(std::lround(e.at("y").get<double>()));
+    if (e.contains("clickState")) out += " click=" + std::to_string(e.at("clickState").get<int>());
+    return out;
+}
+
+class Irframed : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/irframed_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+    }
+    void TearDown() override {
+        for (const std::string& file : m_files) std::remove(file.c_str());
+        std::remove((m_dir + "/out.json").c_str());
+        std::remove((m_dir + "/err.txt").c_str());
+        rmdir(m_dir.c_str());
+    }
+
+    // Writes a gesture script and returns its path.
+    std::string Script(const std::string& name, const std::string& text) {
+        const std::string path = m_dir + "/" + name;
+        std::ofstream(path) << text;
+        m_files.push_back(path);
+        return path;
+    }
+
+    // Runs the driver with `args` and --dry-run into a file; ends it if it hangs. With
+    // `signalWhen`, sends SIGTERM once the output holds that text.
+    TRun Run(Lines args, bool dryRun = true, const std::string& signalWhen = "") {
+        const std::string out = m_dir + "/out.json";
+        const std::string err = m_dir + "/err.txt";
+        Lines argv{IRFRAMED_PATH};
+        if (dryRun) {
+            argv.insert(argv.end(), {"--dry-run", "--output", out});
+        }
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char*> cargv;
+        for (std::string& a : argv) cargv.push_back(a.data());
+        cargv.push_back(nullptr);
+
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        pid_t pid = -1;
+        const int spawned = posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        TRun run;
+        if (spawned != 0) {
+            ADD_FAILURE() << "cannot start " << cargv[0];
+            return run;
+        }
+        // A safety net against a hung driver, not a measurement: a run takes milliseconds.
+        int wstatus = 0;
+        bool signalled = signalWhen.empty();
+        for (int waited = 0;; waited += 10) {
+            const pid_t r = waitpid(pid, &wstatus, WNOHANG);
+            if (r == pid) break;
+            if (!signalled && ReadFile(out).find(signalWhen) != std::string::npos) {
+                kill(pid, SIGTERM);
+                signalled = true;
+            }
+            if (waited >= 60'000) {
+                kill(pid, SIGKILL);
+                waitpid(pid, &wstatus, 0);
+                ADD_FAILURE() << "irframed did not end";
+                break;
+            }
+            usleep(10'000);
+        }
+        run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+        run.logText = ReadFile(err);
+        run.log = SplitLines(run.logText);
+        for (const std::string& line : SplitLines(ReadFile(out))) {
+            const nlohmann::json e = nlohmann::json::parse(line, nullptr, false);
+            if (e.is_discarded()) {
+                ADD_FAILURE() << "not a JSON line: " << line;
+                continue;
+            }
+            run.events.push_back(Short(e));
+        }
+        return run;
+    }
+
+    static size_t Count(const TRun& run, const std::string& line) {
+        return static_cast<size_t>(std::count(run.log.begin(), run.log.end(), line));
+    }
+
+    std::string m_dir;
+    Lines m_files;
+};
+
+// Screen 1920 x 1080: an absolute unit is 1920/32767 points across, 1080/32767 down.
+constexpr const char* kTap = "down 1 16000 16000\nhold 2\nup 1\n";
+constexpr const char* kFourDown =
+    "down 1 10000 10000, 2 14000 10000, 3 10000 14000, 4 14000 14000\n";
+// A drag that is still held when the script (and so the device) ends.
+constexpr const char* kHeldDrag = "down 1 10000 10000\nmove 1 14000 12000 in 20\n";
+
+// ---------------------------------------------------------------------------------------------
+// Gesture families
+
+// Verify that a one-finger touch presses on its second frame, drags and releases in place.
+TEST_F(Irframed, OneFingerTapPressesDragsReleases) {
+    const TRun run = Run({"--simulate", Script("tap", kTap)});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    EXPECT_THAT(run.events, ElementsAre("leftMouseDown 938,527", "leftMouseDragged 938,527",
+                                        "leftMouseUp 938,527"));
+    EXPECT_THAT(run.log, testing::IsSupersetOf({"hid add", "Thread Running", "STEP 1", "STEP 2",
+                                                "STEP 3", "STEP 4", "STEP 5", "remove",
+                                                "TOUCH DEV RELEASE", "THREAD QUIT"}));
+}
+
+// Verify that a second quick tap at the same place makes a double click.
+TEST_F(Irframed, OneFingerDoubleTapDoubleClicks) {
+    const TRun run = Run({"--simulate", Script("dbl", "down 1 16000 16000\nup 1\nhold 3\n"
+                                                      "down 1 16000 16000\nup 1\nhold 3\n")});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    ASSERT_FALSE(run.events.empty());
+    EXPECT_THAT(run.events, testing::Contains(HasSubstr("click=2")));
+}
+
+TEST_F(Irframed, TwoFingerScrollAndSwipe) {
+    const TRun scroll = Run({"--simulate", Script("scroll", "down 1 10000 8000, 2 14000 8000\n"
+                                                            "move 1 10000 8500, 2 14000 8500 in 5\n"
+                                                            "up 1, 2\n")});
+    EXPECT_THAT(scroll.events, ElementsAre("scroll 50"));
+
+    // A swipe to the left posts Command-Right (124).
+    const TRun swipe = Run({"--simulate", Script("swipe", "down 1 20000 10000, 2 20000 14000\n"
+                                                          "move 1 19500 10000, 2 19500 14000 in 5\n"
+                                                          "up 1, 2\n")});
+    EXPECT_THAT(swipe.events, ElementsAre("keyDown 124 cmd", "keyUp 124 cmd"));
+}
+
+TEST_F(Irframed, TwoFingerZoomAndRotation) {
+    const TRun pinch = Run({"--simulate", Script("pinch", "down 1 10000 10000, 2 20000 10000\n"
+                                                          "move 1 11000 10000 in 10\nup 1, 2\n")});
+    EXPECT_THAT(pinch.events, ElementsAre("keyDown 27 cmd", "keyUp 27 cmd"));  // Command-minus
+
+    // The second finger circles the first clockwise on the screen (y grows downward).
+    std::string orbit = "down 1 16000 16000, 2 20698 17710\n";
+    for (int a = 25; a <= 80; a += 5) {
+        const double rad = a * M_PI / 180.0;
+        orbit += "move 2 " + std::to_string(std::lround(16000 + 5000 * std::cos(rad))) + " " +
+                 std::to_string(std::lround(16000 + 5000 * std::sin(rad))) + " in 1\n";
+    }
+    const TRun rotate = Run({"--simulate", Script("rotate", orbit + "up 1, 2\n")});
+    EXPECT_THAT(rotate.events, ElementsAre("keyDown 15 cmd", "keyUp 15 cmd"));  // Command-r
+}
+
+// Verify that two fingers resting a moment, moving less than a gesture needs, right-click at the midpoint of where they landed.
+TEST_F(Irframed, TwoFingerTapRightClicks) {
+    const TRun run = Run({"--simulate", Script("tap2", "down 1 10000 10000, 2 14000 12000\n"
+                                                       "hold 10\n"
+                                                       "move 1 10300 10100, 2 14500 12400 in 10\n"
+                                                       "hold 10\nup 1, 2\nhold 1\n")});
+    // Midpoint (12000, 11000) in points.
+    EXPECT_THAT(run.events, ElementsAre("rightMouseDown 703,363", "rightMouseUp 703,363"));
+}
+
+// Verify the three-finger latch: the finger left alone is silent, and its lift is finished as
+// a short touch (the zoom toggle, Command-0).
+TEST_F(Irframed, ThreeFingersLatch) {
+    const TRun run = Run({"--simulate", Script("three", "down 1 10000 10000, 2 12000 10000, "
+                                                        "3 14000 10000\nhold 3\nup 1, 2\nhold 3\n"
+                                                        "up 3\nhold 1\n")});
+    EXPECT_THAT(run.events, ElementsAre("keyDown 29 cmd", "keyUp 29 cmd"));
+}
+
+TEST_F(Irframed, FourFingerSwipeAndPinch) {
+    // Four fingers to the left post Control-Right, once.
+    const TRun swipe = Run(
+        {"--simulate",
+         Script("swipe4", std::string(kFourDown) +
+                              "move 1 9000 10000, 2 13000 10000, 3 9000 14000, 4 13000 14000 in 10\n"
+                              "hold 3\nup 1, 2, 3, 4\nhold 1\n")});
+    EXPECT_THAT(swipe.events, ElementsAre("keyDown 124 ctrl", "keyUp 124 ctrl"));
+
+    const TRun closing = Run(
+        {"--simulate",
+         Script("close4", std::string(kFourDown) +
+                              "move 1 10700 10700, 2 13300 10700, 3 10700 13300, 4 13300 13300 in 10\n"
+                              "hold 3\n")});
+    EXPECT_THAT(closing.events, ElementsAre("keyDown 100 fn", "keyUp 100 fn"));  // Fn-F8
+}
+
+// ---------------------------------------------------------------------------------------------
+// Devices coming and going
+
+// Verify that a frame plugged in while the driver runs is served like one present at start.
+TEST_F(Irframed, HotPlugAddAndRemove) {
+    const std::string tap = Script("tap", kTap);
+    const TRun run = Run({"--simulate", tap, "--simulate", tap + "@300ms"});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    EXPECT_THAT(run.events,
+                ElementsAre("leftMouseDown 938,527", "leftMouseDragged 938,527",
+                            "leftMouseUp 938,527", "d2 leftMouseDown 938,527",
+                            "d2 leftMouseDragged 938,527", "d2 leftMouseUp 938,527"));
+    EXPECT_EQ(Count(run, "hid add"), 2u);
+    EXPECT_EQ(Count(run, "remove"), 2u);
+    EXPECT_EQ(Count(run, "TOUCH DEV RELEASE"), 2u);
+    EXPECT_EQ(Count(run, "THREAD QUIT"), 2u);
+}
+
+// Verify that unplugging a frame while its button is held releases the button at once, at the
+// screen's origin, and ends the worker without closing the device.
+TEST_F(Irframed, UnplugWhileHeldReleasesButton) {
+    const TRun run = Run({"--simulate", Script("held", kHeldDrag)});
+    ASSERT_GE(run.events.size(), 3u);
+    EXPECT_EQ(run.events.front(), "leftMouseDown 598,333");
+    EXPECT_EQ(run.events.back(), "leftMouseUp 0,0");
+    EXPECT_THAT(run.log, testing::IsSupersetOf({"remove", "releaseclick", "TOUCH DEV RELEASE",
+                                                "THREAD QUIT"}));
+    EXPECT_EQ(Count(run, "pDev->faildCount==0"), 0u);
+}
+
+TEST_F(Irframed, TwoFramesAtOnce) {
+    const TRun run = Run(
+        {"--simulate", Script("scroll", "down 1 10000 8000, 2 14000 8000\n"
+                                        "move 1 10000 8500, 2 14000 8500 in 5\nup 1, 2\n"),
+         "--simulate", Script("swipe4", std::string(kFourDown) +
+                                            "move 1 9000 10000, 2 13000 10000, 3 9000 14000, "
+                                            "4 13000 14000 in 10\nhold 3\nup 1, 2, 3, 4\nhold 1\n")});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    // Each device's events in its own order; the two streams may interleave.
+    Lines first, second;
+    for (const std::string& e : run.events) (e.rfind("d2 ", 0) == 0 ? second : first).push_back(e);
+    EXPECT_THAT(first, ElementsAre("scroll 50"));
+    EXPECT_THAT(second, ElementsAre("d2 keyDown 124 ctrl", "d2 keyUp 124 ctrl"));
+    EXPECT_EQ(Count(run, "hid add"), 2u);
+}
+
+// Verify that SIGTERM ends the driver in order: the held button is released, the device is
+// closed, and the exit status is 0.
+TEST_F(Irframed, TerminationSignalEndsInOrder) {
+    // Ten seconds of drag in real time: the signal comes long before the script ends.
+    const TRun run = Run({"--realtime", "--simulate",
+                          Script("long", "down 1 10000 10000\nmove 1 14000 12000 in 1000\n")},
+                         true, "leftMouseDragged");
+    EXPECT_EQ(run.status, 0) << run.logText;
+    ASSERT_FALSE(run.events.empty());
+    EXPECT_EQ(run.events.back(), "leftMouseUp 0,0");
+    EXPECT_THAT(run.log, testing::IsSupersetOf({"SIGTERM: stopping", "releaseclick",
+                                                "THREAD QUIT"}));
+    EXPECT_THAT(run.logText, HasSubstr("closed by the driver"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The worker's retry limits
+
+// Verify that nine failed configuration reads are survived and ten end the worker, closing the
+// device, before any frame is polled.
+TEST_F(Irframed, ConfigurationReadTries) {
+    const std::string tap = Script("tap", kTap);
+    const TRun nine = Run({"--simulate", tap, "--fault", "config:9"});
+    EXPECT_EQ(nine.status, 0) << nine.logText;
+    EXPECT_EQ(nine.events.size(), 3u);
+    EXPECT_EQ(Count(nine, "GETCFG_ERR"), 0u);
+
+    const TRun ten = Run({"--simulate", tap, "--fault", "config:10"});
+    EXPECT_EQ(ten.status, 0) << ten.logText;
+    EXPECT_TRUE(ten.events.empty());
+    EXPECT_EQ(Count(ten, "GETCFG_ERR"), 1u);
+    EXPECT_EQ(Count(ten, "STEP 2"), 0u);
+    EXPECT_THAT(ten.logText, HasSubstr("0 of 4 scripted frames played, closed by the driver"));
+}
+
+// Verify that five failed polls in a row are retried at once and six end the worker: the
+// device is closed and the held button released.
+TEST_F(Irframed, FramePollTries) {
+    const std::string drag = Script("drag", std::string(kHeldDrag) + "up 1\n");
+    const TRun five = Run({"--simulate", drag, "--fault", "poll:5@5"});
+    // The five injected failures, and the poll that finds the frame gone after its script.
+    EXPECT_EQ(Count(five, "getsdk->err:2"), 5u + 1u);
+    EXPECT_EQ(Count(five, "pDev->faildCount==0"), 0u);
+    EXPECT_EQ(five.events.back(), "leftMouseUp 820,396");  // the lift, where the drag ended
+
+    const TRun six = Run({"--simulate", drag, "--fault", "poll:6@5"});
+    EXPECT_EQ(Count(six, "getsdk->err:2"), 6u);
+    EXPECT_EQ(Count(six, "pDev->faildCount==0"), 1u);
+    EXPECT_EQ(Count(six, "THREAD QUIT"), 1u);
+    EXPECT_EQ(Count(six, "releaseclick"), 1u);
+    ASSERT_FALSE(six.events.empty());
+    EXPECT_EQ(six.events.back(), "leftMouseUp 0,0");
+    EXPECT_THAT(six.logText, HasSubstr("closed by the driver"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Usage
+
+TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
+    struct Case {
+        Lines args;
+        int status;
+        const char* message;
+    };
+    const std::string tap = Script("tap", kTap);
+    const std::string bad = Script("bad", "down 1 16000 16000\nwiggle 1\n");
+    const Case cases[] = {
+        {{"--simulate", tap, "--screen", "wide"}, 2, "is not WIDTHxHEIGHT"},
+        {{"--simulate", tap, "--keys", "emacs"}, 2, "use 'literal' or 'desktop'"},
+        {{"--simulate", m_dir + "/missing"}, 1, "cannot read gesture script"},
+        {{"--simulate", bad}, 2, "line 2"},
+        {{"--simulate", tap, "--fault", "2:poll:6"}, 2, "with N a simulated frame (1..1)"},
+        {{"--simulate", tap + "@soon"}, 2, "bad plug-in delay"},
+        {{"--fault", "config:1"}, 2, "need --simulate"},
+    };
+    for (const Case& c : cases) {
+        const TRun run = Run(c.args);
+        EXPECT_EQ(run.status, c.status) << run.logText;
+        EXPECT_THAT(run.logText, HasSubstr(c.message));
+        EXPECT_TRUE(run.events.empty());
+    }
+}
+
+// Verify that without uinput the driver says what to do and fails.
+TEST_F(Irframed, MissingUinputIsExplained) {
+    const TRun run = Run({"--simulate", Script("tap", kTap), "--uinput", m_dir + "/no-uinput"},
+                         /*dryRun=*/false);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.logText, HasSubstr("uinput"));
+    EXPECT_THAT(run.logText, HasSubstr("modprobe uinput"));
+}
+
+}  // namespace
