@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs every check: a warning-free build with its unit tests, the same tests under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and each fuzz harness for a fixed time.
+# AddressSanitizer + UndefinedBehaviorSanitizer, the driver's end-to-end tests under
+# ThreadSanitizer, and each fuzz harness for a fixed time.
 # The last thing printed is CTest's summary of the plain build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,6 +19,11 @@ step "configure + build (ASan + UBSan)"
 cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DIRFRAME_SANITIZE=ON \
   -DIRFRAME_WERROR=ON -DIRFRAME_BENCH=OFF >/dev/null
 cmake --build build/asan -j "$jobs"
+
+step "configure + build (ThreadSanitizer: the driver and its end-to-end tests)"
+cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIRFRAME_TSAN=ON \
+  -DIRFRAME_WERROR=ON -DIRFRAME_BENCH=OFF >/dev/null
+cmake --build build/tsan -j "$jobs" --target irframed Irframed_test LoadEvent_test
 
 step "configure + build (libFuzzer, clang-14)"
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIRFRAME_FUZZ=ON \
@@ -43,6 +49,10 @@ done
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+step "end-to-end tests (ThreadSanitizer)"
+TSAN_OPTIONS=halt_on_error=1:exitcode=66 build/tsan/Irframed_test --gtest_brief=1
+TSAN_OPTIONS=halt_on_error=1:exitcode=66 build/tsan/LoadEvent_test --gtest_brief=1
+
 step "unit tests (ASan + UBSan)"
 ctest --test-dir build/asan --output-on-failure -j "$jobs"
 

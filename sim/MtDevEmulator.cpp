@@ -573,14 +573,17 @@ void CMtDevEmulator::HandleHi(const uint8_t* data, uint32_t size, const TEmuRequ
         case MTDEV_PACKET_READ: {
             if (request.command == MTDEV_CMD_FRAME_DATA) {
                 const uint16_t capacity = Get16(data + 6);
-                std::vector<uint8_t> frame(MTDEV_FRAME_DATA_HEAD_BYTES, 0);
+                // Sized once: growing it by insert trips a false array-bounds warning in
+                // instrumented builds.
+                std::vector<uint8_t> frame(MTDEV_FRAME_DATA_HEAD_BYTES + m_rawFrame.data.size(), 0);
                 frame[0] = MTDEV_FRAME_DATA_MARK;
                 frame[1] = m_rawFrame.frameMode;
                 Put16(frame.data() + 2, static_cast<uint16_t>(m_rawFrame.data.size()));
                 Put32(frame.data() + 4, m_rawFrame.frameNo);
                 std::copy(m_rawFrame.header1.begin(), m_rawFrame.header1.end(), frame.begin() + 8);
                 std::copy(m_rawFrame.header2.begin(), m_rawFrame.header2.end(), frame.begin() + 16);
-                frame.insert(frame.end(), m_rawFrame.data.begin(), m_rawFrame.data.end());
+                std::copy(m_rawFrame.data.begin(), m_rawFrame.data.end(),
+                          frame.begin() + MTDEV_FRAME_DATA_HEAD_BYTES);
                 if (frame.size() > capacity) frame.resize(capacity);
                 in->push_back(std::move(frame));
                 break;

@@ -140,6 +140,8 @@ protected:
         }
         run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
         run.logText = ReadFile(err);
+        // Under a sanitizer build of the driver, a report is a failure of whatever case ran.
+        EXPECT_EQ(run.logText.find("Sanitizer"), std::string::npos) << run.logText;
         run.log = SplitLines(run.logText);
         for (const std::string& line : SplitLines(ReadFile(out))) {
             const nlohmann::json e = nlohmann::json::parse(line, nullptr, false);
