@@ -103,7 +103,7 @@ constexpr const char* kFooter =
     "Examples:\n"
     "  irframed                                   serve the attached frames\n"
     "  irframed --dry-run                         print events as JSON lines instead\n"
-    "  irframed --simulate examples/demo.gesture --dry-run\n"
+    "  irframed --simulate examples/09-one-finger-tap.gesture --dry-run\n"
     "  irframed --simulate a.gesture --simulate b.gesture@2s --fault 2:poll:6@10 --dry-run\n\n"
     "Exit status: 0 after an orderly end or a wake from sleep, 1 when the driver cannot\n"
     "start (no uinput, bad script), 2 on a usage error.";
