@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "MtDevLog.h"
+
 namespace {
 
 // How long a write may wait for room when the node (or socket) is momentarily full.
@@ -50,6 +52,14 @@ int CHidrawDevice::Open() {
         }
     } else if (!m_path.empty()) {
         fd = ::open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) {
+            // The worker only logs that the device did not open; say why, and what helps.
+            const int error = errno;
+            TLogSystem("cannot open %s: %s%s", m_path.c_str(), std::strerror(error),
+                       error == EACCES || error == EPERM
+                           ? " (install packaging/70-irframe.rules, then replug the frame)"
+                           : "");
+        }
     }
     if (fd < 0) return kMtHidError;
     const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
