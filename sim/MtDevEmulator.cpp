@@ -262,8 +262,14 @@ bool CMtDevEmulator::LastWrite(uint8_t command, TEmuWrite* write) const {
     return false;
 }
 
+void CMtDevEmulator::KeepRequestLog(bool keep) {
+    Lock lock(m_mutex);
+    m_keepRequestLog = keep;
+    if (!keep) m_requests.clear();
+}
+
 void CMtDevEmulator::Record(const TEmuRequest& request) {
-    m_requests.push_back(request);
+    if (m_keepRequestLog) m_requests.push_back(request);
     m_requestsChanged.notify_all();
 }
 

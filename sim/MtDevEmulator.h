@@ -156,6 +156,9 @@ public:
     // Blocks until at least n requests have been received.
     void WaitForRequests(size_t n) const;
     void ClearRequests();
+    // Whether requests are logged (the default). A long-running emulated frame turns the log
+    // off, or it would grow with every poll.
+    void KeepRequestLog(bool keep);
     std::vector<TEmuWrite> Writes() const;
     // The last completed write of a command; false when there was none.
     bool LastWrite(uint8_t command, TEmuWrite* write) const;
@@ -223,6 +226,7 @@ private:
     uint32_t m_noise = 0x2545F491u;
 
     std::vector<TEmuRequest> m_requests;
+    bool m_keepRequestLog = true;
     std::vector<TEmuWrite> m_writes;
     // A write completed by the message in hand, stored once no fault has refused it.
     TEmuWrite m_pendingStore{};

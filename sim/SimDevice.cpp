@@ -154,6 +154,7 @@ CSimDevice::~CSimDevice() {
 
 bool CSimDevice::Start(const PortFactory& makePort, std::string* error) {
     m_emulator = std::make_unique<CMtDevEmulator>();
+    m_emulator->KeepRequestLog(false);  // a simulated frame may be polled for hours
     m_emulator->SetConfigBlock(SimConfigBlock());
     m_emulator->SetIdleFrame(m_encoder.IdleFrame());
 
