@@ -97,7 +97,7 @@ constexpr const char* kDescription =
     "newer instance of the same user starts, or until the machine wakes from sleep (the\n"
     "systemd user unit then starts it again).\n\n"
     "With --simulate it runs against emulated frames that play gesture scripts instead of\n"
-    "real devices, and ends once every script has been played.";
+    "real devices, and ends once every script has been played.\n";
 
 constexpr const char* kFooter =
     "Examples:\n"
@@ -106,7 +106,7 @@ constexpr const char* kFooter =
     "  irframed --simulate examples/09-one-finger-tap.gesture --dry-run\n"
     "  irframed --simulate a.gesture --simulate b.gesture@2s --fault 2:poll:6@10 --dry-run\n\n"
     "Exit status: 0 after an orderly end or a wake from sleep, 1 when the driver cannot\n"
-    "start (no uinput, bad script), 2 on a usage error.";
+    "start (no uinput, an unreadable script), 2 on a usage error (a bad option or script).";
 
 }  // namespace
 

@@ -338,6 +338,21 @@ TEST_F(Irframed, ConfigurationReadTries) {
     EXPECT_THAT(ten.logText, HasSubstr("0 of 4 scripted frames played, closed by the driver"));
 }
 
+// Verify that ten failed first-frame reads end the worker with the device closed, and that a
+// frame of the third id pair is served like the others.
+TEST_F(Irframed, FirstFrameTriesAndOtherIds) {
+    const std::string tap = Script("tap", kTap);
+    const TRun nine = Run({"--simulate", tap, "--fault", "frame:9", "--simulate-id", "202E:0006"});
+    EXPECT_EQ(nine.events.size(), 3u);
+    EXPECT_EQ(Count(nine, "GETFRAME_ERR"), 0u);
+
+    const TRun ten = Run({"--simulate", tap, "--fault", "frame:10"});
+    EXPECT_TRUE(ten.events.empty());
+    EXPECT_EQ(Count(ten, "GETFRAME_ERR"), 1u);
+    EXPECT_EQ(Count(ten, "STEP 3"), 0u);
+    EXPECT_THAT(ten.logText, HasSubstr("closed by the driver"));
+}
+
 // Verify that five failed polls in a row are retried at once and six end the worker: the
 // device is closed and the held button released.
 TEST_F(Irframed, FramePollTries) {
