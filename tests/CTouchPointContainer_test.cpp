@@ -13,15 +13,9 @@
 namespace {
 
 using T = TInputEventType;
-using Events = std::vector<TInputEvent>;
 
 std::string Str(int64_t v) { return std::to_string(v); }
 
-Events Concat(std::initializer_list<Events> parts) {
-    Events all;
-    for (const Events& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
 
 Events DoubleClick(const CGestureHarness& h, float x, float y) {
     return {h.Left(T::MouseMoved, x, y, 2), h.Left(T::LeftMouseUp, x, y, 2),

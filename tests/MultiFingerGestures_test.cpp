@@ -13,13 +13,6 @@
 
 namespace {
 
-using Events = std::vector<TInputEvent>;
-
-Events Concat(std::initializer_list<Events> parts) {
-    Events all;
-    for (const Events& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
 
 Events Ctrl(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_CONTROL); }
 Events Fn(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_SECONDARY_FN); }

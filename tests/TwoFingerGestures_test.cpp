@@ -12,13 +12,6 @@
 
 namespace {
 
-using Events = std::vector<TInputEvent>;
-
-Events Concat(std::initializer_list<Events> parts) {
-    Events all;
-    for (const Events& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
 
 Events Cmd(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_COMMAND); }
 

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,15 @@ struct TLoggedLine {
     std::string text;
     bool operator==(const TLoggedLine&) const = default;
 };
+
+using Events = std::vector<TInputEvent>;
+
+// The parts' events one after another.
+inline Events Concat(std::initializer_list<Events> parts) {
+    Events all;
+    for (const Events& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
 
 class CGestureHarness {
 public:
