@@ -1,9 +1,11 @@
 // Cost of one frame through contact matching and the dispatcher with one contact, at path
-// lengths 1, 100 and 500 (a held drag), posting to a sink that discards. The cost must not grow
+// lengths 1, 100 and 500 (a held drag), and with two and four contacts at path lengths 10 and
+// 500 (a hand resting on the frame), posting to a sink that discards. The cost must not grow
 // with the length of the path.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <vector>
 
 #include "CTouchPointContainer.h"
 #include "ContactMatching.h"
@@ -92,5 +94,126 @@ void BM_FrameHeldDrag500Auto(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_FrameHeldDrag500Auto);
+
+// Two or four fingers resting on the frame, each moving 10 units back and forth a frame: far
+// below every two- and four-finger threshold, so no gesture fires and the paths are never
+// emptied. Every continuing contact runs the dispatcher, so a frame of n fingers is n calls.
+struct HandRig {
+    CDiscardEventSink sink;
+    CTouchPointContainer container{sink};
+    CContactTracker tracker{container};
+    std::vector<_HARDWARE_SDK_POINT> points;
+    int64_t stamp = 4'000'000;
+    bool shifted = false;
+    TLogSink previousLog;
+
+    explicit HandRig(int fingers) : points(static_cast<size_t>(fingers)) {
+        previousLog = TSetLogSink([](TLogChannel, std::string_view) {});
+        container.SetScreenBoard(1920.0f, 1080.0f);
+        for (size_t i = 0; i < points.size(); ++i) {
+            points[i].id = static_cast<uint8_t>(i + 1);
+            points[i].x = BaseX(points[i].id);
+            points[i].y = kBaseY;
+            points[i].next = i + 1 < points.size() ? &points[i + 1] : nullptr;
+        }
+    }
+    ~HandRig() { TSetLogSink(std::move(previousLog)); }
+
+    static constexpr int kBaseY = 16000;
+    static int BaseX(int id) { return 4000 + 6000 * (id - 1); }
+
+    void Frame(uint8_t status) {
+        shifted = !shifted;
+        for (_HARDWARE_SDK_POINT& p : points) {
+            p.status = status;
+            p.x = BaseX(p.id) + (shifted ? 10 : 0);
+        }
+        stamp += kFrameUnits;
+        tracker.DealFrame(points.data(), stamp);
+    }
+
+    // Every contact's path rebuilt to `samples` samples at its resting place.
+    void HoldWithPath(size_t samples) {
+        for (CTouchPointInfo* contact : tracker.Tracked()) contact->Remove();
+        for (size_t i = 0; i < samples; ++i) {
+            stamp += kFrameUnits;
+            for (CTouchPointInfo* contact : tracker.Tracked()) {
+                contact->Update(static_cast<float>(BaseX(contact->GetID())),
+                                static_cast<float>(kBaseY), stamp);
+            }
+        }
+    }
+
+    // Null when every finger is tracked with a path of `length` and no gesture fired.
+    const char* Check(size_t length) const {
+        if (tracker.Tracked().size() != points.size()) return "a finger is not tracked";
+        if (tracker.LastGesture() != TFS_NONE) return "a gesture fired";
+        for (const CTouchPointInfo* contact : tracker.Tracked()) {
+            if (contact->PathSize() != length) return "a path is not of the length measured";
+        }
+        return nullptr;
+    }
+
+    // Down, then one continuing frame: every later frame goes to the multi-finger handler.
+    const char* Land() {
+        Frame(0);
+        Frame(1);
+        return Check(2);
+    }
+};
+
+// Fingers x path length: the frame's update brings every path to the given length. Paths
+// shorter than the limit are rebuilt outside the timed region; a full path stays full.
+void BM_FrameRestingHand(benchmark::State& state) {
+    const size_t length = static_cast<size_t>(state.range(1));
+    HandRig rig(static_cast<int>(state.range(0)));
+    if (const char* error = rig.Land()) {
+        state.SkipWithError(error);
+        return;
+    }
+    for (auto _ : state) {
+        if (length < CTouchPointInfo::kMaxPathSamples ||
+            rig.tracker.Tracked()[0]->PathSize() < CTouchPointInfo::kMaxPathSamples) {
+            rig.HoldWithPath(length - 1);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        rig.Frame(1);
+        const auto stop = std::chrono::steady_clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
+        if (const char* error = rig.Check(length)) {
+            state.SkipWithError(error);
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FrameRestingHand)
+    ->ArgNames({"fingers", "path"})
+    ->Args({2, 10})
+    ->Args({2, 500})
+    ->Args({4, 10})
+    ->Args({4, 500})
+    ->UseManualTime();
+
+// The resting hand at 500 samples timed by the framework, without the manual timing's overhead.
+void BM_FrameRestingHand500Auto(benchmark::State& state) {
+    HandRig rig(static_cast<int>(state.range(0)));
+    if (const char* error = rig.Land()) {
+        state.SkipWithError(error);
+        return;
+    }
+    rig.HoldWithPath(CTouchPointInfo::kMaxPathSamples - 1);
+    rig.Frame(1);
+    if (const char* error = rig.Check(CTouchPointInfo::kMaxPathSamples)) {
+        state.SkipWithError(error);
+        return;
+    }
+    for (auto _ : state) rig.Frame(1);
+    if (const char* error = rig.Check(CTouchPointInfo::kMaxPathSamples)) {
+        state.SkipWithError(error);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FrameRestingHand500Auto)->ArgName("fingers")->Arg(2)->Arg(4);
 
 }  // namespace
