@@ -433,7 +433,7 @@ TEST_F(HidController, GetDeviceConfigReadsHeadThenBlock) {
     ASSERT_EQ(Ctl().GetDeviceConfig(config.get()), DE_OK);
     EXPECT_EQ(config->areaCount, 1);
     EXPECT_EQ(config->port, 3333);
-    EXPECT_EQ(config->areas[0].outputRect.width, 1920);
+    EXPECT_EQ(static_cast<int>(config->areas[0].outputRect.width), 1920);  // a packed field: by value
     const std::vector<TEmuRequest> reads = RequestsOf(Emu(), MTDEV_CMD_DEV_CONFIG);
     const size_t pieces = (block.size() + 57) / 58;
     ASSERT_EQ(reads.size(), 1 + pieces);
