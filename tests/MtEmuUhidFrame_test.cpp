@@ -1,0 +1,182 @@
+// The scripted frame on uhid: what each poll is answered with, in what order, paced from the
+// previous answer; the test plays the kernel's side of /dev/uhid over a socketpair.
+#include "MtEmuUhidFrame.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "MtDevCtrlInterface.h"
+
+namespace {
+
+constexpr int kBoundMs = 5000;  // a bound on each wait, so a fault fails instead of hanging
+
+const CSimFrameEncoder& Encoder() {
+    static const CSimFrameEncoder encoder;  // slow to build: shared by every test
+    return encoder;
+}
+
+class CFrameRig {
+public:
+    explicit CFrameRig(uint64_t idleMicros = 1000) {
+        int pair[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+        m_kernel = pair[1];
+        frame.SetIdlePeriodMicros(idleMicros);
+        frame.SetFrameSentHook([this](size_t index, uint64_t nanos) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            sent.push_back(index);
+            sentNanos.push_back(nanos);
+        });
+        std::string error;
+        EXPECT_TRUE(frame.PlugFd(pair[0], &error)) << error;
+        EXPECT_EQ(Read()->type, static_cast<uint32_t>(UHID_CREATE2));
+    }
+    ~CFrameRig() {
+        frame.Unplug();
+        close(m_kernel);
+    }
+
+    std::unique_ptr<uhid_event> Read() {
+        auto event = std::make_unique<uhid_event>();
+        std::memset(event.get(), 0, sizeof *event);
+        event->type = 0xFFFFFFFFu;
+        pollfd p{m_kernel, POLLIN, 0};
+        if (poll(&p, 1, kBoundMs) == 1) (void)recv(m_kernel, event.get(), sizeof *event, 0);
+        return event;
+    }
+
+    void SendPoll() {
+        auto event = std::make_unique<uhid_event>();
+        std::memset(event.get(), 0, sizeof *event);
+        event->type = UHID_OUTPUT;
+        event->u.output.rtype = UHID_OUTPUT_REPORT;
+        event->u.output.size = 65;
+        CMtDevController::MakeCommandPacketLoSpeed(event->u.output.data + 1, MTDEV_PACKET_READ,
+                                                   MTDEV_CMD_FRAME_SDK, 0);
+        ASSERT_EQ(send(m_kernel, event.get(), sizeof *event, 0),
+                  static_cast<ssize_t>(sizeof *event));
+    }
+
+    // Polls once and returns the payload of the frame answered.
+    TEmuFramePayload Poll() {
+        SendPoll();
+        const auto input = Read();
+        TEmuFramePayload payload{};
+        EXPECT_EQ(input->type, static_cast<uint32_t>(UHID_INPUT2));
+        EXPECT_EQ(input->u.input2.data[0], MTDEV_REPLY_DATA);
+        std::memcpy(payload.data(), input->u.input2.data + 1, payload.size());
+        return payload;
+    }
+
+    std::vector<size_t> Sent() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return sent;
+    }
+    std::vector<uint64_t> SentNanos() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return sentNanos;
+    }
+
+    CMtEmuUhidFrame frame{Encoder(), TUhidIdentity{}};
+
+private:
+    int m_kernel = -1;
+    std::mutex m_mutex;
+    std::vector<size_t> sent;
+    std::vector<uint64_t> sentNanos;
+};
+
+// Verify that polls get empty frames until a script is handed over, then its frames in order,
+// each encoded as the encoder encodes its contacts, then empty frames again.
+TEST(MtEmuUhidFrame, EmptyFramesAroundTheScript) {
+    CFrameRig rig;
+    EXPECT_EQ(rig.Poll(), Encoder().IdleFrame());
+    const CGestureScript script =
+        CGestureScript::FromText("rate 1000\ndown 1 100 200\nmove 1 300 200 in 2\nup 1\n");
+    ASSERT_TRUE(rig.frame.Play(script));
+    EXPECT_TRUE(rig.frame.Playing());
+    for (const TScriptFrame& frame : script.Frames()) {
+        EXPECT_EQ(rig.Poll(), Encoder().Encode(frame.contacts)) << "script line " << frame.line;
+    }
+    EXPECT_TRUE(rig.frame.WaitPlayed(kBoundMs));
+    EXPECT_FALSE(rig.frame.Playing());
+    EXPECT_EQ(rig.frame.FramesSent(), script.Frames().size());
+    EXPECT_EQ(rig.Poll(), Encoder().IdleFrame());
+    EXPECT_EQ(rig.frame.Polls(), script.Frames().size() + 2);
+    EXPECT_EQ(rig.Sent(), (std::vector<size_t>{0, 1, 2, 3}));
+}
+
+// Verify that a second script can follow the first, counted from its own first frame.
+TEST(MtEmuUhidFrame, ScriptsFollowOneAnother) {
+    CFrameRig rig;
+    const CGestureScript first = CGestureScript::FromText("rate 1000\ndown 1 100 200\nup 1\n");
+    const CGestureScript second = CGestureScript::FromText("rate 1000\ndown 2 900 800\nup 2\n");
+    ASSERT_TRUE(rig.frame.Play(first));
+    rig.Poll();
+    EXPECT_FALSE(rig.frame.Play(second));  // the first still plays
+    rig.Poll();
+    ASSERT_TRUE(rig.frame.WaitPlayed(kBoundMs));
+    ASSERT_TRUE(rig.frame.Play(second));
+    EXPECT_EQ(rig.Poll(), Encoder().Encode(second.Frames()[0].contacts));
+    EXPECT_EQ(rig.Poll(), Encoder().Encode(second.Frames()[1].contacts));
+    EXPECT_EQ(rig.Sent(), (std::vector<size_t>{0, 1, 0, 1}));
+    EXPECT_FALSE(rig.frame.Play(CGestureScript{}));  // nothing to play
+}
+
+// Verify that each scripted answer goes out at least the script's gap after the one before,
+// so the driver's stamps are as far apart as the script says.
+TEST(MtEmuUhidFrame, AnswersPacedFromThePreviousAnswer) {
+    CFrameRig rig(2000);
+    const CGestureScript script = CGestureScript::FromText("rate 200\ndown 1 100 200\nhold 5\n");
+    rig.Poll();
+    ASSERT_TRUE(rig.frame.Play(script));
+    for (size_t i = 0; i < script.Frames().size(); ++i) rig.Poll();
+    const std::vector<uint64_t> nanos = rig.SentNanos();
+    ASSERT_EQ(nanos.size(), script.Frames().size());
+    for (size_t i = 1; i < nanos.size(); ++i) {
+        EXPECT_GE(nanos[i] - nanos[i - 1], script.Frames()[i].gapMicros * 1000u) << i;
+    }
+}
+
+// Verify that counting polls works across the wait.
+TEST(MtEmuUhidFrame, CountsPolls) {
+    CFrameRig rig;
+    EXPECT_FALSE(rig.frame.WaitPollsAbove(0, 10));
+    rig.Poll();
+    rig.Poll();
+    EXPECT_TRUE(rig.frame.WaitPollsAbove(1, kBoundMs));
+    EXPECT_EQ(rig.frame.Polls(), 2u);
+}
+
+// Verify that unplugging releases an answer waiting for a frame an hour away (the test would
+// hang otherwise), tells the kernel, and that nothing plays afterwards.
+TEST(MtEmuUhidFrame, UnplugReleasesAWaitingAnswer) {
+    CFrameRig rig;
+    const CGestureScript script =
+        CGestureScript::FromText("rate 1000\ndown 1 100 200\nwait 3600s\nhold 1\n");
+    ASSERT_TRUE(rig.frame.Play(script));
+    rig.Poll();
+    rig.SendPoll();  // its answer is due in an hour
+    for (int i = 0; i < kBoundMs && rig.frame.Link().OutputReports() < 2; ++i) usleep(1000);
+    ASSERT_EQ(rig.frame.Link().OutputReports(), 2u);
+    rig.frame.Unplug();
+    // The waiting answer is dropped: the device went first.
+    const auto event = rig.Read();
+    EXPECT_EQ(event->type, static_cast<uint32_t>(UHID_DESTROY));
+    EXPECT_FALSE(rig.frame.Playing());
+    EXPECT_FALSE(rig.frame.WaitPlayed(10));
+    EXPECT_FALSE(rig.frame.Play(script));
+    EXPECT_EQ(rig.Sent(), (std::vector<size_t>{0}));
+    std::string error;
+    EXPECT_FALSE(rig.frame.PlugFd(-1, &error));  // one appearance per frame
+}
+
+}  // namespace
