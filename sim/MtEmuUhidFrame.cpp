@@ -1,5 +1,6 @@
 #include "MtEmuUhidFrame.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "MultiPlatformAPI.h"
@@ -99,6 +100,8 @@ bool CMtEmuUhidFrame::WaitPollsAbove(uint64_t count, int timeoutMs) {
 }
 
 bool CMtEmuUhidFrame::NextPayload(TEmuFramePayload& payload) {
+    // The poll has just arrived: the driver stamped the previous frame before it sent it.
+    const uint64_t arrived = TGetClock().MonotonicNanos();
     std::unique_lock<std::mutex> lock(m_mutex);
     m_sending.reset();
     // Wait for the answer to be due; a script handed over meanwhile changes what is due.
@@ -110,7 +113,10 @@ bool CMtEmuUhidFrame::NextPayload(TEmuFramePayload& payload) {
             if (scripted > 0) gapMicros = scripted;
         }
         if (m_lastAnswerNanos == 0) break;  // the first poll: the frame has just appeared
-        const uint64_t due = m_lastAnswerNanos + gapMicros * 1000u;
+        // One gap after the previous answer, and never sooner than half a gap after the poll:
+        // a driver that fell behind still stamps two frames at least that far apart.
+        const uint64_t due = std::max(m_lastAnswerNanos + gapMicros * 1000u,
+                                      arrived + gapMicros * 500u);
         const uint64_t now = TGetClock().MonotonicNanos();
         if (now >= due) break;
         const bool wasPlaying = m_playing;

@@ -3,9 +3,10 @@
 //
 // The frame answers every frame poll: with the next frame of the script in play, or with an
 // empty frame when no script plays. Each answer goes out one frame period after the previous
-// answer (an empty frame's period, or the scripted frame's gap), not at a fixed schedule: the
-// driver stamps frames when it receives them, and a burst of overdue frames stamped a few
-// microseconds apart would look to contact matching like a finger still settling.
+// answer (an empty frame's period, or the scripted frame's gap), and no sooner than half a
+// period after its poll arrived, not at a fixed schedule: the driver stamps frames when it
+// receives them, and a burst of overdue frames stamped a few microseconds apart would look to
+// contact matching like a finger still settling.
 //
 // Threads: the link's thread runs the frame source; Play, Unplug and the waits come from any
 // other thread.
