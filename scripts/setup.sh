@@ -12,6 +12,7 @@ packages=(
   libevdev-dev                                         # uinput synthetic input
   libcli11-dev nlohmann-json3-dev                      # command line, JSON output
   libx11-dev libxrandr-dev                             # screen size from the X server
+  qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
 )
 
 missing=()

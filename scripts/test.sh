@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every check: a warning-free build with its unit tests, the same tests under
 # AddressSanitizer + UndefinedBehaviorSanitizer, the driver's end-to-end tests under
-# ThreadSanitizer, and each fuzz harness for a fixed time.
-# The last thing printed is CTest's summary of the plain build.
+# ThreadSanitizer, each fuzz harness for a fixed time, and the driver on a real kernel in a
+# QEMU guest. The last thing printed is the kernel test's "kernel: N passed, N failed" line.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -63,3 +63,6 @@ ctest --test-dir build/asan --output-on-failure -j "$jobs"
 
 step "unit tests"
 ctest --test-dir build/ci --output-on-failure -j "$jobs"
+
+step "real-kernel end-to-end test (QEMU guest)"
+tests/kernel/run.sh build/ci
