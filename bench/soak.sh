@@ -78,12 +78,21 @@ if grep -q "Sanitizer" "$work/log"; then
 fi
 [ "$status" -eq 0 ] || { tail -20 "$work/log"; echo "soak: FAIL: driver exited $status" >&2; exit 1; }
 
-python3 - "$samples" "$start" "$end" "${played:-0}" <<'EOF'
+# Under AddressSanitizer freed memory sits in quarantine, so resident memory says nothing there:
+# such a run is for the leak report only.
+sanitized=0
+ldd "$build/irframed" 2>/dev/null | grep -q 'libasan' && sanitized=1
+
+python3 - "$samples" "$start" "$end" "${played:-0}" "$sanitized" <<'EOF'
 import sys
 rss = [int(l) for l in open(sys.argv[1]) if l.strip()]
 elapsed = float(sys.argv[3]) - float(sys.argv[2])
 played = int(sys.argv[4])
 print(f"soak: {played} frames in {elapsed:.1f} s: {played / elapsed:,.0f} frames/s")
+if sys.argv[5] == "1":
+    print("soak: sanitizer build: no leak reported (resident memory not judged)")
+    print("soak: PASS")
+    sys.exit(0)
 if len(rss) < 5:
     print("soak: too few memory samples for a verdict (run more frames)")
     sys.exit(0)
