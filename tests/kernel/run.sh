@@ -50,14 +50,20 @@ fi
 
 debdir=$work/deb
 mkdir -p "$debdir"
-deb=$(ls "$debdir/${package}"_*.deb 2>/dev/null | head -n 1 || true)
+cached() { ls "$debdir/${package}"_*.deb 2>/dev/null | head -n 1 || true; }
+deb=$(cached)
 if [ -z "$deb" ]; then
     say "downloading $package"
     if ! (cd "$debdir" && apt-get download -qq "$package" 2>/dev/null); then
+        # Old package lists name a version the archive no longer has: refresh and ask again.
         apt-get update -qq
-        (cd "$debdir" && apt-get download -qq "$package")
+        package=$(kernel_package)
+        [ -n "$package" ] || die "cannot tell which kernel package linux-image-amd64 depends on"
+        deb=$(cached)
+        [ -n "$deb" ] || (cd "$debdir" && apt-get download -qq "$package")
     fi
-    deb=$(ls "$debdir/${package}"_*.deb | head -n 1)
+    deb=$(cached)
+    [ -n "$deb" ] || die "cannot download $package"
 fi
 say "kernel package $(basename "$deb")"
 
