@@ -104,7 +104,7 @@ console=$work/console.log
 start=$(date +%s)
 set +e
 timeout -k 10 "$guest_timeout" qemu-system-x86_64 \
-    -accel tcg -m 512 -smp 1 -nographic -no-reboot \
+    -accel tcg -m 512 -smp 1 -nographic -no-reboot -nic none \
     -kernel "$vmlinuz" -initrd "$work/initramfs.cpio" \
     -append "console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init" \
     -device isa-debug-exit,iobase=0xf4,iosize=0x04 \
