@@ -115,6 +115,10 @@ unsigned int test(void* arg) {
         for (int k = 0;; ++k) {
             if (!pDev->isRunning.load()) {
                 if (Stopping() && !pDev->removed.load()) return EndForShutdown(pDev);
+                // The device is gone: no close command goes to it, but its handle is given
+                // back. A hidraw node held open keeps its minor number taken, and there are
+                // only 64 of them.
+                pDev->controller.CloseDevice(MTDEV_CLOSE_SILENT);
                 TLogSystem("THREAD QUIT");
                 return 0;
             }

@@ -322,15 +322,15 @@ int main(int argc, char** argv) {
     const int status = loop->Run();
 
     // The orderly end waited for the workers; free what they used only if they all ended.
-    if (LiveWorkerCount() == 0) {
-        ReleaseDeviceList();
-    } else {
+    if (LiveWorkerCount() != 0) {
         std::fflush(nullptr);
         std::_Exit(status);
     }
+    // Before the records go: whether a frame was closed says what its worker did.
     if (hub) {
         for (const auto& device : hub->Devices()) TLogSystem("%s", device->Summary().c_str());
     }
+    ReleaseDeviceList();
     TSetClock(nullptr);
     return status;
 }

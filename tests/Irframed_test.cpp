@@ -276,7 +276,8 @@ TEST_F(Irframed, HotPlugAddAndRemove) {
 }
 
 // Verify that unplugging a frame while its button is held releases the button at once, at the
-// screen's origin, and ends the worker without closing the device.
+// screen's origin, and ends the worker, which sends the gone device nothing but gives back its
+// handle.
 TEST_F(Irframed, UnplugWhileHeldReleasesButton) {
     const TRun run = Run({"--simulate", Script("held", kHeldDrag)});
     ASSERT_GE(run.events.size(), 3u);
@@ -285,6 +286,8 @@ TEST_F(Irframed, UnplugWhileHeldReleasesButton) {
     EXPECT_THAT(run.log, testing::IsSupersetOf({"remove", "releaseclick", "TOUCH DEV RELEASE",
                                                 "THREAD QUIT"}));
     EXPECT_EQ(Count(run, "pDev->faildCount==0"), 0u);
+    // The gone device's handle is given back (a hidraw node held open keeps its number).
+    EXPECT_THAT(run.logText, HasSubstr("played, closed by the driver"));
 }
 
 TEST_F(Irframed, TwoFramesAtOnce) {
