@@ -180,6 +180,27 @@ public:
 
     uint64_t StdoutLines() const { return m_stdoutLines.load(); }
 
+    // The driver's open descriptors that still point at a hidraw node the kernel removed.
+    std::vector<std::string> DeletedHidrawHandles() const {
+        std::vector<std::string> found;
+        const std::string dir = "/proc/" + std::to_string(m_pid) + "/fd";
+        DIR* d = ::opendir(dir.c_str());
+        if (d == nullptr) return found;
+        while (const dirent* entry = ::readdir(d)) {
+            char target[256];
+            const std::string link = dir + "/" + entry->d_name;
+            const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+            if (n <= 0) continue;
+            const std::string text(target, static_cast<size_t>(n));
+            if (text.find("/dev/hidraw") != std::string::npos &&
+                text.find("(deleted)") != std::string::npos) {
+                found.push_back(text);
+            }
+        }
+        ::closedir(d);
+        return found;
+    }
+
 private:
     void Pump() {
         std::string partial[2];
@@ -619,13 +640,17 @@ TResult CaseUnplugHeld(TContext& ctx) {
         }
     }
     if (!ctx.driver->Running()) return Fail("the driver ended with the frame");
+    // The gone frame's node is given back: an open one keeps its hidraw number taken.
+    if (const auto held = ctx.driver->DeletedHidrawHandles(); !held.empty()) {
+        return Fail("the driver still holds " + held.front() + " open");
+    }
     // The driver goes on: another frame still gets polled.
     const uint64_t polls = ctx.b->Polls();
     if (!ctx.b->WaitPollsAbove(polls + kPollsSeen, kAppearMs)) {
         return Fail("frame B is no longer polled after frame A went");
     }
     return Pass("held through 4 moves; the unplug released BTN_LEFT at ABS (0, 0); "
-                "remove, TOUCH DEV RELEASE, THREAD QUIT; frame B still polled");
+                "remove, TOUCH DEV RELEASE, THREAD QUIT; its node closed; frame B still polled");
 }
 
 // Two identical frames at once, each with a worker and a container of its own: one scrolls
