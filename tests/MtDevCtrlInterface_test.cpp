@@ -1,18 +1,23 @@
-// The controller in the lo-speed dialect: packet builders, error names and progress, and every
-// device operation through the real hidraw port against the emulated touch frame (on a
-// socketpair), with the faults the frame can be made to commit.
+// The controller in both dialects: packet builders, error names and progress; every device
+// operation through the real hidraw port against the emulated touch frame (on a socketpair),
+// and the hi-speed dialect through the emulator's in-process bulk port, with the faults the
+// frame can be made to commit.
 #include "MtDevCtrlInterface.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <cwchar>
+#include <functional>
+#include <string>
 #include <thread>
 
 #include "MtScriptedHidDevice.h"
 #include "MultiPlatformAPI.h"
+#include "support/ConfigBlockBuilder.h"
 #include "support/MtDevLinkRig.h"
 
 namespace {
@@ -924,5 +929,747 @@ TEST_F(HidController, AbortFlagStopsTransactionsBeforeData) {
     EXPECT_EQ(Emu().RequestCount(), 1u) << "only the write request went out";
     EXPECT_EQ(Ctl().SetLoSpeed(MTDEV_CMD_DEV_INFO, nullptr, 10), DE_NULLPTR);
 }
+
+
+// ---------------------------------------------------------------------------------------------
+// The hi-speed dialect through the in-process bulk port
+
+uint64_t NowMicros() {
+    return TGetClock().MonotonicNanos() / 1000u;
+}
+
+// One hi-speed command packet: 28 bytes written with 1000 ms, its type, parameter and command,
+// the command's position 8..27 and filler 5..27 everywhere else.
+void ExpectHiPacket(const TBulkTransfer& t, uint8_t type, uint8_t command, uint32_t parameter) {
+    ASSERT_TRUE(t.write);
+    EXPECT_EQ(t.size, 28u);
+    ASSERT_EQ(t.bytes.size(), 28u);
+    EXPECT_EQ(t.bytes[0], type);
+    EXPECT_EQ(Le32(&t.bytes[1]), parameter);
+    const int position = t.bytes[5];
+    ASSERT_GE(position, 8);
+    ASSERT_LE(position, 27);
+    EXPECT_EQ(t.bytes[position], command);
+    for (int i = 6; i < 28; ++i) {
+        if (i == position) continue;
+        EXPECT_GE(t.bytes[i], 5) << i;
+        EXPECT_LE(t.bytes[i], 27) << i;
+    }
+    EXPECT_EQ(t.noDataTimeoutMs, 1000u);
+    EXPECT_EQ(t.completionTimeoutMs, 1000u);
+}
+
+std::vector<uint8_t> Pattern(size_t bytes, unsigned factor) {
+    std::vector<uint8_t> out(bytes);
+    for (size_t i = 0; i < bytes; ++i) out[i] = static_cast<uint8_t>(i * factor + (i >> 16) + 1);
+    return out;
+}
+
+class BulkController : public ::testing::Test {
+protected:
+    // The device's own time-outs, on a virtual clock: every pause and every wait for an answer
+    // that does not come costs nothing and reads exactly.
+    TVirtualClock m_clock{0};
+    TScopedClock m_scoped{m_clock};
+
+    void SetUp() override {
+        m_rig = std::make_unique<TRecordedBulkRig>();
+        m_ctl = std::make_unique<CMtDevController>();
+        ASSERT_EQ(m_ctl->OpenDevice(&m_rig->path), DE_OK);
+        ASSERT_EQ(m_ctl->DeviceType(), MTDEV_TYPE_BULK);
+        m_openedAtMicros = NowMicros();
+        Rec().Clear();
+        m_rig->service.ClearCalls();
+    }
+    void TearDown() override {
+        m_ctl.reset();
+        EXPECT_EQ(m_rig->service.OpenInterfaces(), 0) << "an interface was left open";
+        EXPECT_EQ(m_rig->service.LiveObjects(), 0) << "a port object was left alive";
+    }
+    CMtDevEmulator& Emu() { return m_rig->emulator; }
+    CMtDevController& Ctl() { return *m_ctl; }
+    CRecordingUsbService& Rec() { return m_rig->recorder; }
+    std::vector<std::string> Calls() const { return m_rig->service.Calls(); }
+
+    std::unique_ptr<TRecordedBulkRig> m_rig;
+    std::unique_ptr<CMtDevController> m_ctl;
+    uint64_t m_openedAtMicros = 0;
+};
+
+// Verify that opening over bulk gives the device 1 s to settle after the interface was found,
+// and that a path without a service, or a device that will not open, gives 1.
+TEST_F(BulkController, OpenDeviceSettlesAndFailures) {
+    EXPECT_EQ(m_openedAtMicros, 1000000u);
+    EXPECT_TRUE(Ctl().Communicator().IsBulkOpen());
+    CMtDevController other;
+    TMACDEVICEPATH noService{nullptr, nullptr, MTDEV_TYPE_BULK};
+    EXPECT_EQ(other.OpenDevice(&noService), DE_ERROR);
+    TEmuUsbLayout refusing = TEmuUsbLayout::Default();
+    refusing.deviceOpenFails = true;
+    TRecordedBulkRig closed(refusing);
+    EXPECT_EQ(other.OpenDevice(&closed.path), DE_ERROR);
+    EXPECT_FALSE(other.Communicator().IsBulkOpen());
+    EXPECT_EQ(closed.service.LiveObjects(), 0);
+}
+
+// Verify that the frame poll on a bulk device gives 12 before the frame record is looked at,
+// and that the device sees nothing.
+TEST_F(BulkController, GetFrameSdkIsRefusedWithoutTouchingTheDevice) {
+    TFrame f;
+    EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), DE_BAD_USB_MODE);
+    EXPECT_EQ(Ctl().GetFrameSdk(nullptr), DE_BAD_USB_MODE);
+    EXPECT_EQ(f.frame.points, nullptr);
+    EXPECT_TRUE(Calls().empty());
+    EXPECT_EQ(Emu().RequestCount(), 0u);
+    EXPECT_EQ(Emu().FramesServed(), 0u);
+}
+
+struct THiReadCase {
+    const char* name;
+    size_t held;                       // bytes the device holds
+    int asked;                         // the length asked for
+    int expectedLength;
+    std::vector<uint32_t> parameters;  // of the read requests, in order
+};
+
+class HiSpeedRead : public BulkController, public ::testing::WithParamInterface<THiReadCase> {};
+
+// Verify that the hi-speed read asks for blocks of 65536 with parameter i, then for the rest
+// with (rest << 16) | blocks and reads it 300 ms later; that a short block ends the read and
+// counts as full; and that the data lands in place with nothing written past what came.
+TEST_P(HiSpeedRead, RequestsBlocksThenRest) {
+    const THiReadCase& c = GetParam();
+    const std::vector<uint8_t> held = Pattern(c.held, 7);
+    Emu().SetStatus(held);
+    std::vector<uint8_t> buffer(static_cast<size_t>(c.asked) + 16, 0xEE);
+    int length = c.asked;
+    ASSERT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_OK);
+    EXPECT_EQ(length, c.expectedLength);
+    const size_t came = std::min(c.held, static_cast<size_t>(c.asked));
+    EXPECT_TRUE(std::equal(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(came),
+                           buffer.begin()));
+    EXPECT_EQ(static_cast<size_t>(std::count(buffer.begin() + static_cast<std::ptrdiff_t>(came),
+                                             buffer.end(), 0xEE)),
+              buffer.size() - came);
+
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    ASSERT_EQ(t.size(), 2 * c.parameters.size());
+    for (size_t k = 0; k < c.parameters.size(); ++k) {
+        SCOPED_TRACE(k);
+        const uint32_t p = c.parameters[k];
+        const bool rest = (p >> 16) != 0;
+        ExpectHiPacket(t[2 * k], MTDEV_PACKET_READ, MTDEV_CMD_DEV_STATUS, p);
+        const TBulkTransfer& read = t[2 * k + 1];
+        ASSERT_FALSE(read.write);
+        EXPECT_EQ(read.pipe, 1);
+        EXPECT_EQ(read.size, rest ? p >> 16 : 65536u);
+        EXPECT_EQ(read.noDataTimeoutMs, 1000u);
+        EXPECT_EQ(read.completionTimeoutMs, 1000u);
+        EXPECT_EQ(read.startMicros - t[2 * k].endMicros, rest ? 300000u : 0u);
+    }
+    EXPECT_EQ(Ctl().ProgressTotal(), static_cast<uint32_t>(c.asked));
+    EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, HiSpeedRead,
+    ::testing::Values(
+        THiReadCase{"OneBlockAndRest", 70000, 70000, 70000, {0, 0x11700001}},
+        THiReadCase{"TenBytesAfterOneBlock", 70000, 65546, 65546, {0, 0x000A0001}},
+        THiReadCase{"ShortFirstBlockCountsAsFull", 1000, 70000, 65536, {0}},
+        THiReadCase{"EmptyFirstBlockCountsAsFull", 0, 65536, 65536, {0}},
+        THiReadCase{"ShortSecondBlockCountsAsFull", 70000, 140000, 131072, {0, 1}},
+        THiReadCase{"WholeBlocksOnly", 131072, 131072, 131072, {0, 1}},
+        THiReadCase{"RestOnly", 100, 100, 100, {0x00640000}},
+        THiReadCase{"RestShorterThanAsked", 50, 100, 50, {0x00640000}}),
+    [](const ::testing::TestParamInfo<THiReadCase>& info) { return info.param.name; });
+
+// Verify that the hi-speed size query sends parameter 0xFFFFFFFF and reads up to 1024 bytes,
+// the size being how many bytes answered whatever they hold; an answer that never comes gives
+// 4 after the 1000 ms time-out and is not retried.
+TEST_F(BulkController, SizeQueryCountsTheAnswersBytes) {
+    // Bytes that a lo-speed reader would take for a size answer of 256.
+    const std::vector<uint8_t> loLike = {0x06, 0xE6, 0x00, 0x01, 0x00, 0x00};
+    const std::pair<size_t, int> cases[] = {{0, 0}, {6, 6}, {1024, 1024}, {5000, 1024}};
+    for (const auto& [held, size] : cases) {
+        SCOPED_TRACE(held);
+        std::vector<uint8_t> status(held, 0x55);
+        std::copy_n(loLike.begin(), std::min(held, loLike.size()), status.begin());
+        Emu().SetStatus(status);
+        Rec().Clear();
+        int length = -1;
+        ASSERT_EQ(Ctl().GetHiSpeed(MTDEV_CMD_DEV_STATUS, nullptr, length), DE_OK);
+        EXPECT_EQ(length, size);
+        const std::vector<TBulkTransfer>& t = Rec().Transfers();
+        ASSERT_EQ(t.size(), 2u);
+        ExpectHiPacket(t[0], MTDEV_PACKET_READ, MTDEV_CMD_DEV_STATUS, MTDEV_SIZE_QUERY);
+        EXPECT_EQ(t[1].size, 1024u);
+        EXPECT_EQ(t[1].completionTimeoutMs, 1000u);
+        EXPECT_EQ(t[1].startMicros, t[0].endMicros) << "no pause before the answer";
+    }
+    Emu().InjectFault({TEmuFaultKind::DropReply});
+    m_rig->service.ClearCalls();
+    const uint64_t before = NowMicros();
+    int length = 77;
+    EXPECT_EQ(Ctl().GetHiSpeed(MTDEV_CMD_DEV_STATUS, nullptr, length), DE_DEV_READ);
+    EXPECT_EQ(length, 77);
+    EXPECT_EQ(NowMicros() - before, 1000000u);
+    EXPECT_EQ(Calls(), (std::vector<std::string>{"WritePipeTO 2", "ReadPipeTO 1", "GetPipeStatus 1"}));
+}
+
+struct THiWriteCase {
+    const char* name;
+    int length;
+    std::vector<uint32_t> dataWrites;  // sizes of the data writes
+};
+
+class HiSpeedWrite : public BulkController, public ::testing::WithParamInterface<THiWriteCase> {};
+
+// Verify that the hi-speed write announces the length, reads the 2-byte acknowledgement with
+// 4000 ms, sends the data 200 ms later rounded up to a multiple of 64 in writes of at most
+// 65536 bytes (10000 ms each), padded with zeros rather than what lies past the caller's
+// length, then end of data with 0x444F45 and its acknowledgement read with 5000 ms.
+TEST_P(HiSpeedWrite, AnnouncesPadsAndEnds) {
+    const THiWriteCase& c = GetParam();
+    const size_t length = static_cast<size_t>(c.length);
+    const size_t rounded = (length + 63) / 64 * 64;
+    // The caller's memory goes on past the length with bytes that are not data.
+    std::vector<uint8_t> memory = Pattern(length, 13);
+    memory.resize(length + 200, 0xEE);
+    ASSERT_EQ(Ctl().SetScanPatternFile(memory.data(), c.length), DE_OK);
+
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    ASSERT_EQ(t.size(), 4 + c.dataWrites.size());
+    ExpectHiPacket(t[0], MTDEV_PACKET_WRITE, MTDEV_CMD_SCAN_PATTERN, static_cast<uint32_t>(length));
+    EXPECT_FALSE(t[1].write);
+    EXPECT_EQ(t[1].bytes, (std::vector<uint8_t>{0xE4, 0x04}));
+    EXPECT_EQ(t[1].noDataTimeoutMs, 4000u);
+    EXPECT_EQ(t[1].completionTimeoutMs, 4000u);
+    EXPECT_EQ(t[2].startMicros - t[1].endMicros, 200000u);
+    std::vector<uint8_t> sent;
+    for (size_t k = 0; k < c.dataWrites.size(); ++k) {
+        SCOPED_TRACE(k);
+        const TBulkTransfer& d = t[2 + k];
+        EXPECT_TRUE(d.write);
+        EXPECT_EQ(d.pipe, 2);
+        EXPECT_EQ(d.size, c.dataWrites[k]);
+        EXPECT_EQ(d.noDataTimeoutMs, 10000u);
+        EXPECT_EQ(d.completionTimeoutMs, 10000u);
+        sent.insert(sent.end(), d.bytes.begin(), d.bytes.end());
+    }
+    std::vector<uint8_t> expected(memory.begin(), memory.begin() + static_cast<std::ptrdiff_t>(length));
+    expected.resize(rounded, 0x00);
+    EXPECT_EQ(sent, expected);
+    ExpectHiPacket(t[t.size() - 2], MTDEV_PACKET_END, MTDEV_CMD_SCAN_PATTERN, MTDEV_EOD_PARAMETER);
+    EXPECT_FALSE(t.back().write);
+    EXPECT_EQ(t.back().bytes, (std::vector<uint8_t>{0xE7, 0x00}));
+    EXPECT_EQ(t.back().completionTimeoutMs, 5000u);
+
+    TEmuWrite write{};
+    ASSERT_TRUE(Emu().LastWrite(MTDEV_CMD_SCAN_PATTERN, &write));
+    EXPECT_TRUE(write.hiSpeed);
+    EXPECT_EQ(write.announced, length);
+    EXPECT_EQ(write.bytesReceived, rounded);
+    EXPECT_EQ(write.data, std::vector<uint8_t>(memory.begin(),
+                                               memory.begin() + static_cast<std::ptrdiff_t>(length)));
+    EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lengths, HiSpeedWrite,
+    ::testing::Values(THiWriteCase{"Hundred", 100, {128}},
+                      THiWriteCase{"MultipleOf64", 128, {128}},
+                      THiWriteCase{"OneByte", 1, {64}},
+                      THiWriteCase{"Empty", 0, {}},
+                      THiWriteCase{"OverOneBlock", 65536 + 100, {65536, 128}},
+                      THiWriteCase{"TwoWholeBlocks", 131072, {65536, 65536}}),
+    [](const ::testing::TestParamInfo<THiWriteCase>& info) { return info.param.name; });
+
+// Verify that a hi-speed write without data is refused with 6 before anything is sent, even
+// for a length of 0 (the lo-speed write lets that through).
+TEST_F(BulkController, WriteWithoutDataIsRefused) {
+    EXPECT_EQ(Ctl().SetHiSpeed(MTDEV_CMD_DEV_INFO, nullptr, 0), DE_NULLPTR);
+    EXPECT_EQ(Ctl().SetScanPatternFile(nullptr, 10), DE_NULLPTR);
+    EXPECT_TRUE(Rec().Transfers().empty());
+}
+
+struct THiWriteFault {
+    const char* name;
+    TEmuFault fault;
+    DEV_ERR expected;
+    bool stored;          // the device took the data
+    uint64_t lastWaitMs;  // the last transfer's wait on the virtual clock
+};
+
+class HiSpeedWriteFault : public BulkController,
+                          public ::testing::WithParamInterface<THiWriteFault> {};
+
+// Verify that each fault of a hi-speed write yields the code of the step it hit, that a lost or
+// late acknowledgement is waited for exactly its time-out, and whether the device kept the data.
+TEST_P(HiSpeedWriteFault, YieldsCode) {
+    const THiWriteFault& c = GetParam();
+    Emu().InjectFault(c.fault);
+    _HARDWARE_DEV_INFO info{};
+    for (int i = 0; i < MTDEV_DEV_INFO_BYTES; ++i) info.bytes[i] = static_cast<uint8_t>(i + 1);
+    EXPECT_EQ(Ctl().SetDeviceInfo(&info), c.expected);
+    ASSERT_FALSE(Rec().Transfers().empty());
+    const TBulkTransfer& last = Rec().Transfers().back();
+    EXPECT_EQ(last.endMicros - last.startMicros, c.lastWaitMs * 1000u);
+    TEmuWrite write{};
+    EXPECT_EQ(Emu().LastWrite(MTDEV_CMD_DEV_INFO, &write), c.stored);
+    if (c.stored) {
+        EXPECT_EQ(write.data, std::vector<uint8_t>(info.bytes, info.bytes + MTDEV_DEV_INFO_BYTES));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, HiSpeedWriteFault,
+    ::testing::Values(
+        THiWriteFault{"RequestAckWrongCode", {K::WrongCode, 0, S::Request}, DE_ERROR, false, 0},
+        THiWriteFault{"RequestAckGarbage", {K::Garbage, 0, S::Request}, DE_ERROR, false, 0},
+        THiWriteFault{"RequestRefused", {K::RefuseWrite, 0, S::Request}, DE_DEV_FLASH, false, 0},
+        THiWriteFault{"RequestAckOneByte", {K::ShortReply, 0, S::Request, 0, 1}, DE_DEV_READ, false, 0},
+        THiWriteFault{"RequestAckEmpty", {K::ShortReply, 0, S::Request, 0, 0}, DE_DEV_READ, false, 0},
+        THiWriteFault{"RequestAckLost", {K::DropReply, 0, S::Request}, DE_DEV_READ, false, 4000},
+        THiWriteFault{"RequestAckLateWithinTimeOut", {K::LateReply, 0, S::Request, 0, 4000}, DE_OK, true, 0},
+        THiWriteFault{"RequestAckTooLate", {K::LateReply, 0, S::Request, 0, 4001}, DE_DEV_READ, false, 4000},
+        THiWriteFault{"RequestAckInStalledOnce", {K::StallPipe, 0, S::Request, 0, 0, 1}, DE_OK, true, 0},
+        THiWriteFault{"VanishedAtRequest", {K::Vanish, 0, S::Request}, DE_DEV_READ, false, 0},
+        THiWriteFault{"VanishedAtData", {K::Vanish, 0, S::Data}, DE_DEV_WRITE, false, 0},
+        THiWriteFault{"DataOutStalledOnce", {K::StallPipe, 0, S::Data, 0, 1, 1}, DE_OK, true, 0},
+        THiWriteFault{"DataOutStalledTwice", {K::StallPipe, 0, S::Data, 0, 1, 2}, DE_DEV_WRITE, false, 0},
+        THiWriteFault{"EndAckWrongCode", {K::WrongCode, 0, S::End}, DE_ERROR, true, 0},
+        THiWriteFault{"EndAckOneByte", {K::ShortReply, 0, S::End, 0, 1}, DE_DEV_READ, true, 0},
+        THiWriteFault{"EndAckLost", {K::DropReply, 0, S::End}, DE_DEV_READ, true, 5000},
+        THiWriteFault{"EndAckLateWithinTimeOut", {K::LateReply, 0, S::End, 0, 5000}, DE_OK, true, 5000},
+        THiWriteFault{"EndAckTooLate", {K::LateReply, 0, S::End, 0, 5001}, DE_DEV_READ, true, 5000},
+        THiWriteFault{"VanishedAtEnd", {K::Vanish, 0, S::End}, DE_DEV_READ, false, 0},
+        THiWriteFault{"FirmwareStatus1", {K::FirmwareStatus, 0, S::End, 0, 1}, 1001, false, 0},
+        THiWriteFault{"FirmwareStatus5", {K::FirmwareStatus, 0, S::End, 0, 5}, 1005, false, 0},
+        THiWriteFault{"FirmwareStatus255", {K::FirmwareStatus, 0, S::End, 0, 255}, 1255, false, 0}),
+    [](const ::testing::TestParamInfo<THiWriteFault>& info) { return info.param.name; });
+
+// Verify that an acknowledgement of the request coming at the last moment of its 4000 ms is
+// waited for, and taken.
+TEST_F(BulkController, LateRequestAcknowledgementIsWaitedFor) {
+    Emu().InjectFault({K::LateReply, 0, S::Request, 0, 4000});
+    _HARDWARE_DEV_INFO info{};
+    ASSERT_EQ(Ctl().SetDeviceInfo(&info), DE_OK);
+    const TBulkTransfer& ack = Rec().Transfers()[1];
+    EXPECT_EQ(ack.bytes, (std::vector<uint8_t>{0xE4, 0x04}));
+    EXPECT_EQ(ack.endMicros - ack.startMicros, 4000000u);
+}
+
+struct TStallCase {
+    const char* name;
+    TEmuFault fault;
+    DEV_ERR expected;
+    std::vector<std::string> calls;  // the port calls of the whole configuration read
+    uint64_t retryPauseMicros;       // from the end of the failed transfer to its retry
+};
+
+class BulkStall : public BulkController, public ::testing::WithParamInterface<TStallCase> {};
+
+// Verify that a stall during a configuration read is recovered from once, differently per
+// pipe: a stalled IN pipe is asked for its status, cleared and read once more after 200 ms; a
+// failed OUT transfer is cleared without asking and written once more at once; a second stall
+// in a row fails.
+TEST_P(BulkStall, RecoveredOnceAsymmetrically) {
+    const TStallCase& c = GetParam();
+    auto expected = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    const std::vector<uint8_t> block = Emu().ConfigBlock();
+    ASSERT_EQ(DecodeDevConfig(block.data(), static_cast<int>(block.size()), expected.get()),
+              DEV_CONFIG_DECODE_OK);
+    Emu().InjectFault(c.fault);
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    EXPECT_EQ(Ctl().GetDeviceConfig(config.get()), c.expected);
+    EXPECT_EQ(Calls(), c.calls);
+    // The first transfer of the configuration read that failed, and its retry.
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    const auto failed = std::find_if(t.begin(), t.end(),
+                                     [](const TBulkTransfer& x) { return x.result != kMtUsbSuccess; });
+    ASSERT_NE(failed, t.end());
+    ASSERT_NE(failed + 1, t.end());
+    EXPECT_EQ(failed->result, kMtUsbPipeStalled);
+    EXPECT_EQ((failed + 1)->write, failed->write);
+    EXPECT_EQ((failed + 1)->startMicros - failed->endMicros, c.retryPauseMicros);
+    if (c.expected == DE_OK) {
+        EXPECT_EQ(std::memcmp(config.get(), expected.get(), sizeof *config), 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BulkStall,
+    ::testing::Values(
+        TStallCase{"InOnce",
+                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 1},
+                   DE_OK,
+                   {"WritePipeTO 2", "ReadPipeTO 1", "GetPipeStatus 1", "ClearPipeStallBothEnds 1",
+                    "ReadPipeTO 1", "WritePipeTO 2", "ReadPipeTO 1"},
+                   200000},
+        TStallCase{"InTwice",
+                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 2},
+                   DE_DEV_READ,
+                   {"WritePipeTO 2", "ReadPipeTO 1", "GetPipeStatus 1", "ClearPipeStallBothEnds 1",
+                    "ReadPipeTO 1"},
+                   200000},
+        TStallCase{"OutOnce",
+                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 1},
+                   DE_OK,
+                   {"WritePipeTO 2", "ClearPipeStallBothEnds 2", "WritePipeTO 2", "ReadPipeTO 1",
+                    "WritePipeTO 2", "ReadPipeTO 1"},
+                   0},
+        TStallCase{"OutTwice",
+                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 2},
+                   DE_DEV_WRITE,
+                   {"WritePipeTO 2", "ClearPipeStallBothEnds 2", "WritePipeTO 2"},
+                   0}),
+    [](const ::testing::TestParamInfo<TStallCase>& info) { return info.param.name; });
+
+// Verify that a device vanishing in the middle of a read gives the read error, and after that
+// every write gives the write error.
+TEST_F(BulkController, VanishedDeviceGivesReadThenWriteErrors) {
+    Emu().SetStatus(Pattern(3 * 65536, 3));
+    Emu().InjectFault({K::Vanish, MTDEV_CMD_DEV_STATUS, S::Request, 1});
+    std::vector<uint8_t> buffer(3 * 65536);
+    int length = static_cast<int>(buffer.size());
+    EXPECT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_DEV_READ);
+    EXPECT_EQ(RequestsOf(Emu(), MTDEV_CMD_DEV_STATUS).size(), 2u) << "block 1's request went out";
+    EXPECT_EQ(Rec().Transfers().back().result, kMtUsbNotResponding);
+    EXPECT_EQ(Ctl().CmdProcess(0), DE_DEV_WRITE);
+    EXPECT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_DEV_WRITE);
+    _HARDWARE_DEV_INFO info{};
+    EXPECT_EQ(Ctl().SetDeviceInfo(&info), DE_DEV_WRITE);
+}
+
+// Verify that the close command over bulk is a 28-byte type-17 packet with 0xAF and the mode's
+// parameter and nothing is read back; that mode 255 sends nothing; and that every close
+// releases the interface and forgets the device, even when the device is gone.
+TEST_F(BulkController, CloseDeviceModes) {
+    const std::pair<unsigned char, uint32_t> modes[] = {
+        {0, 1}, {1, 0}, {2, 4}, {3, 6}, {4, 6}, {5, 6}, {6, 189}, {7, 6}, {200, 6}, {254, 6}};
+    for (const auto& [mode, parameter] : modes) {
+        SCOPED_TRACE(static_cast<int>(mode));
+        if (Ctl().DeviceType() == MTDEV_TYPE_NONE) {
+            ASSERT_EQ(Ctl().OpenDevice(&m_rig->path), DE_OK);
+        }
+        Rec().Clear();
+        EXPECT_EQ(Ctl().CloseDevice(mode), DE_OK);
+        ASSERT_EQ(Rec().Transfers().size(), 1u);
+        ExpectHiPacket(Rec().Transfers()[0], MTDEV_PACKET_COMMAND, MTDEV_CMD_CLOSE, parameter);
+        const TEmuRequest r = Emu().Requests().back();
+        EXPECT_EQ(r.command, MTDEV_CMD_CLOSE);
+        EXPECT_EQ(r.parameter, parameter);
+        EXPECT_EQ(Ctl().DeviceType(), MTDEV_TYPE_NONE);
+        EXPECT_FALSE(Ctl().Communicator().IsBulkOpen());
+        EXPECT_EQ(m_rig->service.OpenInterfaces(), 0);
+    }
+    ASSERT_EQ(Ctl().OpenDevice(&m_rig->path), DE_OK);
+    Rec().Clear();
+    EXPECT_EQ(Ctl().CloseDevice(MTDEV_CLOSE_SILENT), DE_OK);
+    EXPECT_TRUE(Rec().Transfers().empty());
+    EXPECT_FALSE(Ctl().Communicator().IsBulkOpen());
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    EXPECT_EQ(Ctl().GetDeviceConfig(config.get()), DE_DEV_NOT_OPENED);
+
+    ASSERT_EQ(Ctl().OpenDevice(&m_rig->path), DE_OK);
+    Emu().InjectFault({K::Vanish});
+    ASSERT_EQ(Ctl().CmdProtect(1), DE_OK);  // accepted, then the device is gone
+    Rec().Clear();
+    EXPECT_EQ(Ctl().CloseDevice(0), DE_OK);
+    ASSERT_EQ(Rec().Transfers().size(), 2u) << "the close command, retried once";
+    EXPECT_EQ(Rec().Transfers()[1].result, kMtUsbNotResponding);
+    EXPECT_EQ(Ctl().DeviceType(), MTDEV_TYPE_NONE);
+    EXPECT_EQ(m_rig->service.OpenInterfaces(), 0);
+}
+
+// Verify that the plain commands over bulk are one 28-byte type-17 packet each, 0xA0 with
+// (mode & 7) | 8 and 0xA9 with the value unchanged, with nothing read back; a packet the OUT
+// pipe refuses twice gives 5.
+TEST_F(BulkController, ProcessAndProtectCommands) {
+    const std::pair<uint8_t, uint32_t> modes[] = {{0, 8},   {1, 9},     {2, 10},   {7, 15},
+                                                  {8, 8},   {0x0D, 13}, {0x80, 8}, {0xFF, 15}};
+    for (const auto& [mode, parameter] : modes) {
+        SCOPED_TRACE(static_cast<int>(mode));
+        Rec().Clear();
+        EXPECT_EQ(Ctl().CmdProcess(mode), DE_OK);
+        ASSERT_EQ(Rec().Transfers().size(), 1u);
+        ExpectHiPacket(Rec().Transfers()[0], MTDEV_PACKET_COMMAND, MTDEV_CMD_PROCESS, parameter);
+    }
+    Rec().Clear();
+    EXPECT_EQ(Ctl().CmdProtect(0xDEADBEEF), DE_OK);
+    ASSERT_EQ(Rec().Transfers().size(), 1u);
+    ExpectHiPacket(Rec().Transfers()[0], MTDEV_PACKET_COMMAND, MTDEV_CMD_PROTECT, 0xDEADBEEF);
+    EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+
+    Emu().InjectFault({K::StallPipe, MTDEV_CMD_PROCESS, S::Any, 0, 1, 2});
+    EXPECT_EQ(Ctl().CmdProcess(3), DE_DEV_WRITE);
+    EXPECT_EQ(Ctl().CmdProcess(3), DE_OK) << "the stalls are used up";
+}
+
+// Verify that the raw frame read over bulk sends the hand-built 28-byte request (parameter
+// bytes zero, command at 27, the caller's capacity, "{", mode and headers), reads once up to the
+// capacity with 1000 ms, and takes the fields from the device's 32-byte head.
+TEST_F(BulkController, GetFrameDataRequestAndHead) {
+    TEmuRawFrame frame;
+    frame.frameNo = 0x01020304;
+    frame.frameMode = 5;
+    frame.header1 = {11, 12, 13, 14, 15, 16, 17, 18};
+    frame.header2 = {21, 22, 23, 24, 25, 26, 27, 28};
+    frame.data = Pattern(100, 5);
+    Emu().SetRawFrame(frame);
+    std::vector<uint8_t> storage(300, 0xEE);
+    _HARDWARE_FRAME_DATA raw{};
+    raw.capacity = 256;
+    raw.storage = storage.data();
+    raw.frameMode = 3;
+    for (int i = 0; i < 8; ++i) {
+        raw.header1[i] = static_cast<uint8_t>(0xA0 + i);
+        raw.header2[i] = static_cast<uint8_t>(0xB0 + i);
+    }
+    ASSERT_EQ(Ctl().GetFrameData(&raw), DE_OK);
+
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    ASSERT_EQ(t.size(), 2u);
+    const std::vector<uint8_t> request = {
+        37,   0,    0,    0,    0,    27,   0x00, 0x01, 0x7B, 3,    0xA0, 0xA1, 0xA2, 0xA3,
+        0xA4, 0xA5, 0xA6, 0xA7, 0xB0, 0xB1, 0xB2, 0xB3, 0xB4, 0xB5, 0xB6, 0xB7, 0,    0xB4};
+    EXPECT_TRUE(t[0].write);
+    EXPECT_EQ(t[0].bytes, request);
+    EXPECT_EQ(t[0].completionTimeoutMs, 1000u);
+    EXPECT_FALSE(t[1].write);
+    EXPECT_EQ(t[1].size, 256u);
+    EXPECT_EQ(t[1].completionTimeoutMs, 1000u);
+    EXPECT_EQ(t[1].bytes.size(), 132u);
+
+    EXPECT_EQ(raw.frameNo, 0x01020304u);
+    EXPECT_EQ(raw.frameMode, 5);
+    EXPECT_TRUE(std::equal(frame.header1.begin(), frame.header1.end(), raw.header1));
+    EXPECT_TRUE(std::equal(frame.header2.begin(), frame.header2.end(), raw.header2));
+    EXPECT_EQ(raw.dataBytes, 100);
+    EXPECT_EQ(raw.data, storage.data() + 32);
+    EXPECT_TRUE(std::equal(frame.data.begin(), frame.data.end(), storage.begin() + 32));
+    EXPECT_EQ(std::count(storage.begin() + 132, storage.end(), 0xEE), 300 - 132);
+    EXPECT_EQ(Ctl().ProgressTotal(), 256u);
+    EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+}
+
+struct TBulkRawCase {
+    const char* name;
+    uint16_t capacity;
+    size_t frameBytes;  // data bytes behind the device's head
+    bool withFault;
+    TEmuFault fault;
+    DEV_ERR expected;
+    uint16_t dataBytes;  // when read
+};
+
+class BulkGetFrameData : public BulkController, public ::testing::WithParamInterface<TBulkRawCase> {};
+
+// Verify that the raw frame read over bulk gives 13 for fewer than 2 bytes, 11 for fewer than
+// 33 or no "{", 4 for a failed read, 5 for a failed request; that its data bytes are the smaller
+// of the head's count and what came after the head; and that nothing lands past the capacity.
+TEST_P(BulkGetFrameData, YieldsCode) {
+    const TBulkRawCase& c = GetParam();
+    TEmuRawFrame frame;
+    frame.data = Pattern(c.frameBytes, 9);
+    Emu().SetRawFrame(frame);
+    if (c.withFault) Emu().InjectFault(c.fault);
+    std::vector<uint8_t> storage(c.capacity + 1u, 0xEE);
+    _HARDWARE_FRAME_DATA raw{};
+    raw.capacity = c.capacity;
+    raw.storage = storage.data();
+    EXPECT_EQ(Ctl().GetFrameData(&raw), c.expected);
+    EXPECT_EQ(storage[c.capacity], 0xEE) << "nothing written beyond the capacity";
+    const std::vector<TBulkTransfer> reads = Rec().Reads();
+    if (!reads.empty()) {
+        EXPECT_EQ(reads.back().size, c.capacity);
+    }
+    if (c.expected == DE_OK) {
+        EXPECT_EQ(raw.dataBytes, c.dataBytes);
+        EXPECT_EQ(raw.data, storage.data() + 32);
+        EXPECT_TRUE(std::equal(frame.data.begin(), frame.data.begin() + raw.dataBytes,
+                               storage.begin() + 32));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BulkGetFrameData,
+    ::testing::Values(
+        TBulkRawCase{"Whole", 256, 100, false, {}, DE_OK, 100},
+        TBulkRawCase{"CutToCapacity", 100, 100, false, {}, DE_OK, 68},
+        TBulkRawCase{"HeadAndOneByte", 33, 100, false, {}, DE_OK, 1},
+        TBulkRawCase{"HeadOnly", 32, 100, false, {}, DE_BAD_VERSION, 0},
+        TBulkRawCase{"FrameWithoutData", 256, 0, false, {}, DE_BAD_VERSION, 0},
+        TBulkRawCase{"TwoBytes", 2, 100, false, {}, DE_BAD_VERSION, 0},
+        TBulkRawCase{"OneByte", 1, 100, false, {}, DE_BAD_DATA_SIZE, 0},
+        TBulkRawCase{"NoRoom", 0, 100, false, {}, DE_BAD_DATA_SIZE, 0},
+        // The head's 16-bit count wraps: 65546 data bytes claim 10.
+        TBulkRawCase{"HeadClaimsLessThanCame", 65535, 65546, false, {}, DE_OK, 10},
+        TBulkRawCase{"AnswerCut", 256, 100, true, {K::ShortReply, 0, S::Any, 0, 40}, DE_OK, 8},
+        TBulkRawCase{"AnswerOneByte", 256, 100, true, {K::ShortReply, 0, S::Any, 0, 1}, DE_BAD_DATA_SIZE, 0},
+        TBulkRawCase{"AnswerLost", 256, 100, true, {K::DropReply}, DE_DEV_READ, 0},
+        TBulkRawCase{"AnswerGarbage", 256, 100, true, {K::Garbage}, DE_BAD_VERSION, 0},
+        TBulkRawCase{"AnswerWithoutMark", 256, 100, true, {K::WrongCode}, DE_BAD_VERSION, 0},
+        TBulkRawCase{"Vanished", 256, 100, true, {K::Vanish}, DE_DEV_READ, 0},
+        TBulkRawCase{"InStalledOnce", 256, 100, true, {K::StallPipe, 0, S::Any, 0, 0, 1}, DE_OK, 100},
+        TBulkRawCase{"OutStalledTwice", 256, 100, true, {K::StallPipe, 0, S::Any, 0, 1, 2}, DE_DEV_WRITE, 0}),
+    [](const ::testing::TestParamInfo<TBulkRawCase>& info) { return info.param.name; });
+
+// Verify that an abort between two blocks of a read, or before its rest, ends it with 1 before
+// the next request goes out, the progress showing the block that came; and that the size
+// query does not look at the flag.
+TEST_F(BulkController, AbortBetweenReadBlocks) {
+    const std::pair<int, int> cases[] = {{3 * 65536 + 10, 33}, {70000, 93}};
+    for (const auto& [asked, percent] : cases) {
+        SCOPED_TRACE(asked);
+        Emu().SetStatus(Pattern(static_cast<size_t>(asked), 3));
+        Rec().Clear();
+        Rec().SetHook([this](const TBulkTransfer& t) {
+            if (!t.write) Ctl().BreakOffCmdProcess();
+        });
+        std::vector<uint8_t> buffer(static_cast<size_t>(asked));
+        int length = asked;
+        EXPECT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_ERROR);
+        Rec().SetHook(nullptr);
+        ASSERT_EQ(Rec().Transfers().size(), 2u) << "block 0's request and read only";
+        ExpectHiPacket(Rec().Transfers()[0], MTDEV_PACKET_READ, MTDEV_CMD_DEV_STATUS, 0);
+        EXPECT_EQ(Ctl().ProgressDone(), 65536u);
+        EXPECT_EQ(Ctl().GetCmdProcess(), percent);
+        EXPECT_EQ(Ctl().AbortFlag(), 0xFF);
+    }
+    Rec().Clear();
+    int length = 8;
+    std::array<uint8_t, 8> buffer{};
+    EXPECT_EQ(Ctl().GetHiSpeed(MTDEV_CMD_DEV_STATUS, buffer.data(), length), DE_ERROR);
+    EXPECT_TRUE(Rec().Transfers().empty()) << "the flag stays set until the next operation";
+    EXPECT_EQ(Ctl().GetHiSpeed(MTDEV_CMD_DEV_STATUS, nullptr, length), DE_OK);
+}
+
+// Verify that an abort between two data writes ends the write with 1: no more data and no end
+// of data, so the device keeps nothing.
+TEST_F(BulkController, AbortBetweenDataWrites) {
+    std::vector<uint8_t> file = Pattern(3 * 65536, 11);
+    Rec().SetHook([this](const TBulkTransfer& t) {
+        if (t.write && t.size == 65536) Ctl().BreakOffCmdProcess();
+    });
+    EXPECT_EQ(Ctl().SetTouchSystemFile(file.data(), static_cast<int>(file.size())), DE_ERROR);
+    Rec().SetHook(nullptr);
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    ASSERT_EQ(t.size(), 3u) << "the request, its acknowledgement and one data write";
+    ExpectHiPacket(t[0], MTDEV_PACKET_WRITE, MTDEV_CMD_TOUCH_SYSTEM, 3 * 65536);
+    EXPECT_EQ(t[2].size, 65536u);
+    EXPECT_FALSE(Emu().LastWrite(MTDEV_CMD_TOUCH_SYSTEM, nullptr));
+    EXPECT_EQ(Ctl().ProgressDone(), 65536u);
+    EXPECT_EQ(Ctl().GetCmdProcess(), 33);
+}
+
+// Verify that the abort flag is looked at only before data: a write begun with the flag set
+// still sends its request and reads the acknowledgement, then ends with 1.
+TEST_F(BulkController, AbortFlagIsCheckedBeforeDataOnly) {
+    Ctl().BreakOffCmdProcess();
+    std::array<uint8_t, 43> data{};
+    EXPECT_EQ(Ctl().SetHiSpeed(MTDEV_CMD_DEV_INFO, data.data(), 43), DE_ERROR);
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    ASSERT_EQ(t.size(), 2u);
+    ExpectHiPacket(t[0], MTDEV_PACKET_WRITE, MTDEV_CMD_DEV_INFO, 43);
+    EXPECT_EQ(t[1].bytes, (std::vector<uint8_t>{0xE4, 0x04}));
+    EXPECT_FALSE(Emu().LastWrite(MTDEV_CMD_DEV_INFO, nullptr));
+}
+
+// Verify that the configuration read clears an abort that came during its head: the block is
+// still read.
+TEST_F(BulkController, GetDeviceConfigClearsAbortAfterItsHead) {
+    Rec().SetHook([this](const TBulkTransfer& t) {
+        if (!t.write && t.size == 4) Ctl().BreakOffCmdProcess();
+    });
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    EXPECT_EQ(Ctl().GetDeviceConfig(config.get()), DE_OK);
+    Rec().SetHook(nullptr);
+    EXPECT_EQ(Rec().Transfers().size(), 4u);
+    EXPECT_EQ(+config->port, 3333);
+}
+
+// Verify that a full configuration block read over bulk, a 4-byte head and then the block each
+// read as a rest 300 ms after its request, decodes to the same record as over the hidraw port.
+TEST_F(BulkController, GetDeviceConfigMatchesHid) {
+    auto source = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    DefaultDevConfig('s', 0, source.get());
+    DefaultDevCalConfig('s', 0, source.get());
+    source->port = 4321;
+    source->areaCount = 8;
+    for (int i = 0; i < 8; ++i) source->areas[i] = cfgtest::SampleArea(static_cast<uint8_t>(i + 1));
+    std::vector<uint8_t> block(static_cast<size_t>(EncodeDevConfig(source.get(), nullptr)));
+    EncodeDevConfig(source.get(), block.data());
+    ASSERT_GT(block.size(), 500u);
+    Emu().SetConfigBlock(block);
+
+    auto overBulk = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    ASSERT_EQ(Ctl().GetDeviceConfig(overBulk.get()), DE_OK);
+    const std::vector<TBulkTransfer>& t = Rec().Transfers();
+    ASSERT_EQ(t.size(), 4u);
+    const uint32_t size = static_cast<uint32_t>(block.size());
+    ExpectHiPacket(t[0], MTDEV_PACKET_READ, MTDEV_CMD_DEV_CONFIG, 4u << 16);
+    EXPECT_EQ(t[1].size, 4u);
+    EXPECT_EQ(t[1].startMicros - t[0].endMicros, 300000u);
+    ExpectHiPacket(t[2], MTDEV_PACKET_READ, MTDEV_CMD_DEV_CONFIG, size << 16);
+    EXPECT_EQ(t[3].size, size);
+    EXPECT_EQ(t[3].bytes, block);
+    EXPECT_EQ(t[3].startMicros - t[2].endMicros, 300000u);
+    EXPECT_EQ(Ctl().ProgressTotal(), size);
+    EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+
+    THidRig hid;
+    ASSERT_TRUE(hid.link.Ok());
+    hid.emulator.SetConfigBlock(block);
+    CMtDevController hidCtl(ShortHidTimeouts());
+    ASSERT_EQ(hidCtl.OpenDevice(&hid.path), DE_OK);
+    auto overHid = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    ASSERT_EQ(hidCtl.GetDeviceConfig(overHid.get()), DE_OK);
+    hidCtl.CloseDevice(MTDEV_CLOSE_SILENT);
+
+    EXPECT_EQ(std::memcmp(overBulk.get(), overHid.get(), sizeof *overBulk), 0);
+    // Copied out of the packed record before comparing.
+    EXPECT_EQ(+overBulk->port, 4321);
+    EXPECT_EQ(+overBulk->areaCount, 8);
+    EXPECT_EQ(+overBulk->areas[7].netAddress, 0x0A000008u);
+    EXPECT_EQ(+overBulk->areas[7].outputRect.width, 1920 - 8);
+}
+
+class BulkGetDeviceConfigCase : public BulkController,
+                                public ::testing::WithParamInterface<TConfigCase> {};
+
+// Verify that each way the configuration read can fail over bulk yields its code: a lost
+// answer is a read error here (over HID the stale request makes it 1), a short head 8, and the
+// decoder's verdicts.
+TEST_P(BulkGetDeviceConfigCase, YieldsCode) {
+    GetParam().arrange(Emu());
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    std::memset(static_cast<void*>(config.get()), 0xAB, sizeof *config);
+    EXPECT_EQ(Ctl().GetDeviceConfig(config.get()), GetParam().expected);
+    EXPECT_EQ(config->text[0], 0) << "the record is zeroed first";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BulkGetDeviceConfigCase,
+    ::testing::Values(
+        TConfigCase{"HeadLost", [](CMtDevEmulator& e) { e.InjectFault({K::DropReply}); }, DE_DEV_READ},
+        TConfigCase{"BlockLost", [](CMtDevEmulator& e) { e.InjectFault({K::DropReply, 0, S::Any, 1}); },
+                    DE_DEV_READ},
+        TConfigCase{"VanishedAfterHead",
+                    [](CMtDevEmulator& e) { e.InjectFault({K::Vanish, 0, S::Any, 1}); }, DE_DEV_READ},
+        TConfigCase{"BlockCutBelowItsHeader",
+                    [](CMtDevEmulator& e) { e.InjectFault({K::ShortReply, 0, S::Any, 1, 27}); },
+                    DE_BAD_PARAM},
+        TConfigCase{"HeadShorterThanFour", [](CMtDevEmulator& e) { e.SetConfigBlock({3, 0, 0xB2}); },
+                    DE_RW_LENGTH},
+        TConfigCase{"NotAConfigurationBlock",
+                    [](CMtDevEmulator& e) { e.SetConfigBlock(DefaultBlockWith(2, 0xB1)); },
+                    DE_BAD_VERSION},
+        TConfigCase{"DeclaredSizeBelowFour",
+                    [](CMtDevEmulator& e) { e.SetConfigBlock({3, 0, 0xB2, 0, 0, 0}); }, DE_BAD_PARAM},
+        TConfigCase{"HeadOnlyBlock", [](CMtDevEmulator& e) { e.SetConfigBlock({4, 0, 0xB2, 0}); },
+                    DE_OK}),
+    [](const ::testing::TestParamInfo<TConfigCase>& info) { return info.param.name; });
 
 }  // namespace

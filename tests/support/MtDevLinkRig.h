@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,6 +18,7 @@
 #include "MtDevLog.h"
 #include "MtEmuHidLink.h"
 #include "MtEmuUsbDevice.h"
+#include "MultiPlatformAPI.h"
 
 // Open descriptors of this process.
 inline int CountOpenFds() {
@@ -152,4 +154,145 @@ struct TBulkRig {
         path.usbService = &service;
         path.deviceType = MTDEV_TYPE_BULK;
     }
+};
+
+// One pipe transfer as the controller asked for it and as it ended.
+struct TBulkTransfer {
+    bool write;                  // WritePipeTO; else ReadPipeTO
+    uint8_t pipe;
+    uint32_t size;               // bytes written, or the read's capacity
+    std::vector<uint8_t> bytes;  // bytes written, or bytes read
+    uint32_t noDataTimeoutMs;
+    uint32_t completionTimeoutMs;
+    uint64_t startMicros;        // on the installed clock
+    uint64_t endMicros;
+    int result;
+};
+
+// A bulk service that passes every call on to another one and records each pipe transfer with
+// its bytes, time-outs and clock readings, so a test sees exact packets, time-outs and pauses
+// without timing anything. A hook runs after each transfer on the caller's thread, so a test
+// can act between two transfers of one transaction. For one thread.
+class CRecordingUsbService final : public CMtUsbService {
+public:
+    using Hook = std::function<void(const TBulkTransfer&)>;
+
+    explicit CRecordingUsbService(CMtUsbService& inner)
+        : m_inner(inner), m_state(std::make_shared<TState>()) {}
+
+    std::unique_ptr<CMtUsbDevice> CreateDeviceInterface() override {
+        std::unique_ptr<CMtUsbDevice> device = m_inner.CreateDeviceInterface();
+        if (device == nullptr) return nullptr;
+        return std::make_unique<CDevice>(std::move(device), m_state);
+    }
+
+    const std::vector<TBulkTransfer>& Transfers() const { return m_state->transfers; }
+    std::vector<TBulkTransfer> Writes() const { return Only(true); }
+    std::vector<TBulkTransfer> Reads() const { return Only(false); }
+    void Clear() { m_state->transfers.clear(); }
+    void SetHook(Hook hook) { m_state->hook = std::move(hook); }
+
+private:
+    struct TState {
+        std::vector<TBulkTransfer> transfers;
+        Hook hook;
+
+        void Done(TBulkTransfer transfer) {
+            transfer.endMicros = NowMicros();
+            transfers.push_back(transfer);
+            if (hook) hook(transfer);
+        }
+    };
+
+    static uint64_t NowMicros() { return TGetClock().MonotonicNanos() / 1000u; }
+
+    std::vector<TBulkTransfer> Only(bool write) const {
+        std::vector<TBulkTransfer> out;
+        for (const TBulkTransfer& t : m_state->transfers) {
+            if (t.write == write) out.push_back(t);
+        }
+        return out;
+    }
+
+    class CInterface final : public CMtUsbInterface {
+    public:
+        CInterface(std::unique_ptr<CMtUsbInterface> inner, std::shared_ptr<TState> state)
+            : m_inner(std::move(inner)), m_state(std::move(state)) {}
+        uint8_t GetInterfaceClass() override { return m_inner->GetInterfaceClass(); }
+        uint8_t GetInterfaceSubClass() override { return m_inner->GetInterfaceSubClass(); }
+        int USBInterfaceOpen() override { return m_inner->USBInterfaceOpen(); }
+        int USBInterfaceClose() override { return m_inner->USBInterfaceClose(); }
+        int GetNumEndpoints(uint8_t* count) override { return m_inner->GetNumEndpoints(count); }
+        int GetPipeProperties(uint8_t pipeRef, TMtUsbPipeProperties* properties) override {
+            return m_inner->GetPipeProperties(pipeRef, properties);
+        }
+        int ReadPipeTO(uint8_t pipeRef, uint8_t* buffer, uint32_t* size, uint32_t noDataMs,
+                       uint32_t completionMs) override {
+            TBulkTransfer t{false, pipeRef, size != nullptr ? *size : 0, {}, noDataMs,
+                            completionMs, NowMicros(), 0, 0};
+            t.result = m_inner->ReadPipeTO(pipeRef, buffer, size, noDataMs, completionMs);
+            if (t.result == kMtUsbSuccess && buffer != nullptr && size != nullptr) {
+                t.bytes.assign(buffer, buffer + *size);
+            }
+            const int result = t.result;
+            m_state->Done(std::move(t));
+            return result;
+        }
+        int WritePipeTO(uint8_t pipeRef, const uint8_t* buffer, uint32_t size, uint32_t noDataMs,
+                        uint32_t completionMs) override {
+            TBulkTransfer t{true, pipeRef, size, {}, noDataMs, completionMs, NowMicros(), 0, 0};
+            if (buffer != nullptr) t.bytes.assign(buffer, buffer + size);
+            t.result = m_inner->WritePipeTO(pipeRef, buffer, size, noDataMs, completionMs);
+            const int result = t.result;
+            m_state->Done(std::move(t));
+            return result;
+        }
+        int GetPipeStatus(uint8_t pipeRef) override { return m_inner->GetPipeStatus(pipeRef); }
+        int ClearPipeStallBothEnds(uint8_t pipeRef) override {
+            return m_inner->ClearPipeStallBothEnds(pipeRef);
+        }
+
+    private:
+        std::unique_ptr<CMtUsbInterface> m_inner;
+        std::shared_ptr<TState> m_state;
+    };
+
+    class CDevice final : public CMtUsbDevice {
+    public:
+        CDevice(std::unique_ptr<CMtUsbDevice> inner, std::shared_ptr<TState> state)
+            : m_inner(std::move(inner)), m_state(std::move(state)) {}
+        uint16_t GetDeviceReleaseNumber() override { return m_inner->GetDeviceReleaseNumber(); }
+        int USBDeviceOpen() override { return m_inner->USBDeviceOpen(); }
+        int USBDeviceClose() override { return m_inner->USBDeviceClose(); }
+        int CreateInterfaceIterator(const TMtUsbFindInterfaceRequest& request,
+                                    std::vector<std::unique_ptr<CMtUsbInterface>>* out) override {
+            if (out == nullptr) return m_inner->CreateInterfaceIterator(request, out);
+            std::vector<std::unique_ptr<CMtUsbInterface>> found;
+            const int result = m_inner->CreateInterfaceIterator(request, &found);
+            for (std::unique_ptr<CMtUsbInterface>& i : found) {
+                // A null entry stays null: it stands for an interface that could not be made.
+                out->push_back(i == nullptr ? nullptr
+                                            : std::make_unique<CInterface>(std::move(i), m_state));
+            }
+            return result;
+        }
+
+    private:
+        std::unique_ptr<CMtUsbDevice> m_inner;
+        std::shared_ptr<TState> m_state;
+    };
+
+    CMtUsbService& m_inner;
+    std::shared_ptr<TState> m_state;
+};
+
+// The emulated frame behind the in-process bulk port, every transfer recorded.
+struct TRecordedBulkRig {
+    CMtDevEmulator emulator;
+    CMtEmuUsbService service;
+    CRecordingUsbService recorder{service};
+    TMACDEVICEPATH path{nullptr, &recorder, MTDEV_TYPE_BULK};
+
+    explicit TRecordedBulkRig(TEmuUsbLayout layout = TEmuUsbLayout::Default())
+        : service(emulator, std::move(layout)) {}
 };
