@@ -119,7 +119,11 @@ std::string DescribeExpected(const TEvExpectedPacket& packet) {
         if (i > 0) text += ", ";
         text += EvdevEventName(packet[i].type, packet[i].code) + " " +
                 std::to_string(packet[i].value);
-        if (packet[i].tolerance > 0) text += "~" + std::to_string(packet[i].tolerance);
+        if (packet[i].tolerance > 0) {
+            // Appended in two steps: "~" + to_string trips a false -Wrestrict in GCC 12 at -O3.
+            text += '~';
+            text += std::to_string(packet[i].tolerance);
+        }
     }
     return text + "]";
 }
