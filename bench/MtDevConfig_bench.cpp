@@ -152,8 +152,10 @@ void BM_DecodeDevConfigFull(benchmark::State& state) {
 }
 BENCHMARK(BM_DecodeDevConfigFull);
 
-void BM_EncodeDevConfigFull(benchmark::State& state) {
-    Fixture f;
+// The full block, and the same block with code keys only, to show what placing the 96 key
+// texts costs.
+void BM_EncodeDevConfig(benchmark::State& state, bool codeKeysOnly) {
+    Fixture f(codeKeysOnly);
     if (f.error != nullptr) {
         state.SkipWithError(f.error);
         return;
@@ -166,24 +168,8 @@ void BM_EncodeDevConfigFull(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * f.Length());
     state.counters["block_bytes"] = f.Length();
 }
-BENCHMARK(BM_EncodeDevConfigFull);
-
-// The same block with code keys only, to show what placing the 96 key texts costs.
-void BM_EncodeDevConfigCodeKeys(benchmark::State& state) {
-    Fixture f(true);
-    if (f.error != nullptr) {
-        state.SkipWithError(f.error);
-        return;
-    }
-    std::vector<uint8_t> out(f.block.size());
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(EncodeDevConfig(f.config.get(), out.data()));
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * f.Length());
-    state.counters["block_bytes"] = f.Length();
-}
-BENCHMARK(BM_EncodeDevConfigCodeKeys);
+BENCHMARK_CAPTURE(BM_EncodeDevConfig, Full, false);
+BENCHMARK_CAPTURE(BM_EncodeDevConfig, CodeKeys, true);
 
 // The sizing pass the controller makes before it encodes (EncodeDevConfig without a buffer).
 void BM_SizeDevConfigFull(benchmark::State& state) {
