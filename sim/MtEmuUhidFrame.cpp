@@ -99,6 +99,12 @@ bool CMtEmuUhidFrame::WaitPollsAbove(uint64_t count, int timeoutMs) {
                               [&] { return m_polls > count; });
 }
 
+uint64_t CMtEmuUhidFrame::AnswerDueNanos(uint64_t lastAnswerNanos, uint64_t arrivedNanos,
+                                         uint64_t gapMicros) {
+    if (lastAnswerNanos == 0) return 0;  // the first poll: the frame has just appeared
+    return std::max(lastAnswerNanos + gapMicros * 1000u, arrivedNanos + gapMicros * 500u);
+}
+
 bool CMtEmuUhidFrame::NextPayload(TEmuFramePayload& payload) {
     // The poll has just arrived: the driver stamped the previous frame before it sent it.
     const uint64_t arrived = TGetClock().MonotonicNanos();
@@ -112,11 +118,7 @@ bool CMtEmuUhidFrame::NextPayload(TEmuFramePayload& payload) {
             const uint64_t scripted = m_script->Frames()[m_next].gapMicros;
             if (scripted > 0) gapMicros = scripted;
         }
-        if (m_lastAnswerNanos == 0) break;  // the first poll: the frame has just appeared
-        // One gap after the previous answer, and never sooner than half a gap after the poll:
-        // a driver that fell behind still stamps two frames at least that far apart.
-        const uint64_t due = std::max(m_lastAnswerNanos + gapMicros * 1000u,
-                                      arrived + gapMicros * 500u);
+        const uint64_t due = AnswerDueNanos(m_lastAnswerNanos, arrived, gapMicros);
         const uint64_t now = TGetClock().MonotonicNanos();
         if (now >= due) break;
         const bool wasPlaying = m_playing;

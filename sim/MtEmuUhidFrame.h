@@ -39,6 +39,12 @@ public:
     CMtEmuUhidFrame(const CMtEmuUhidFrame&) = delete;
     CMtEmuUhidFrame& operator=(const CMtEmuUhidFrame&) = delete;
 
+    // When the answer to a poll is due: one gap after the previous answer, and never sooner
+    // than half a gap after the poll arrived (a driver that fell behind still stamps two frames
+    // at least that far apart). No previous answer (0): at once.
+    static uint64_t AnswerDueNanos(uint64_t lastAnswerNanos, uint64_t arrivedNanos,
+                                   uint64_t gapMicros);
+
     // Creates the device on the uhid node; PlugFd on a descriptor that speaks like it (tests).
     bool Plug(const std::string& uhidPath, std::string* error);
     bool PlugFd(int fd, std::string* error);

@@ -131,18 +131,24 @@ TEST(MtEmuUhidFrame, ScriptsFollowOneAnother) {
     EXPECT_FALSE(rig.frame.Play(CGestureScript{}));  // nothing to play
 }
 
-// Verify that each scripted answer goes out at least the script's gap after the one before,
-// so the driver's stamps are as far apart as the script says.
-TEST(MtEmuUhidFrame, AnswersPacedFromThePreviousAnswer) {
-    CFrameRig rig(2000);
-    const CGestureScript script = CGestureScript::FromText("rate 200\ndown 1 100 200\nhold 5\n");
-    rig.Poll();
-    ASSERT_TRUE(rig.frame.Play(script));
-    for (size_t i = 0; i < script.Frames().size(); ++i) rig.Poll();
-    const std::vector<uint64_t> nanos = rig.SentNanos();
-    ASSERT_EQ(nanos.size(), script.Frames().size());
-    for (size_t i = 1; i < nanos.size(); ++i) {
-        EXPECT_GE(nanos[i] - nanos[i - 1], script.Frames()[i].gapMicros * 1000u) << i;
+// Verify when an answer is due: one gap after the previous answer for a poll in time, half a
+// gap after a late poll, at once for the first poll; so the driver's stamps are at least as far
+// apart as the script says when it keeps up, and never closer than half a gap when it does not.
+TEST(MtEmuUhidFrame, AnswerDueOneGapAfterPreviousAnswer) {
+    struct Case {
+        uint64_t lastAnswer, arrived, gapMicros, due;
+    };
+    const Case cases[] = {
+        {0, 5'000'000, 10'000, 0},                     // first poll
+        {1'000'000, 1'000'000, 10'000, 11'000'000},    // polled at once: one gap
+        {1'000'000, 7'000'000, 10'000, 12'000'000},    // polled late: half a gap after the poll
+        {1'000'000, 6'000'000, 10'000, 11'000'000},    // exactly where both rules meet
+        {1'000'000, 50'000'000, 10'000, 55'000'000},   // far behind
+        {1'000'000, 2'000'000, 5'000, 6'000'000},      // another rate
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(CMtEmuUhidFrame::AnswerDueNanos(c.lastAnswer, c.arrived, c.gapMicros), c.due)
+            << c.lastAnswer << " " << c.arrived << " " << c.gapMicros;
     }
 }
 
