@@ -263,9 +263,10 @@ int main(int argc, char** argv) {
 
     // Clock: a simulation without --realtime runs on per-frame virtual timelines.
     std::unique_ptr<CSimTimelineClock> timelines;
+    std::optional<TScopedClock> installedClock;  // uninstalled on every way out
     if (simulating && !opt.realtime) {
         timelines = std::make_unique<CSimTimelineClock>();
-        TSetClock(timelines.get());
+        installedClock.emplace(*timelines);
     }
 
     // Discovery.
@@ -331,6 +332,5 @@ int main(int argc, char** argv) {
         for (const auto& device : hub->Devices()) TLogSystem("%s", device->Summary().c_str());
     }
     ReleaseDeviceList();
-    TSetClock(nullptr);
     return status;
 }
