@@ -62,6 +62,20 @@ void BM_FramePath1(benchmark::State& state) {
 }
 BENCHMARK(BM_FramePath1);
 
+// Brings the paths to `length` - 1 samples outside the timed region (a full path stays full),
+// then times one continuing frame, which brings them to `length`.
+template <typename TRig>
+void TimedFrame(benchmark::State& state, TRig& rig, size_t length) {
+    if (length < CTouchPointInfo::kMaxPathSamples ||
+        rig.tracker.Tracked()[0]->PathSize() < CTouchPointInfo::kMaxPathSamples) {
+        rig.HoldWithPath(length - 1);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    rig.Frame(1);
+    const auto stop = std::chrono::steady_clock::now();
+    state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
+}
+
 // Path lengths 100 and 500: a continuing contact dragging; the frame's update brings the path
 // to the given length. The path is rebuilt outside the timed region.
 void BM_FrameHeldDrag(benchmark::State& state) {
@@ -70,14 +84,7 @@ void BM_FrameHeldDrag(benchmark::State& state) {
     rig.Frame(0);
     rig.Frame(1);  // pressed: every later frame drags
     for (auto _ : state) {
-        if (length < CTouchPointInfo::kMaxPathSamples ||
-            rig.tracker.Tracked()[0]->PathSize() < CTouchPointInfo::kMaxPathSamples) {
-            rig.HoldWithPath(length - 1);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        rig.Frame(1);
-        const auto stop = std::chrono::steady_clock::now();
-        state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
+        TimedFrame(state, rig, length);
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -172,14 +179,7 @@ void BM_FrameRestingHand(benchmark::State& state) {
         return;
     }
     for (auto _ : state) {
-        if (length < CTouchPointInfo::kMaxPathSamples ||
-            rig.tracker.Tracked()[0]->PathSize() < CTouchPointInfo::kMaxPathSamples) {
-            rig.HoldWithPath(length - 1);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        rig.Frame(1);
-        const auto stop = std::chrono::steady_clock::now();
-        state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
+        TimedFrame(state, rig, length);
         if (const char* error = rig.Check(length)) {
             state.SkipWithError(error);
             break;

@@ -183,8 +183,9 @@ void BM_SizeDevConfigFull(benchmark::State& state) {
 }
 BENCHMARK(BM_SizeDevConfigFull);
 
-// Encode into a buffer already sized, then decode what was written.
-void BM_RoundTripDevConfigFull(benchmark::State& state) {
+// Encode, then decode what was written: into a buffer already sized, or as SetDeviceConfig
+// and GetDeviceConfig make it, with the sizing pass first to allocate the block.
+void BM_RoundTripDevConfig(benchmark::State& state, bool sizeFirst) {
     Fixture f;
     if (f.error != nullptr) {
         state.SkipWithError(f.error);
@@ -192,6 +193,7 @@ void BM_RoundTripDevConfigFull(benchmark::State& state) {
     }
     std::vector<uint8_t> out(f.block.size());
     for (auto _ : state) {
+        if (sizeFirst) benchmark::DoNotOptimize(EncodeDevConfig(f.config.get(), nullptr));
         const int length = EncodeDevConfig(f.config.get(), out.data());
         benchmark::DoNotOptimize(DecodeDevConfig(out.data(), length, f.decoded.get()));
         benchmark::ClobberMemory();
@@ -199,26 +201,7 @@ void BM_RoundTripDevConfigFull(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * f.Length());
     state.counters["block_bytes"] = f.Length();
 }
-BENCHMARK(BM_RoundTripDevConfigFull);
-
-// The round trip as SetDeviceConfig and GetDeviceConfig make it: the sizing pass first, to
-// allocate the block, then encode and decode.
-void BM_SizedRoundTripDevConfigFull(benchmark::State& state) {
-    Fixture f;
-    if (f.error != nullptr) {
-        state.SkipWithError(f.error);
-        return;
-    }
-    std::vector<uint8_t> out(f.block.size());
-    for (auto _ : state) {
-        const int length = EncodeDevConfig(f.config.get(), nullptr);
-        EncodeDevConfig(f.config.get(), out.data());
-        benchmark::DoNotOptimize(DecodeDevConfig(out.data(), length, f.decoded.get()));
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * f.Length());
-    state.counters["block_bytes"] = f.Length();
-}
-BENCHMARK(BM_SizedRoundTripDevConfigFull);
+BENCHMARK_CAPTURE(BM_RoundTripDevConfig, Full, false);
+BENCHMARK_CAPTURE(BM_RoundTripDevConfig, SizedFull, true);
 
 }  // namespace
