@@ -131,13 +131,4 @@ TEST(PacketsOfType, KeepsReportsOfOneTypeOnly) {
     EXPECT_TRUE(PacketsOfType(seen, EV_ABS).empty());
 }
 
-// Verify the names used in messages, and the fallback for other codes.
-TEST(EvdevEventName, KnownAndOther) {
-    EXPECT_EQ(EvdevEventName(EV_KEY, BTN_LEFT), "BTN_LEFT");
-    EXPECT_EQ(EvdevEventName(EV_REL, REL_WHEEL_HI_RES), "REL_WHEEL_HI_RES");
-    EXPECT_EQ(EvdevEventName(EV_KEY, KEY_A), "EV_1/30");
-    EXPECT_EQ(DescribePacket({{EV_ABS, ABS_X, 3}, {EV_KEY, BTN_RIGHT, 0}}),
-              "[ABS_X 3, BTN_RIGHT 0]");
-}
-
 }  // namespace

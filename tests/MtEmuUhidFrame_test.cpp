@@ -152,31 +152,6 @@ TEST(MtEmuUhidFrame, AnswerDueOneGapAfterPreviousAnswer) {
     }
 }
 
-// Verify that an answer never comes sooner than half a gap after its poll, however late the
-// poll was: the driver stamped the previous frame before it polled.
-TEST(MtEmuUhidFrame, LatePollsStillWaitHalfAGap) {
-    CFrameRig rig(2000);
-    const CGestureScript script = CGestureScript::FromText("rate 100\ndown 1 100 200\nhold 3\n");
-    ASSERT_TRUE(rig.frame.Play(script));
-    rig.Poll();
-    for (size_t i = 1; i < script.Frames().size(); ++i) {
-        usleep(15000);  // later than the 10 ms gap
-        const uint64_t polled = TGetClock().MonotonicNanos();
-        rig.Poll();
-        EXPECT_GE(rig.SentNanos().back() - polled, 5'000'000u) << i;
-    }
-}
-
-// Verify that counting polls works across the wait.
-TEST(MtEmuUhidFrame, CountsPolls) {
-    CFrameRig rig;
-    EXPECT_FALSE(rig.frame.WaitPollsAbove(0, 10));
-    rig.Poll();
-    rig.Poll();
-    EXPECT_TRUE(rig.frame.WaitPollsAbove(1, kBoundMs));
-    EXPECT_EQ(rig.frame.Polls(), 2u);
-}
-
 // Verify that unplugging releases an answer waiting for a frame an hour away (the test would
 // hang otherwise), tells the kernel, and that nothing plays afterwards.
 TEST(MtEmuUhidFrame, UnplugReleasesAWaitingAnswer) {

@@ -100,68 +100,6 @@ struct CLinkRig {
     uhid_event createEvent{};
 };
 
-// Walks the short items of a report descriptor: (tag byte with size bits, value).
-std::vector<std::pair<uint8_t, uint32_t>> Items(const std::vector<uint8_t>& descriptor) {
-    std::vector<std::pair<uint8_t, uint32_t>> items;
-    for (size_t i = 0; i < descriptor.size();) {
-        const uint8_t prefix = descriptor[i];
-        const size_t size = (prefix & 3) == 3 ? 4 : (prefix & 3);
-        uint32_t value = 0;
-        for (size_t k = 0; k < size && i + 1 + k < descriptor.size(); ++k) {
-            value |= static_cast<uint32_t>(descriptor[i + 1 + k]) << (8 * k);
-        }
-        items.emplace_back(static_cast<uint8_t>(prefix & ~3), value);
-        i += 1 + size;
-    }
-    return items;
-}
-
-// Verify that the descriptor declares one 64-byte input and one 64-byte output report of bytes,
-// vendor-defined, with no report id (hidraw then passes reports without a number).
-TEST(MtEmuReportDescriptor, SixtyFourByteReportsWithoutIds) {
-    uint32_t count = 0, size = 0;
-    int inputs = 0, outputs = 0, collections = 0, ends = 0;
-    for (const auto& [tag, value] : Items(MtEmuReportDescriptor())) {
-        switch (tag) {
-            case 0x04: EXPECT_EQ(value, 0xFF00u); break;  // Usage Page: vendor defined
-            case 0x84: ADD_FAILURE() << "a Report ID item"; break;
-            case 0x94: count = value; break;  // Report Count
-            case 0x74: size = value; break;   // Report Size
-            case 0xA0: ++collections; break;
-            case 0xC0: ++ends; break;
-            case 0x80:  // Input
-            case 0x90:  // Output
-                EXPECT_EQ(count * size, 64u * 8u);
-                (tag == 0x80 ? inputs : outputs) += 1;
-                break;
-            default: break;
-        }
-    }
-    EXPECT_EQ(inputs, 1);
-    EXPECT_EQ(outputs, 1);
-    EXPECT_EQ(collections, 1);
-    EXPECT_EQ(ends, 1);
-}
-
-// Verify the create request: a USB device with the identity and the descriptor.
-TEST(BuildUhidCreate2, UsbIdentityAndDescriptor) {
-    TUhidIdentity identity;
-    identity.vendor = 0x202E;
-    identity.product = 0x0006;
-    identity.name = std::string(300, 'n');  // longer than the field: cut and terminated
-    auto event = std::make_unique<uhid_event>();
-    BuildUhidCreate2(identity, event.get());
-    EXPECT_EQ(event->type, static_cast<uint32_t>(UHID_CREATE2));
-    const uhid_create2_req& req = event->u.create2;
-    EXPECT_EQ(req.bus, BUS_USB);
-    EXPECT_EQ(req.vendor, 0x202Eu);
-    EXPECT_EQ(req.product, 0x0006u);
-    EXPECT_EQ(std::strlen(reinterpret_cast<const char*>(req.name)), sizeof req.name - 1);
-    const std::vector<uint8_t> descriptor = MtEmuReportDescriptor();
-    ASSERT_EQ(req.rd_size, descriptor.size());
-    EXPECT_EQ(std::memcmp(req.rd_data, descriptor.data(), descriptor.size()), 0);
-}
-
 // Verify what UhidOutputReport accepts: only whole output events of an unnumbered output
 // report, handed on without the report-number byte.
 TEST(UhidOutputReport, StripsReportNumberAndRejectsTheRest) {
