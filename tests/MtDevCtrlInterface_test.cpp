@@ -22,8 +22,17 @@
 
 namespace {
 
+using K = TEmuFaultKind;
+using S = TEmuStage;
+
 uint32_t Le32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0] | p[1] << 8 | p[2] << 16) | static_cast<uint32_t>(p[3]) << 24;
+}
+
+std::vector<uint8_t> Pattern(size_t bytes, unsigned factor) {
+    std::vector<uint8_t> out(bytes);
+    for (size_t i = 0; i < bytes; ++i) out[i] = static_cast<uint8_t>(i * factor + (i >> 16) + 1);
+    return out;
 }
 
 // A frame record with its own contact storage.
@@ -41,6 +50,14 @@ struct TFrame {
     }
 };
 
+// A raw frame record over the caller's storage.
+_HARDWARE_FRAME_DATA RawFrame(std::vector<uint8_t>& storage, uint16_t capacity) {
+    _HARDWARE_FRAME_DATA raw{};
+    raw.capacity = capacity;
+    raw.storage = storage.data();
+    return raw;
+}
+
 std::vector<TEmuRequest> RequestsOf(const CMtDevEmulator& emulator, uint8_t command) {
     std::vector<TEmuRequest> out;
     for (const TEmuRequest& r : emulator.Requests()) {
@@ -49,8 +66,38 @@ std::vector<TEmuRequest> RequestsOf(const CMtDevEmulator& emulator, uint8_t comm
     return out;
 }
 
+// A 28-byte hi-speed command packet: its type, parameter and command, the command's position
+// 8..27 and filler 5..27 everywhere else, no terminator.
+void ExpectHiBytes(const std::vector<uint8_t>& p, uint8_t type, uint8_t command, uint32_t parameter) {
+    ASSERT_EQ(p.size(), 28u);
+    EXPECT_EQ(p[0], type);
+    EXPECT_EQ(Le32(&p[1]), parameter);
+    const int position = p[5];
+    ASSERT_GE(position, 8);
+    ASSERT_LE(position, 27);
+    EXPECT_EQ(p[position], command);
+    for (int i = 6; i < 28; ++i) {
+        if (i == position) continue;
+        EXPECT_GE(p[i], 5) << i;
+        EXPECT_LE(p[i], 27) << i;
+    }
+}
+
+// The same packet as written to the OUT pipe, with 1000 ms.
+void ExpectHiPacket(const TBulkTransfer& t, uint8_t type, uint8_t command, uint32_t parameter) {
+    ASSERT_TRUE(t.write);
+    EXPECT_EQ(t.size, 28u);
+    ExpectHiBytes(t.bytes, type, command, parameter);
+    EXPECT_EQ(t.noDataTimeoutMs, 1000u);
+    EXPECT_EQ(t.completionTimeoutMs, 1000u);
+}
+
+// Close mode and the parameter its close command carries (mode 255 sends nothing).
+const std::pair<unsigned char, uint32_t> kCloseModes[] = {{0, 1}, {1, 0},   {2, 4}, {3, 6},
+                                                          {6, 189}, {7, 6}, {254, 6}};
+
 // ---------------------------------------------------------------------------------------------
-// Packets
+// Packets, names and progress
 
 class PacketBuilder : public ::testing::TestWithParam<int> {
 protected:
@@ -59,13 +106,12 @@ protected:
 };
 
 // Verify the lo-speed packet over many seeds: length byte, terminator, command position,
-// parameter and filler range.
+// parameter and filler range, nothing beyond the packet.
 TEST_P(PacketBuilder, LoSpeedLayout) {
     const int length = GetParam();
     for (int tick = 0; tick < 300; ++tick) {
         m_clock.AdvanceMillis(1);
-        std::array<uint8_t, 64> p;
-        p.fill(0);
+        std::array<uint8_t, 64> p{};
         CMtDevController::MakeCommandPacketLoSpeed(p.data(), length, 0xB6, 0x12345678);
         ASSERT_EQ(p[0], length);
         ASSERT_EQ(p[length - 1], 0xFF);
@@ -85,42 +131,27 @@ TEST_P(PacketBuilder, LoSpeedLayout) {
 
 INSTANTIATE_TEST_SUITE_P(Lengths, PacketBuilder, ::testing::Values(17, 27, 37, 64));
 
-// Verify the hi-speed packet: position 8..27, filler 5..27, no terminator.
+// Verify the hi-speed packet over many seeds.
 TEST_F(PacketBuilder, HiSpeedLayout) {
     for (int tick = 0; tick < 300; ++tick) {
         m_clock.AdvanceMillis(1);
-        std::array<uint8_t, 28> p{};
+        std::vector<uint8_t> p(28);
         CMtDevController::MakeCommandPacketHiSpeed(p.data(), MTDEV_PACKET_COMMAND, 0xB6, 0xA1B2C3D4);
-        ASSERT_EQ(p[0], 17);
-        ASSERT_EQ(Le32(&p[1]), 0xA1B2C3D4u);
-        const int position = p[5];
-        ASSERT_GE(position, 8);
-        ASSERT_LE(position, 27);
-        ASSERT_EQ(p[position], 0xB6);
-        for (int i = 6; i < 28; ++i) {
-            if (i == position) continue;
-            ASSERT_GE(p[i], 5);
-            ASSERT_LE(p[i], 27);
-        }
+        ExpectHiBytes(p, MTDEV_PACKET_COMMAND, 0xB6, 0xA1B2C3D4);
+        if (HasFailure()) return;
     }
 }
 
-// Verify the 4-byte packet: position 2, overwritten by the parameter, byte 3 then 0xFF.
-TEST_F(PacketBuilder, FourByteLoSpeedPacket) {
+// Verify the 4-byte packet (position 2, overwritten by the parameter, byte 3 then 0xFF), that a
+// refused length or type or a null buffer leaves the buffer untouched, and that the filler
+// depends only on the millisecond clock.
+TEST_F(PacketBuilder, ShortPacketRefusalsAndSeed) {
     std::array<uint8_t, 64> p{};
     CMtDevController::MakeCommandPacketLoSpeed(p.data(), 4, 0xB6, 0x11223344);
-    EXPECT_EQ(p[0], 4);
-    EXPECT_EQ(p[1], 0x44);
-    EXPECT_EQ(p[2], 0x33);
-    EXPECT_EQ(p[3], 0xFF);
-    EXPECT_EQ(p[4], 0x11);
-    EXPECT_EQ(p[5], 2);
-}
+    EXPECT_EQ((std::vector<uint8_t>(p.begin(), p.begin() + 6)),
+              (std::vector<uint8_t>{4, 0x44, 0x33, 0xFF, 0x11, 2}));
 
-// Verify that a refused length or type, or a null buffer, leaves the buffer untouched.
-TEST_F(PacketBuilder, RefusedLengthLeavesBufferUntouched) {
-    for (int bad : {0, 3, 5, 16, 20, 28, 36, 63, 65, 255}) {
-        std::array<uint8_t, 64> p;
+    for (int bad : {0, 3, 5, 16, 28, 63, 65}) {
         p.fill(0xEE);
         CMtDevController::MakeCommandPacketLoSpeed(p.data(), bad, 0xB6, 1);
         CMtDevController::MakeCommandPacketHiSpeed(p.data(), static_cast<uint8_t>(bad), 0xB6, 1);
@@ -128,11 +159,7 @@ TEST_F(PacketBuilder, RefusedLengthLeavesBufferUntouched) {
     }
     CMtDevController::MakeCommandPacketLoSpeed(nullptr, 37, 0xB6, 1);
     CMtDevController::MakeCommandPacketHiSpeed(nullptr, 37, 0xB6, 1);
-}
 
-// Verify that the filler depends only on the millisecond clock: same millisecond, same packet;
-// another millisecond, another packet.
-TEST_F(PacketBuilder, SameMillisecondSamePacket) {
     std::array<uint8_t, 64> a{}, b{};
     CMtDevController::MakeCommandPacketLoSpeed(a.data(), 37, 0xB3, 7);
     std::srand(12345);  // whatever happened to the generator in between
@@ -147,67 +174,35 @@ TEST_F(PacketBuilder, SameMillisecondSamePacket) {
     EXPECT_GE(differing, 19);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Names and progress
-
-// Verify the name of every code, the copy into the caller's text, and unknown codes.
+// Verify the name of every code, the copy into the caller's text, unknown codes, and that each
+// thread has its own name buffer.
 TEST(ErrorNames, EveryCode) {
     const std::pair<DEV_ERR, const wchar_t*> names[] = {
-        {0, L"DE_OK"},
-        {1, L"DE_ERROR"},
-        {2, L"DE_UNSUPPORT"},
-        {3, L"DE_DEV_NOT_OPENED"},
-        {4, L"DE_DEV_READ"},
-        {5, L"DE_DEV_WRITE"},
-        {6, L"DE_NULLPTR"},
-        {7, L"DE_DEV_FLASH"},
-        {8, L"DE_RW_LENGTH"},
-        {9, L"DE_BAD_PARAM"},
-        {10, L"DE_UNEXPECTED_READ"},
-        {11, L"DE_BAD_VERSION"},
-        {12, L"DE_BAD_USB_MODE"},
-        {13, L"DE_BAD_DATA_SIZE"},
-        {14, L"DE_SW_READ_TIMEOUT"},
-        {1000, L"DE_ERROR_BY_FMW"},
-        {15, L"DE_UNKNOWN"},
-        {999, L"DE_UNKNOWN"},
-        {1005, L"DE_UNKNOWN"},
-        {0xFFFFFFFFu, L"DE_UNKNOWN"},
+        {0, L"DE_OK"},           {1, L"DE_ERROR"},           {2, L"DE_UNSUPPORT"},
+        {3, L"DE_DEV_NOT_OPENED"}, {4, L"DE_DEV_READ"},      {5, L"DE_DEV_WRITE"},
+        {6, L"DE_NULLPTR"},      {7, L"DE_DEV_FLASH"},       {8, L"DE_RW_LENGTH"},
+        {9, L"DE_BAD_PARAM"},    {10, L"DE_UNEXPECTED_READ"}, {11, L"DE_BAD_VERSION"},
+        {12, L"DE_BAD_USB_MODE"}, {13, L"DE_BAD_DATA_SIZE"}, {14, L"DE_SW_READ_TIMEOUT"},
+        {1000, L"DE_ERROR_BY_FMW"}, {15, L"DE_UNKNOWN"},     {999, L"DE_UNKNOWN"},
+        {1005, L"DE_UNKNOWN"},   {0xFFFFFFFFu, L"DE_UNKNOWN"},
     };
     for (const auto& [code, name] : names) {
         wchar_t text[MTDEV_ERROR_NAME_CHARS];
         std::wmemset(text, L'x', MTDEV_ERROR_NAME_CHARS);
-        const wchar_t* shared = FormatMtDevError(code, text);
-        EXPECT_STREQ(shared, name) << code;
+        EXPECT_STREQ(FormatMtDevError(code, text), name) << code;
         EXPECT_STREQ(text, name) << code;
         EXPECT_STREQ(FormatMtDevError(code, nullptr), name);
     }
     EXPECT_STREQ(MtDevErrorName(DE_BAD_USB_MODE), "DE_BAD_USB_MODE");
-}
 
-// Verify that each thread has its own name buffer.
-TEST(ErrorNames, BufferIsPerThread) {
     const wchar_t* mine = FormatMtDevError(DE_OK, nullptr);
     std::thread([] { FormatMtDevError(DE_DEV_FLASH, nullptr); }).join();
     EXPECT_STREQ(mine, L"DE_OK");
 }
 
-// Verify the device's time-outs are the defaults.
-TEST(Timeouts, DefaultsAreTheDevicesOwn) {
-    const TMtDevTimeouts t;
-    EXPECT_EQ(t.hidReplyMs, 500u);
-    EXPECT_EQ(t.hidWriteAckMs, 20000u);
-    EXPECT_EQ(t.hidEndAckMs, 5000u);
-    EXPECT_EQ(t.bulkCommandMs, 1000u);
-    EXPECT_EQ(t.bulkWriteAckMs, 4000u);
-    EXPECT_EQ(t.bulkDataWriteMs, 10000u);
-    EXPECT_EQ(t.bulkEndAckMs, 5000u);
-    CMtDevController controller;
-    EXPECT_EQ(controller.Timeouts().hidReplyMs, 500u);
-}
-
-// Verify the percentage, the reset and the abort flag on a controller without a device.
-TEST(Progress, PercentageResetAndAbort) {
+// Verify GetCmdProcess, the reset and the abort flag on a controller without a device, and
+// every operation's code without a device and without a record.
+TEST(WithoutDevice, ProgressAndCodes) {
     CMtDevController controller;
     EXPECT_EQ(controller.GetCmdProcess(), 100);  // nothing expected yet
     int length = 200;
@@ -221,6 +216,28 @@ TEST(Progress, PercentageResetAndAbort) {
     EXPECT_EQ(controller.AbortFlag(), 0);
     EXPECT_EQ(controller.ProgressDone(), 0u);
     EXPECT_EQ(controller.ProgressTotal(), 200u);
+
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    EXPECT_EQ(controller.GetDeviceConfig(config.get()), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.GetDeviceConfig(nullptr), DE_NULLPTR);
+    EXPECT_EQ(controller.SetDeviceConfig(config.get()), DE_DEV_NOT_OPENED);
+    _HARDWARE_DEV_INFO info{};
+    EXPECT_EQ(controller.GetDeviceInfo(&info), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.SetDeviceInfo(&info), DE_DEV_NOT_OPENED);
+    length = 10;
+    EXPECT_EQ(controller.GetScanPatternFile(nullptr, length), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.SetScanPatternFile(buffer.data(), 10), DE_DEV_NOT_OPENED);
+    _HARDWARE_CONFIG_OVERRIDE override{};
+    EXPECT_EQ(controller.SetDeviceConfigOverride(&override), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.ProgressTotal(), 18u);
+    std::vector<uint8_t> file(1024);
+    EXPECT_EQ(controller.SetTouchSystemFile(file.data(), 1024), DE_DEV_NOT_OPENED);
+    _HARDWARE_FRAME_DATA raw = RawFrame(file, 16);
+    EXPECT_EQ(controller.GetFrameData(&raw), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.ClearCache(), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.CmdProcess(1), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.CmdProtect(1), DE_DEV_NOT_OPENED);
+    EXPECT_EQ(controller.ReadDate(buffer.data()), DE_DEV_NOT_OPENED);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -270,46 +287,27 @@ TEST_F(HidController, OpenDeviceFailures) {
     EXPECT_EQ(other.SetDeviceType(&none), MTDEV_TYPE_NONE);
 }
 
-// Verify the frame poll: a compact and an extended frame decoded, contacts last-first.
+// Verify the frame poll (a 37-byte request, the reply time-out): a queued frame, then the idle
+// frame without contacts, then a reply that is not a frame (11). Decoding is MtDevFrame_test's.
 TEST_F(HidController, GetFrameSdkDecodesQueuedFrames) {
     Emu().QueueFrame(EmuCompactFrame(4000, 3000, {{1, 1, 100, 200}, {2, 1, 300, 400}}));
-    Emu().QueueFrame(EmuExtendedFrame(1920, 1080, 32767, 32767, {{7, 2, 10, 20, 5, -3}}));
     TFrame f;
     ASSERT_EQ(Ctl().GetFrameSdk(&f.frame), DE_OK);
-    EXPECT_EQ(f.frame.logicalWidth, 1000);
-    EXPECT_EQ(f.frame.rawHeight, 3000);
     EXPECT_EQ(f.Ids(), (std::vector<int>{2, 1}));
     ASSERT_EQ(Ctl().GetFrameSdk(&f.frame), DE_OK);
-    EXPECT_EQ(f.frame.logicalWidth, 1920);
-    ASSERT_EQ(f.Ids(), (std::vector<int>{7}));
-    EXPECT_EQ(f.frame.points->area, -15);
-    // Nothing queued: the idle frame, a frame without contacts.
-    ASSERT_EQ(Ctl().GetFrameSdk(&f.frame), DE_OK);
     EXPECT_EQ(f.frame.points, nullptr);
-    const std::vector<TEmuRequest> polls = RequestsOf(Emu(), MTDEV_CMD_FRAME_SDK);
-    ASSERT_EQ(polls.size(), 3u);
-    for (const TEmuRequest& r : polls) {
+    for (const TEmuRequest& r : RequestsOf(Emu(), MTDEV_CMD_FRAME_SDK)) {
         EXPECT_EQ(r.kind, 37);
         EXPECT_EQ(r.parameter, 0u);
         EXPECT_EQ(r.bytes, 37u);
     }
-    EXPECT_EQ(Waits(), (std::vector<unsigned>{kTestReplyMs, kTestReplyMs, kTestReplyMs}));
-}
+    EXPECT_EQ(Waits(), (std::vector<unsigned>(2, kTestReplyMs)));
 
-// Verify that a frame source feeds polls when the queue is empty.
-TEST_F(HidController, GetFrameSdkFromFrameSource) {
-    int calls = 0;
-    Emu().SetFrameSource([&calls](TEmuFramePayload& payload) {
-        ++calls;
-        payload = EmuCompactFrame(400, 400, {{static_cast<uint8_t>(calls), 0, 1, 1}});
-        return true;
-    });
-    TFrame f;
-    for (int i = 1; i <= 3; ++i) {
-        ASSERT_EQ(Ctl().GetFrameSdk(&f.frame), DE_OK);
-        EXPECT_EQ(f.Ids(), (std::vector<int>{i}));
-    }
-    EXPECT_EQ(Emu().FramesServed(), 3u);
+    TEmuFramePayload notAFrame{};
+    notAFrame[0] = 0x55;
+    Emu().QueueFrame(notAFrame);
+    EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), DE_BAD_VERSION);
+    EXPECT_EQ(Ctl().GetFrameSdk(nullptr), DE_NULLPTR);
 }
 
 struct TFrameFault {
@@ -326,43 +324,31 @@ class GetFrameSdkFault : public HidController, public ::testing::WithParamInterf
 TEST_P(GetFrameSdkFault, YieldsCode) {
     const TFrameFault& c = GetParam();
     Emu().QueueFrame(EmuCompactFrame(4000, 3000, {{1, 1, 100, 200}}));
-    Emu().InjectFault({c.kind, MTDEV_CMD_FRAME_SDK, TEmuStage::Any, 0, c.value});
+    Emu().InjectFault({c.kind, MTDEV_CMD_FRAME_SDK, S::Any, 0, c.value});
     TFrame f;
     EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), c.expected);
     EXPECT_EQ(Waits(), (std::vector<unsigned>{kTestReplyMs}));
-    if (c.expected != DE_OK) {
-        EXPECT_EQ(f.frame.points, nullptr);
-    }
+    EXPECT_EQ(f.frame.points, nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, GetFrameSdkFault,
-    ::testing::Values(TFrameFault{"Dropped", TEmuFaultKind::DropReply, 0, DE_UNSUPPORT},
-                      TFrameFault{"Garbage", TEmuFaultKind::Garbage, 0, DE_UNSUPPORT},
-                      TFrameFault{"WrongCode", TEmuFaultKind::WrongCode, 0, DE_UNSUPPORT},
+    ::testing::Values(TFrameFault{"Dropped", K::DropReply, 0, DE_UNSUPPORT},
+                      TFrameFault{"Garbage", K::Garbage, 0, DE_UNSUPPORT},
+                      TFrameFault{"WrongCode", K::WrongCode, 0, DE_UNSUPPORT},
                       // Only the reply code arrives: the payload is the request's parameter 0.
-                      TFrameFault{"Short", TEmuFaultKind::ShortReply, 1, DE_BAD_VERSION},
-                      TFrameFault{"Vanished", TEmuFaultKind::Vanish, 0, DE_UNSUPPORT},
-                      TFrameFault{"Late", TEmuFaultKind::LateReply, 400, DE_UNSUPPORT}),
+                      TFrameFault{"Short", K::ShortReply, 1, DE_BAD_VERSION},
+                      TFrameFault{"Vanished", K::Vanish, 0, DE_UNSUPPORT}),
     [](const ::testing::TestParamInfo<TFrameFault>& info) { return info.param.name; });
 
-// Verify that a reply which is not a frame gives 11.
-TEST_F(HidController, GetFrameSdkNotAFrame) {
-    TEmuFramePayload notAFrame{};
-    notAFrame[0] = 0x55;
-    Emu().QueueFrame(notAFrame);
-    TFrame f;
-    EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), DE_BAD_VERSION);
-    EXPECT_EQ(Ctl().GetFrameSdk(nullptr), DE_NULLPTR);
-}
-
-// Verify that a late reply stays queued and is taken by the next poll: only the reply code
-// guards against stale replies.
+// Verify that a late reply gives 2 after the reply time-out, stays queued and is taken by the
+// next poll: only the reply code guards against stale replies.
 TEST_F(HidController, LateReplyIsTakenByTheNextPoll) {
     Emu().QueueFrame(EmuCompactFrame(4000, 3000, {{9, 1, 100, 200}}));
-    Emu().InjectFault({TEmuFaultKind::LateReply, MTDEV_CMD_FRAME_SDK, TEmuStage::Any, 0, 400});
+    Emu().InjectFault({K::LateReply, MTDEV_CMD_FRAME_SDK, S::Any, 0, 400});
     TFrame f;
     EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), DE_UNSUPPORT);  // gives up first
+    EXPECT_EQ(Waits(), (std::vector<unsigned>{kTestReplyMs}));
     TMtDevTimeouts patient = Ctl().Timeouts();
     patient.hidReplyMs = 5000;
     Ctl().SetTimeouts(patient);
@@ -382,11 +368,10 @@ TEST_F(HidController, VanishedDeviceFailsWrites) {
 }
 
 // Verify the close command and the close-mode table; mode 255 sends nothing. Each close also
-// closes the transport and forgets the device type.
+// closes the transport and forgets the device type; closing a closed device is harmless.
 TEST_F(HidController, CloseDeviceModes) {
-    const std::pair<unsigned char, uint32_t> modes[] = {
-        {0, 1}, {1, 0}, {2, 4}, {3, 6}, {4, 6}, {5, 6}, {6, 189}, {7, 6}, {200, 6}, {254, 6}};
-    for (const auto& [mode, parameter] : modes) {
+    for (const auto& [mode, parameter] : kCloseModes) {
+        SCOPED_TRACE(static_cast<int>(mode));
         if (Ctl().DeviceType() == MTDEV_TYPE_NONE) {
             ASSERT_EQ(Ctl().OpenDevice(&m_rig->path), DE_OK);
         }
@@ -394,10 +379,10 @@ TEST_F(HidController, CloseDeviceModes) {
         EXPECT_EQ(Ctl().CloseDevice(mode), DE_OK);
         Emu().WaitForRequests(before + 1);
         const TEmuRequest r = Emu().Requests().back();
-        EXPECT_EQ(r.kind, 17) << int(mode);
+        EXPECT_EQ(r.kind, 17);
         EXPECT_EQ(r.bytes, 17u);
         EXPECT_EQ(r.command, MTDEV_CMD_CLOSE);
-        EXPECT_EQ(r.parameter, parameter) << int(mode);
+        EXPECT_EQ(r.parameter, parameter);
         EXPECT_EQ(Ctl().DeviceType(), MTDEV_TYPE_NONE);
         EXPECT_FALSE(Ctl().Communicator().IsHidOpen());
     }
@@ -407,10 +392,10 @@ TEST_F(HidController, CloseDeviceModes) {
     // A poll after the close: no device. The silent close sent nothing the poll could follow.
     TFrame f;
     EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(Ctl().CloseDevice(0), DE_OK);  // closing a closed device is harmless
+    EXPECT_EQ(Ctl().CloseDevice(0), DE_OK);
 }
 
-// Verify the plain commands: process mode and protect value, and their codes without a device.
+// Verify the plain commands: process mode (mode & 7) | 8 and protect value, 17-byte packets.
 TEST_F(HidController, ProcessAndProtectCommands) {
     EXPECT_EQ(Ctl().CmdProcess(0xFF), DE_OK);
     EXPECT_EQ(Ctl().CmdProcess(2), DE_OK);
@@ -424,13 +409,10 @@ TEST_F(HidController, ProcessAndProtectCommands) {
     EXPECT_EQ(r[2].parameter, 0xDEADBEEFu);
     EXPECT_EQ(r[2].kind, 17);
     EXPECT_EQ(Ctl().GetCmdProcess(), 100);
-    CMtDevController closed;
-    EXPECT_EQ(closed.CmdProcess(1), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(closed.CmdProtect(1), DE_DEV_NOT_OPENED);
 }
 
 // Verify reading the configuration: a 4-byte head, then the whole block in 58-byte pieces,
-// decoded into the record.
+// decoded into the record; and that a device answering in smaller pieces is read whole.
 TEST_F(HidController, GetDeviceConfigReadsHeadThenBlock) {
     const std::vector<uint8_t> block = Emu().ConfigBlock();
     ASSERT_GT(block.size(), 58u);
@@ -446,25 +428,36 @@ TEST_F(HidController, GetDeviceConfigReadsHeadThenBlock) {
     for (size_t i = 0; i < pieces; ++i) EXPECT_EQ(reads[1 + i].parameter, i);
     EXPECT_EQ(Ctl().ProgressTotal(), block.size());
     EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+
+    Emu().SetPieceBytes(5);
+    auto small = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    ASSERT_EQ(Ctl().GetDeviceConfig(small.get()), DE_OK);
+    EXPECT_EQ(std::memcmp(small.get(), config.get(), sizeof *config), 0);
 }
 
-// Verify that a device answering in pieces smaller than 58 bytes is read whole.
-TEST_F(HidController, GetDeviceConfigInSmallPieces) {
-    Emu().SetPieceBytes(5);
-    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    ASSERT_EQ(Ctl().GetDeviceConfig(config.get()), DE_OK);
-    EXPECT_EQ(config->netAddress, 0x7F000001u);
+using TArrange = std::function<void(CMtDevEmulator&)>;
+TArrange Fault(TEmuFault f) {
+    return [f](CMtDevEmulator& e) { e.InjectFault(f); };
+}
+TArrange Block(std::vector<uint8_t> b) {
+    return [b](CMtDevEmulator& e) { e.SetConfigBlock(b); };
+}
+std::vector<uint8_t> DefaultBlockWith(size_t offset, uint8_t value) {
+    std::vector<uint8_t> block = EmuDefaultConfigBlock();
+    block[offset] = value;
+    return block;
 }
 
 struct TConfigCase {
     const char* name;
-    std::function<void(CMtDevEmulator&)> arrange;
+    TArrange arrange;
     DEV_ERR expected;
 };
 
 class GetDeviceConfigCase : public HidController, public ::testing::WithParamInterface<TConfigCase> {};
 
-// Verify each way the configuration read can fail, and the head-only block.
+// Verify each way the configuration read can fail, the decoder's verdicts, and the head-only
+// block; the record is zeroed first.
 TEST_P(GetDeviceConfigCase, YieldsCode) {
     GetParam().arrange(Emu());
     auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
@@ -474,69 +467,19 @@ TEST_P(GetDeviceConfigCase, YieldsCode) {
     for (unsigned w : Waits()) EXPECT_EQ(w, kTestReplyMs);
 }
 
-std::vector<uint8_t> DefaultBlockWith(size_t offset, uint8_t value) {
-    std::vector<uint8_t> block = EmuDefaultConfigBlock();
-    block[offset] = value;
-    return block;
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Cases, GetDeviceConfigCase,
     ::testing::Values(
-        TConfigCase{"HeadDropped",
-                    [](CMtDevEmulator& e) { e.InjectFault({TEmuFaultKind::DropReply}); }, DE_ERROR},
-        TConfigCase{"HeadGarbage",
-                    [](CMtDevEmulator& e) { e.InjectFault({TEmuFaultKind::Garbage}); }, DE_ERROR},
-        TConfigCase{"BlockPieceWrongCode",
-                    [](CMtDevEmulator& e) {
-                        e.InjectFault({TEmuFaultKind::WrongCode, 0, TEmuStage::Any, 2});
-                    },
-                    DE_ERROR},
-        TConfigCase{"VanishedInTheMiddle",
-                    [](CMtDevEmulator& e) {
-                        e.InjectFault({TEmuFaultKind::Vanish, 0, TEmuStage::Any, 2});
-                    },
-                    DE_ERROR},
-        TConfigCase{"NotAConfigurationBlock",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock(DefaultBlockWith(2, 0xB1)); },
-                    DE_BAD_VERSION},
-        TConfigCase{"DeclaredSizeBelowFour",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock({3, 0, 0xB2, 0, 0, 0}); },
-                    DE_BAD_PARAM},
-        TConfigCase{"HeadShorterThanFour",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock({3, 0, 0xB2}); }, DE_RW_LENGTH},
-        TConfigCase{"HeadOnlyBlock",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock({4, 0, 0xB2, 0}); }, DE_OK},
-        TConfigCase{"UndecodableBlock",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock(DefaultBlockWith(25, 33)); },
-                    DE_BAD_PARAM}),
+        TConfigCase{"HeadDropped", Fault({K::DropReply}), DE_ERROR},
+        TConfigCase{"HeadGarbage", Fault({K::Garbage}), DE_ERROR},
+        TConfigCase{"BlockPieceWrongCode", Fault({K::WrongCode, 0, S::Any, 2}), DE_ERROR},
+        TConfigCase{"VanishedInTheMiddle", Fault({K::Vanish, 0, S::Any, 2}), DE_ERROR},
+        TConfigCase{"NotAConfigurationBlock", Block(DefaultBlockWith(2, 0xB1)), DE_BAD_VERSION},
+        TConfigCase{"DeclaredSizeBelowFour", Block({3, 0, 0xB2, 0, 0, 0}), DE_BAD_PARAM},
+        TConfigCase{"HeadShorterThanFour", Block({3, 0, 0xB2}), DE_RW_LENGTH},
+        TConfigCase{"HeadOnlyBlock", Block({4, 0, 0xB2, 0}), DE_OK},
+        TConfigCase{"UndecodableBlock", Block(DefaultBlockWith(25, 33)), DE_BAD_PARAM}),
     [](const ::testing::TestParamInfo<TConfigCase>& info) { return info.param.name; });
-
-// Verify the codes without a device and without a record.
-TEST(ConfigWithoutDevice, Codes) {
-    CMtDevController controller;
-    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    EXPECT_EQ(controller.GetDeviceConfig(config.get()), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(controller.GetDeviceConfig(nullptr), DE_NULLPTR);
-    EXPECT_EQ(controller.SetDeviceConfig(config.get()), DE_DEV_NOT_OPENED);
-    _HARDWARE_DEV_INFO info{};
-    EXPECT_EQ(controller.GetDeviceInfo(&info), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(controller.SetDeviceInfo(&info), DE_DEV_NOT_OPENED);
-    int length = 10;
-    uint8_t buffer[16] = {};
-    EXPECT_EQ(controller.GetScanPatternFile(nullptr, length), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(controller.SetScanPatternFile(buffer, 10), DE_DEV_NOT_OPENED);
-    _HARDWARE_CONFIG_OVERRIDE override{};
-    EXPECT_EQ(controller.SetDeviceConfigOverride(&override), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(controller.ProgressTotal(), 18u);
-    std::vector<uint8_t> file(1024);
-    EXPECT_EQ(controller.SetTouchSystemFile(file.data(), 1024), DE_DEV_NOT_OPENED);
-    _HARDWARE_FRAME_DATA raw{};
-    raw.storage = buffer;
-    raw.capacity = sizeof buffer;
-    EXPECT_EQ(controller.GetFrameData(&raw), DE_DEV_NOT_OPENED);
-    EXPECT_EQ(controller.ClearCache(), DE_DEV_NOT_OPENED);
-}
 
 // Verify writing and reading back the information block, and the lo-speed write's shape:
 // no size announced, pieces of 64 bytes with the sequence and count, then "EOD".
@@ -552,9 +495,9 @@ TEST_F(HidController, DeviceInfoRoundTrip) {
     ASSERT_EQ(r.size(), 3u);
     EXPECT_EQ(r[0].kind, 27);
     EXPECT_EQ(r[0].parameter, 0u) << "the lo-speed write does not announce its size";
-    EXPECT_EQ(r[1].stage, TEmuStage::Data);
+    EXPECT_EQ(r[1].stage, S::Data);
     EXPECT_EQ(r[1].bytes, 64u);
-    EXPECT_EQ(r[2].stage, TEmuStage::End);
+    EXPECT_EQ(r[2].stage, S::End);
     EXPECT_EQ(r[2].bytes, 4u);
     EXPECT_EQ(Waits(), (std::vector<unsigned>{kTestWriteAckMs, kTestReplyMs, kTestEndAckMs}));
 
@@ -589,36 +532,46 @@ TEST_P(SetDeviceInfoFault, YieldsCode) {
     EXPECT_EQ(Emu().LastWrite(MTDEV_CMD_DEV_INFO, nullptr), c.stored);
 }
 
-using K = TEmuFaultKind;
-using S = TEmuStage;
+constexpr unsigned kAck = kTestWriteAckMs, kPiece = kTestReplyMs, kEnd = kTestEndAckMs;
 INSTANTIATE_TEST_SUITE_P(
     Faults, SetDeviceInfoFault,
     ::testing::Values(
-        TWriteFault{"RequestDropped", K::DropReply, S::Request, 0, DE_UNEXPECTED_READ, kTestWriteAckMs, false},
-        TWriteFault{"RequestGarbage", K::Garbage, S::Request, 0, DE_UNEXPECTED_READ, kTestWriteAckMs, false},
-        TWriteFault{"RequestWrongCode", K::WrongCode, S::Request, 0, DE_ERROR, kTestWriteAckMs, false},
-        TWriteFault{"RequestRefused", K::RefuseWrite, S::Request, 0, DE_DEV_FLASH, kTestWriteAckMs, false},
-        TWriteFault{"RequestShort", K::ShortReply, S::Request, 1, DE_ERROR, kTestWriteAckMs, false},
-        TWriteFault{"RequestVanished", K::Vanish, S::Request, 0, DE_UNEXPECTED_READ, kTestWriteAckMs, false},
-        TWriteFault{"PieceDropped", K::DropReply, S::Data, 0, DE_ERROR, kTestReplyMs, false},
-        TWriteFault{"PieceWrongCode", K::WrongCode, S::Data, 0, DE_ERROR, kTestReplyMs, false},
-        TWriteFault{"PieceRefused", K::RefuseWrite, S::Data, 0, DE_DEV_FLASH, kTestReplyMs, false},
-        TWriteFault{"PieceVanished", K::Vanish, S::Data, 0, DE_ERROR, kTestReplyMs, false},
-        TWriteFault{"EndDropped", K::DropReply, S::End, 0, DE_ERROR, kTestEndAckMs, true},
-        TWriteFault{"EndGarbage", K::Garbage, S::End, 0, DE_ERROR, kTestEndAckMs, true},
-        TWriteFault{"EndWrongCode", K::WrongCode, S::End, 0, DE_DEV_FLASH, kTestEndAckMs, true},
-        TWriteFault{"FirmwareStatus", K::FirmwareStatus, S::End, 3, DE_DEV_FLASH, kTestEndAckMs, false}),
+        TWriteFault{"RequestDropped", K::DropReply, S::Request, 0, DE_UNEXPECTED_READ, kAck, false},
+        TWriteFault{"RequestGarbage", K::Garbage, S::Request, 0, DE_UNEXPECTED_READ, kAck, false},
+        TWriteFault{"RequestWrongCode", K::WrongCode, S::Request, 0, DE_ERROR, kAck, false},
+        TWriteFault{"RequestRefused", K::RefuseWrite, S::Request, 0, DE_DEV_FLASH, kAck, false},
+        TWriteFault{"RequestShort", K::ShortReply, S::Request, 1, DE_ERROR, kAck, false},
+        TWriteFault{"RequestVanished", K::Vanish, S::Request, 0, DE_UNEXPECTED_READ, kAck, false},
+        TWriteFault{"PieceDropped", K::DropReply, S::Data, 0, DE_ERROR, kPiece, false},
+        TWriteFault{"PieceWrongCode", K::WrongCode, S::Data, 0, DE_ERROR, kPiece, false},
+        TWriteFault{"PieceRefused", K::RefuseWrite, S::Data, 0, DE_DEV_FLASH, kPiece, false},
+        TWriteFault{"PieceVanished", K::Vanish, S::Data, 0, DE_ERROR, kPiece, false},
+        TWriteFault{"EndDropped", K::DropReply, S::End, 0, DE_ERROR, kEnd, true},
+        TWriteFault{"EndGarbage", K::Garbage, S::End, 0, DE_ERROR, kEnd, true},
+        TWriteFault{"EndWrongCode", K::WrongCode, S::End, 0, DE_DEV_FLASH, kEnd, true},
+        TWriteFault{"FirmwareStatus", K::FirmwareStatus, S::End, 3, DE_DEV_FLASH, kEnd, false}),
     [](const ::testing::TestParamInfo<TWriteFault>& info) { return info.param.name; });
 
-// Verify the acknowledgement of a piece must echo its sequence number or-ed with 0xF00000:
-// for piece 3 exactly 0x06 0xE5 0x03 0x00 0xF0 0x00.
-TEST(LoSpeedEcho, PieceAcknowledgementEchoesSequence) {
+// A controller opened on a scripted HID device on a virtual clock.
+struct TScripted {
     TVirtualClock clock;
-    TScopedClock scoped(clock);
+    TScopedClock scoped{clock};
+    CMtScriptedHidDevice device;
+    TMACDEVICEPATH path{&device, nullptr, MTDEV_TYPE_HID};
+    CMtDevController controller;
+    explicit TScripted(CMtScriptedHidDevice::Responder responder) {
+        device.SetResponder(std::move(responder));
+    }
+};
+
+// Verify the acknowledgement of a piece must echo its sequence number or-ed with 0xF00000:
+// for piece 3 exactly 0x06 0xE5 0x03 0x00 0xF0 0x00; the pieces carry 0x40, the sequence and
+// the count; the first piece follows the acknowledged request by 200 ms.
+TEST(LoSpeedEcho, PieceAcknowledgementEchoesSequence) {
     for (bool exactEcho : {true, false}) {
-        CMtScriptedHidDevice device;
+        SCOPED_TRACE(exactEcho);
         std::vector<std::vector<uint8_t>> pieceAcks;
-        device.SetResponder([&](const uint8_t* r, long, std::vector<TScriptedInput>* inputs) {
+        TScripted s([&](const uint8_t* r, long, std::vector<TScriptedInput>* inputs) {
             std::vector<uint8_t> reply(64, 0);
             reply[0] = 0x06;
             if (r[0] == 27) {
@@ -635,17 +588,14 @@ TEST(LoSpeedEcho, PieceAcknowledgementEchoesSequence) {
             }
             inputs->push_back({reply});
         });
-        TMACDEVICEPATH path{&device, nullptr, MTDEV_TYPE_HID};
-        CMtDevController controller;
-        ASSERT_EQ(controller.OpenDevice(&path), DE_OK);
+        ASSERT_EQ(s.controller.OpenDevice(&s.path), DE_OK);
         std::vector<uint8_t> data(58 * 5);
-        EXPECT_EQ(controller.SetLoSpeed(0xBE, data.data(), static_cast<int>(data.size())),
+        EXPECT_EQ(s.controller.SetLoSpeed(0xBE, data.data(), static_cast<int>(data.size())),
                   exactEcho ? DE_OK : DE_DEV_FLASH);
         ASSERT_GE(pieceAcks.size(), 4u);
         const std::vector<uint8_t> expected = {0x06, 0xE5, 0x03, 0x00, exactEcho ? uint8_t{0xF0} : uint8_t{0}, 0x00};
         EXPECT_TRUE(std::equal(expected.begin(), expected.end(), pieceAcks[3].begin()));
-        // The pieces: byte 0 is 0x40, bytes 1..4 the sequence, byte 63 the count.
-        const std::vector<std::vector<uint8_t>>& out = device.Outputs();
+        const std::vector<std::vector<uint8_t>>& out = s.device.Outputs();
         ASSERT_GE(out.size(), 5u);
         for (size_t i = 1; i < out.size() - (exactEcho ? 1 : 0); ++i) {
             ASSERT_EQ(out[i].size(), 64u);
@@ -656,20 +606,17 @@ TEST(LoSpeedEcho, PieceAcknowledgementEchoesSequence) {
         if (exactEcho) {
             EXPECT_EQ(out.back(), (std::vector<uint8_t>{4, 'E', 'O', 'D'}));
         }
-        // A pause of 200 ms between the acknowledged request and the first piece.
-        EXPECT_EQ(TGetTickCount(), exactEcho ? 200u : 400u);
+        EXPECT_EQ(TGetTickCount(), 200u);
     }
 }
 
 // Verify the lo-speed read of 100 bytes: pieces 0 and 1 of 58 and 42 bytes; a piece claiming
 // 59 bytes is an error.
 TEST(LoSpeedRead, PiecesAndTheirLimit) {
-    TVirtualClock clock;
-    TScopedClock scoped(clock);
     for (int claimed : {42, 59}) {
-        CMtScriptedHidDevice device;
+        SCOPED_TRACE(claimed);
         std::vector<uint32_t> indexes;
-        device.SetResponder([&](const uint8_t* r, long, std::vector<TScriptedInput>* inputs) {
+        TScripted s([&](const uint8_t* r, long, std::vector<TScriptedInput>* inputs) {
             const uint32_t index = Le32(r + 1);
             indexes.push_back(index);
             std::vector<uint8_t> reply(64, 0);
@@ -678,25 +625,21 @@ TEST(LoSpeedRead, PiecesAndTheirLimit) {
             reply[63] = static_cast<uint8_t>(index == 0 ? 58 : claimed);
             inputs->push_back({reply});
         });
-        TMACDEVICEPATH path{&device, nullptr, MTDEV_TYPE_HID};
-        CMtDevController controller;
-        ASSERT_EQ(controller.OpenDevice(&path), DE_OK);
+        ASSERT_EQ(s.controller.OpenDevice(&s.path), DE_OK);
         std::vector<uint8_t> buffer(100, 0);
         int length = 100;
-        const DEV_ERR result = controller.GetLoSpeed(MTDEV_CMD_DEV_STATUS, buffer.data(), length);
+        const DEV_ERR result = s.controller.GetLoSpeed(MTDEV_CMD_DEV_STATUS, buffer.data(), length);
         EXPECT_EQ(indexes, (std::vector<uint32_t>{0, 1}));
+        EXPECT_EQ(result, claimed == 42 ? DE_OK : DE_ERROR);
         if (claimed == 42) {
-            EXPECT_EQ(result, DE_OK);
             EXPECT_EQ(length, 100);
             for (int i = 0; i < 100; ++i) ASSERT_EQ(buffer[i], i);
-        } else {
-            EXPECT_EQ(result, DE_ERROR);
         }
     }
 }
 
-// Verify a lo-speed read ends at the device's end marker with the length it reached, and that
-// a length of 0 sends nothing.
+// Verify a lo-speed read ends at the device's end marker with the length it reached, the size
+// query, and that a length of 0 sends nothing.
 TEST_F(HidController, ReadEndsAtEndMarker) {
     Emu().SetStatus({1, 2, 3, 4, 5});
     std::array<uint8_t, 64> buffer{};
@@ -705,7 +648,7 @@ TEST_F(HidController, ReadEndsAtEndMarker) {
     EXPECT_EQ(length, 5);
     EXPECT_EQ(buffer[4], 5);
     int size = 0;
-    ASSERT_EQ(Ctl().GetDevStatus(nullptr, size), DE_OK);  // a size query
+    ASSERT_EQ(Ctl().GetDevStatus(nullptr, size), DE_OK);
     EXPECT_EQ(size, 5);
     EXPECT_EQ(RequestsOf(Emu(), MTDEV_CMD_DEV_STATUS).back().parameter, MTDEV_SIZE_QUERY);
     const size_t before = Emu().RequestCount();
@@ -739,21 +682,33 @@ TEST_F(HidController, AbortFromAnotherThreadEndsEndlessRead) {
     EXPECT_EQ(badPercent.load(), 0);
 }
 
-// Verify the percentage of a transfer cut short: 50 of 200 bytes is 25.
+// Verify the percentage of a transfer cut short (50 of 200 bytes is 25), and that the next
+// operation starts afresh.
 TEST_F(HidController, PercentageOfTransferCutShort) {
-    std::vector<uint8_t> status(200, 7);
-    Emu().SetStatus(status);
+    Emu().SetStatus(std::vector<uint8_t>(200, 7));
     Emu().SetPieceBytes(50);
-    Emu().InjectFault({TEmuFaultKind::DropReply, 0, TEmuStage::Any, 1});
+    Emu().InjectFault({K::DropReply, 0, S::Any, 1});
     std::vector<uint8_t> buffer(200);
     int length = 200;
     EXPECT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_ERROR);
     EXPECT_EQ(Ctl().ProgressDone(), 50u);
     EXPECT_EQ(Ctl().GetCmdProcess(), 25);
-    // The next operation starts afresh.
     length = 200;
     EXPECT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_OK);
     EXPECT_EQ(Ctl().GetCmdProcess(), 100);
+}
+
+// Verify that an abort flag set before a transaction ends it before anything is sent (a write
+// sends its request only).
+TEST_F(HidController, AbortFlagStopsTransactionsBeforeData) {
+    Ctl().BreakOffCmdProcess();
+    std::array<uint8_t, 64> buffer{};
+    int length = 10;
+    EXPECT_EQ(Ctl().GetLoSpeed(MTDEV_CMD_DEV_STATUS, buffer.data(), length), DE_ERROR);
+    EXPECT_EQ(Emu().RequestCount(), 0u);
+    EXPECT_EQ(Ctl().SetLoSpeed(MTDEV_CMD_DEV_INFO, buffer.data(), 10), DE_ERROR);
+    EXPECT_EQ(Emu().RequestCount(), 1u) << "only the write request went out";
+    EXPECT_EQ(Ctl().SetLoSpeed(MTDEV_CMD_DEV_INFO, nullptr, 10), DE_NULLPTR);
 }
 
 // Verify the scan pattern: the size query reads its 6-byte head, a size out of 6..0x200000
@@ -766,7 +721,7 @@ TEST_F(HidController, ScanPattern) {
     ASSERT_EQ(Ctl().GetScanPatternFile(pattern.data(), length), DE_OK);
     EXPECT_EQ(pattern, Emu().ScanPattern());
 
-    for (uint32_t bad : {0x200001u, 5u, 0xFFFFFFFFu}) {
+    for (uint32_t bad : {0x200001u, 5u}) {
         std::vector<uint8_t> head = {0xB2, 0, 0, 0, 0, 0, 9};
         std::memcpy(&head[2], &bad, 4);
         Emu().SetScanPattern(head);
@@ -784,8 +739,9 @@ TEST_F(HidController, ScanPattern) {
     EXPECT_EQ(write.pieces, 3u);
 }
 
-// Verify writing the configuration, then reading back what was written.
-TEST_F(HidController, SetDeviceConfigThenReadBack) {
+// Verify writing the configuration then reading it back, and the override write: 18 bytes
+// with command 0xB5.
+TEST_F(HidController, SetDeviceConfigAndOverride) {
     auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
     DefaultDevConfig('s', 0, config.get());
     DefaultDevCalConfig('s', 0, config.get());
@@ -796,13 +752,9 @@ TEST_F(HidController, SetDeviceConfigThenReadBack) {
     auto back = std::make_unique<_HARDWARE_DEV_CONFIG>();
     ASSERT_EQ(Ctl().GetDeviceConfig(back.get()), DE_OK);
     EXPECT_EQ(back->port, 4444);
-    EXPECT_EQ(back->flags, 0x305F05u);
     EXPECT_EQ(back->areas[0].edgeAdjust[1], -7);
     EXPECT_EQ(Ctl().SetDeviceConfig(nullptr), DE_NULLPTR);
-}
 
-// Verify the override write: 18 bytes with command 0xB5.
-TEST_F(HidController, SetDeviceConfigOverride) {
     _HARDWARE_CONFIG_OVERRIDE override{};
     override.flags = 0x800;
     override.value0 = 1234;
@@ -832,10 +784,7 @@ TEST_F(HidController, SetTouchSystemFile) {
 // Verify the raw frame read: the header answer, then the data in pieces up to the end marker.
 TEST_F(HidController, GetFrameData) {
     std::vector<uint8_t> storage(256, 0);
-    _HARDWARE_FRAME_DATA raw{};
-    raw.capacity = static_cast<uint16_t>(storage.size());
-    raw.storage = storage.data();
-    raw.frameMode = 3;
+    _HARDWARE_FRAME_DATA raw = RawFrame(storage, 256);
     ASSERT_EQ(Ctl().GetFrameData(&raw), DE_OK);
     EXPECT_EQ(raw.frameNo, 1u);
     EXPECT_EQ(raw.header1[0], 1);
@@ -860,14 +809,12 @@ struct TRawCase {
 
 class GetFrameDataCase : public HidController, public ::testing::WithParamInterface<TRawCase> {};
 
-// Verify the raw frame read's failures.
+// Verify the raw frame read's failures, with nothing written beyond the capacity.
 TEST_P(GetFrameDataCase, YieldsCode) {
     const TRawCase& c = GetParam();
     if (c.withFault) Emu().InjectFault(c.fault);
     std::vector<uint8_t> storage(c.capacity + 1u, 0xEE);
-    _HARDWARE_FRAME_DATA raw{};
-    raw.capacity = c.capacity;
-    raw.storage = storage.data();
+    _HARDWARE_FRAME_DATA raw = RawFrame(storage, c.capacity);
     EXPECT_EQ(Ctl().GetFrameData(&raw), c.expected);
     EXPECT_LE(raw.dataBytes, c.capacity);
     EXPECT_EQ(storage[c.capacity], 0xEE) << "nothing written beyond the capacity";
@@ -887,15 +834,15 @@ INSTANTIATE_TEST_SUITE_P(
         TRawCase{"EndWrongCode", 256, {K::WrongCode, 0, S::Any, 3}, true, DE_ERROR}),
     [](const ::testing::TestParamInfo<TRawCase>& info) { return info.param.name; });
 
-// Verify ReadDate prints the report on standard output, and its codes.
-TEST_F(HidController, ReadDatePrintsReport) {
+// Verify ReadDate prints the report on standard output, a full report without a zero byte up
+// to its end and not beyond; and the cache stubs, which send nothing.
+TEST_F(HidController, ReadDateAndCacheStubs) {
     CLogCapture log;
     const uint8_t hello[] = {'h', 'e', 'l', 'l', 'o', 0, 'x'};
     ASSERT_TRUE(m_rig->link.SendReport(hello, sizeof hello));
     std::array<uint8_t, 64> buffer{};
     EXPECT_EQ(Ctl().ReadDate(buffer.data()), DE_OK);
     EXPECT_EQ(log.Lines(TLogChannel::Stdout), (std::vector<std::string>{"package:hello"}));
-    // A full report without a zero byte is printed up to its end, not beyond.
     std::array<uint8_t, 64> full;
     full.fill('a');
     ASSERT_TRUE(m_rig->link.SendReport(full.data(), full.size()));
@@ -904,65 +851,21 @@ TEST_F(HidController, ReadDatePrintsReport) {
     EXPECT_EQ(Ctl().ReadDate(wide.data()), DE_OK);
     EXPECT_EQ(log.Lines(TLogChannel::Stdout).back(), "package:" + std::string(64, 'a'));
     EXPECT_EQ(Ctl().ReadDate(nullptr), DE_NULLPTR);
-    CMtDevController closed;
-    EXPECT_EQ(closed.ReadDate(buffer.data()), DE_DEV_NOT_OPENED);
-}
 
-// Verify the cache stubs.
-TEST_F(HidController, CacheStubs) {
+    const size_t before = Emu().RequestCount();
     EXPECT_EQ(Ctl().GetDeviceCache(), 1u);
     EXPECT_EQ(Ctl().SetDeviceCache(), 2u);
     EXPECT_EQ(Ctl().ClearCache(), DE_OK);
     Ctl().ClearHiSpeedCache();
     Ctl().ClearLoSpeedCache();
-    EXPECT_EQ(Emu().RequestCount(), 0u);
+    EXPECT_EQ(Emu().RequestCount(), before);
 }
-
-// Verify that an abort flag set before a transaction ends it before anything is sent.
-TEST_F(HidController, AbortFlagStopsTransactionsBeforeData) {
-    Ctl().BreakOffCmdProcess();
-    std::array<uint8_t, 64> buffer{};
-    int length = 10;
-    EXPECT_EQ(Ctl().GetLoSpeed(MTDEV_CMD_DEV_STATUS, buffer.data(), length), DE_ERROR);
-    EXPECT_EQ(Emu().RequestCount(), 0u);
-    EXPECT_EQ(Ctl().SetLoSpeed(MTDEV_CMD_DEV_INFO, buffer.data(), 10), DE_ERROR);
-    EXPECT_EQ(Emu().RequestCount(), 1u) << "only the write request went out";
-    EXPECT_EQ(Ctl().SetLoSpeed(MTDEV_CMD_DEV_INFO, nullptr, 10), DE_NULLPTR);
-}
-
 
 // ---------------------------------------------------------------------------------------------
 // The hi-speed dialect through the in-process bulk port
 
 uint64_t NowMicros() {
     return TGetClock().MonotonicNanos() / 1000u;
-}
-
-// One hi-speed command packet: 28 bytes written with 1000 ms, its type, parameter and command,
-// the command's position 8..27 and filler 5..27 everywhere else.
-void ExpectHiPacket(const TBulkTransfer& t, uint8_t type, uint8_t command, uint32_t parameter) {
-    ASSERT_TRUE(t.write);
-    EXPECT_EQ(t.size, 28u);
-    ASSERT_EQ(t.bytes.size(), 28u);
-    EXPECT_EQ(t.bytes[0], type);
-    EXPECT_EQ(Le32(&t.bytes[1]), parameter);
-    const int position = t.bytes[5];
-    ASSERT_GE(position, 8);
-    ASSERT_LE(position, 27);
-    EXPECT_EQ(t.bytes[position], command);
-    for (int i = 6; i < 28; ++i) {
-        if (i == position) continue;
-        EXPECT_GE(t.bytes[i], 5) << i;
-        EXPECT_LE(t.bytes[i], 27) << i;
-    }
-    EXPECT_EQ(t.noDataTimeoutMs, 1000u);
-    EXPECT_EQ(t.completionTimeoutMs, 1000u);
-}
-
-std::vector<uint8_t> Pattern(size_t bytes, unsigned factor) {
-    std::vector<uint8_t> out(bytes);
-    for (size_t i = 0; i < bytes; ++i) out[i] = static_cast<uint8_t>(i * factor + (i >> 16) + 1);
-    return out;
 }
 
 class BulkController : public ::testing::Test {
@@ -997,8 +900,9 @@ protected:
 };
 
 // Verify that opening over bulk gives the device 1 s to settle after the interface was found,
-// and that a path without a service, or a device that will not open, gives 1.
-TEST_F(BulkController, OpenDeviceSettlesAndFailures) {
+// that a path without a service or a device that will not open gives 1, and that the frame
+// poll is refused with 12 without touching the device or the record.
+TEST_F(BulkController, OpenDeviceSettlesFailuresAndNoFramePoll) {
     EXPECT_EQ(m_openedAtMicros, 1000000u);
     EXPECT_TRUE(Ctl().Communicator().IsBulkOpen());
     CMtDevController other;
@@ -1010,18 +914,13 @@ TEST_F(BulkController, OpenDeviceSettlesAndFailures) {
     EXPECT_EQ(other.OpenDevice(&closed.path), DE_ERROR);
     EXPECT_FALSE(other.Communicator().IsBulkOpen());
     EXPECT_EQ(closed.service.LiveObjects(), 0);
-}
 
-// Verify that the frame poll on a bulk device gives 12 before the frame record is looked at,
-// and that the device sees nothing.
-TEST_F(BulkController, GetFrameSdkIsRefusedWithoutTouchingTheDevice) {
     TFrame f;
     EXPECT_EQ(Ctl().GetFrameSdk(&f.frame), DE_BAD_USB_MODE);
     EXPECT_EQ(Ctl().GetFrameSdk(nullptr), DE_BAD_USB_MODE);
     EXPECT_EQ(f.frame.points, nullptr);
     EXPECT_TRUE(Calls().empty());
     EXPECT_EQ(Emu().RequestCount(), 0u);
-    EXPECT_EQ(Emu().FramesServed(), 0u);
 }
 
 struct THiReadCase {
@@ -1045,12 +944,10 @@ TEST_P(HiSpeedRead, RequestsBlocksThenRest) {
     int length = c.asked;
     ASSERT_EQ(Ctl().GetDevStatus(buffer.data(), length), DE_OK);
     EXPECT_EQ(length, c.expectedLength);
-    const size_t came = std::min(c.held, static_cast<size_t>(c.asked));
-    EXPECT_TRUE(std::equal(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(came),
-                           buffer.begin()));
-    EXPECT_EQ(static_cast<size_t>(std::count(buffer.begin() + static_cast<std::ptrdiff_t>(came),
-                                             buffer.end(), 0xEE)),
-              buffer.size() - came);
+    const auto came = static_cast<std::ptrdiff_t>(std::min(c.held, static_cast<size_t>(c.asked)));
+    EXPECT_TRUE(std::equal(held.begin(), held.begin() + came, buffer.begin()));
+    EXPECT_EQ(std::count(buffer.begin() + came, buffer.end(), 0xEE),
+              static_cast<std::ptrdiff_t>(buffer.size()) - came);
 
     const std::vector<TBulkTransfer>& t = Rec().Transfers();
     ASSERT_EQ(t.size(), 2 * c.parameters.size());
@@ -1075,22 +972,19 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, HiSpeedRead,
     ::testing::Values(
         THiReadCase{"OneBlockAndRest", 70000, 70000, 70000, {0, 0x11700001}},
-        THiReadCase{"TenBytesAfterOneBlock", 70000, 65546, 65546, {0, 0x000A0001}},
         THiReadCase{"ShortFirstBlockCountsAsFull", 1000, 70000, 65536, {0}},
-        THiReadCase{"EmptyFirstBlockCountsAsFull", 0, 65536, 65536, {0}},
-        THiReadCase{"ShortSecondBlockCountsAsFull", 70000, 140000, 131072, {0, 1}},
         THiReadCase{"WholeBlocksOnly", 131072, 131072, 131072, {0, 1}},
         THiReadCase{"RestOnly", 100, 100, 100, {0x00640000}},
         THiReadCase{"RestShorterThanAsked", 50, 100, 50, {0x00640000}}),
     [](const ::testing::TestParamInfo<THiReadCase>& info) { return info.param.name; });
 
-// Verify that the hi-speed size query sends parameter 0xFFFFFFFF and reads up to 1024 bytes,
-// the size being how many bytes answered whatever they hold; an answer that never comes gives
-// 4 after the 1000 ms time-out and is not retried.
+// Verify that the hi-speed size query sends parameter 0xFFFFFFFF and reads up to 1024 bytes at
+// once, the size being how many bytes answered whatever they hold; an answer that never comes
+// gives 4 after the 1000 ms time-out and is not retried.
 TEST_F(BulkController, SizeQueryCountsTheAnswersBytes) {
     // Bytes that a lo-speed reader would take for a size answer of 256.
     const std::vector<uint8_t> loLike = {0x06, 0xE6, 0x00, 0x01, 0x00, 0x00};
-    const std::pair<size_t, int> cases[] = {{0, 0}, {6, 6}, {1024, 1024}, {5000, 1024}};
+    const std::pair<size_t, int> cases[] = {{0, 0}, {6, 6}, {5000, 1024}};
     for (const auto& [held, size] : cases) {
         SCOPED_TRACE(held);
         std::vector<uint8_t> status(held, 0x55);
@@ -1107,7 +1001,7 @@ TEST_F(BulkController, SizeQueryCountsTheAnswersBytes) {
         EXPECT_EQ(t[1].completionTimeoutMs, 1000u);
         EXPECT_EQ(t[1].startMicros, t[0].endMicros) << "no pause before the answer";
     }
-    Emu().InjectFault({TEmuFaultKind::DropReply});
+    Emu().InjectFault({K::DropReply});
     m_rig->service.ClearCalls();
     const uint64_t before = NowMicros();
     int length = 77;
@@ -1132,7 +1026,7 @@ class HiSpeedWrite : public BulkController, public ::testing::WithParamInterface
 TEST_P(HiSpeedWrite, AnnouncesPadsAndEnds) {
     const THiWriteCase& c = GetParam();
     const size_t length = static_cast<size_t>(c.length);
-    const size_t rounded = (length + 63) / 64 * 64;
+    const auto data = static_cast<std::ptrdiff_t>(length);
     // The caller's memory goes on past the length with bytes that are not data.
     std::vector<uint8_t> memory = Pattern(length, 13);
     memory.resize(length + 200, 0xEE);
@@ -1157,8 +1051,8 @@ TEST_P(HiSpeedWrite, AnnouncesPadsAndEnds) {
         EXPECT_EQ(d.completionTimeoutMs, 10000u);
         sent.insert(sent.end(), d.bytes.begin(), d.bytes.end());
     }
-    std::vector<uint8_t> expected(memory.begin(), memory.begin() + static_cast<std::ptrdiff_t>(length));
-    expected.resize(rounded, 0x00);
+    std::vector<uint8_t> expected(memory.begin(), memory.begin() + data);
+    expected.resize((length + 63) / 64 * 64, 0x00);
     EXPECT_EQ(sent, expected);
     ExpectHiPacket(t[t.size() - 2], MTDEV_PACKET_END, MTDEV_CMD_SCAN_PATTERN, MTDEV_EOD_PARAMETER);
     EXPECT_FALSE(t.back().write);
@@ -1169,9 +1063,8 @@ TEST_P(HiSpeedWrite, AnnouncesPadsAndEnds) {
     ASSERT_TRUE(Emu().LastWrite(MTDEV_CMD_SCAN_PATTERN, &write));
     EXPECT_TRUE(write.hiSpeed);
     EXPECT_EQ(write.announced, length);
-    EXPECT_EQ(write.bytesReceived, rounded);
-    EXPECT_EQ(write.data, std::vector<uint8_t>(memory.begin(),
-                                               memory.begin() + static_cast<std::ptrdiff_t>(length)));
+    EXPECT_EQ(write.bytesReceived, expected.size());
+    EXPECT_EQ(write.data, std::vector<uint8_t>(memory.begin(), memory.begin() + data));
     EXPECT_EQ(Ctl().GetCmdProcess(), 100);
 }
 
@@ -1179,10 +1072,8 @@ INSTANTIATE_TEST_SUITE_P(
     Lengths, HiSpeedWrite,
     ::testing::Values(THiWriteCase{"Hundred", 100, {128}},
                       THiWriteCase{"MultipleOf64", 128, {128}},
-                      THiWriteCase{"OneByte", 1, {64}},
                       THiWriteCase{"Empty", 0, {}},
-                      THiWriteCase{"OverOneBlock", 65536 + 100, {65536, 128}},
-                      THiWriteCase{"TwoWholeBlocks", 131072, {65536, 65536}}),
+                      THiWriteCase{"OverOneBlock", 65536 + 100, {65536, 128}}),
     [](const ::testing::TestParamInfo<THiWriteCase>& info) { return info.param.name; });
 
 // Verify that a hi-speed write without data is refused with 6 before anything is sent, even
@@ -1205,7 +1096,8 @@ class HiSpeedWriteFault : public BulkController,
                           public ::testing::WithParamInterface<THiWriteFault> {};
 
 // Verify that each fault of a hi-speed write yields the code of the step it hit, that a lost or
-// late acknowledgement is waited for exactly its time-out, and whether the device kept the data.
+// late acknowledgement is waited for exactly its time-out, whether the device kept the data,
+// and that a firmware status s at the end gives 1000 + s.
 TEST_P(HiSpeedWriteFault, YieldsCode) {
     const THiWriteFault& c = GetParam();
     Emu().InjectFault(c.fault);
@@ -1229,7 +1121,6 @@ INSTANTIATE_TEST_SUITE_P(
         THiWriteFault{"RequestAckGarbage", {K::Garbage, 0, S::Request}, DE_ERROR, false, 0},
         THiWriteFault{"RequestRefused", {K::RefuseWrite, 0, S::Request}, DE_DEV_FLASH, false, 0},
         THiWriteFault{"RequestAckOneByte", {K::ShortReply, 0, S::Request, 0, 1}, DE_DEV_READ, false, 0},
-        THiWriteFault{"RequestAckEmpty", {K::ShortReply, 0, S::Request, 0, 0}, DE_DEV_READ, false, 0},
         THiWriteFault{"RequestAckLost", {K::DropReply, 0, S::Request}, DE_DEV_READ, false, 4000},
         THiWriteFault{"RequestAckLateWithinTimeOut", {K::LateReply, 0, S::Request, 0, 4000}, DE_OK, true, 0},
         THiWriteFault{"RequestAckTooLate", {K::LateReply, 0, S::Request, 0, 4001}, DE_DEV_READ, false, 4000},
@@ -1245,20 +1136,8 @@ INSTANTIATE_TEST_SUITE_P(
         THiWriteFault{"EndAckTooLate", {K::LateReply, 0, S::End, 0, 5001}, DE_DEV_READ, true, 5000},
         THiWriteFault{"VanishedAtEnd", {K::Vanish, 0, S::End}, DE_DEV_READ, false, 0},
         THiWriteFault{"FirmwareStatus1", {K::FirmwareStatus, 0, S::End, 0, 1}, 1001, false, 0},
-        THiWriteFault{"FirmwareStatus5", {K::FirmwareStatus, 0, S::End, 0, 5}, 1005, false, 0},
         THiWriteFault{"FirmwareStatus255", {K::FirmwareStatus, 0, S::End, 0, 255}, 1255, false, 0}),
     [](const ::testing::TestParamInfo<THiWriteFault>& info) { return info.param.name; });
-
-// Verify that an acknowledgement of the request coming at the last moment of its 4000 ms is
-// waited for, and taken.
-TEST_F(BulkController, LateRequestAcknowledgementIsWaitedFor) {
-    Emu().InjectFault({K::LateReply, 0, S::Request, 0, 4000});
-    _HARDWARE_DEV_INFO info{};
-    ASSERT_EQ(Ctl().SetDeviceInfo(&info), DE_OK);
-    const TBulkTransfer& ack = Rec().Transfers()[1];
-    EXPECT_EQ(ack.bytes, (std::vector<uint8_t>{0xE4, 0x04}));
-    EXPECT_EQ(ack.endMicros - ack.startMicros, 4000000u);
-}
 
 struct TStallCase {
     const char* name;
@@ -1298,32 +1177,18 @@ TEST_P(BulkStall, RecoveredOnceAsymmetrically) {
     }
 }
 
+const std::string kW = "WritePipeTO 2", kR = "ReadPipeTO 1";
 INSTANTIATE_TEST_SUITE_P(
     Cases, BulkStall,
     ::testing::Values(
-        TStallCase{"InOnce",
-                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 1},
-                   DE_OK,
-                   {"WritePipeTO 2", "ReadPipeTO 1", "GetPipeStatus 1", "ClearPipeStallBothEnds 1",
-                    "ReadPipeTO 1", "WritePipeTO 2", "ReadPipeTO 1"},
-                   200000},
-        TStallCase{"InTwice",
-                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 2},
-                   DE_DEV_READ,
-                   {"WritePipeTO 2", "ReadPipeTO 1", "GetPipeStatus 1", "ClearPipeStallBothEnds 1",
-                    "ReadPipeTO 1"},
-                   200000},
-        TStallCase{"OutOnce",
-                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 1},
-                   DE_OK,
-                   {"WritePipeTO 2", "ClearPipeStallBothEnds 2", "WritePipeTO 2", "ReadPipeTO 1",
-                    "WritePipeTO 2", "ReadPipeTO 1"},
-                   0},
-        TStallCase{"OutTwice",
-                   {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 2},
-                   DE_DEV_WRITE,
-                   {"WritePipeTO 2", "ClearPipeStallBothEnds 2", "WritePipeTO 2"},
-                   0}),
+        TStallCase{"InOnce", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 1}, DE_OK,
+                   {kW, kR, "GetPipeStatus 1", "ClearPipeStallBothEnds 1", kR, kW, kR}, 200000},
+        TStallCase{"InTwice", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 2}, DE_DEV_READ,
+                   {kW, kR, "GetPipeStatus 1", "ClearPipeStallBothEnds 1", kR}, 200000},
+        TStallCase{"OutOnce", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 1}, DE_OK,
+                   {kW, "ClearPipeStallBothEnds 2", kW, kR, kW, kR}, 0},
+        TStallCase{"OutTwice", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 2}, DE_DEV_WRITE,
+                   {kW, "ClearPipeStallBothEnds 2", kW}, 0}),
     [](const ::testing::TestParamInfo<TStallCase>& info) { return info.param.name; });
 
 // Verify that a device vanishing in the middle of a read gives the read error, and after that
@@ -1346,9 +1211,7 @@ TEST_F(BulkController, VanishedDeviceGivesReadThenWriteErrors) {
 // parameter and nothing is read back; that mode 255 sends nothing; and that every close
 // releases the interface and forgets the device, even when the device is gone.
 TEST_F(BulkController, CloseDeviceModes) {
-    const std::pair<unsigned char, uint32_t> modes[] = {
-        {0, 1}, {1, 0}, {2, 4}, {3, 6}, {4, 6}, {5, 6}, {6, 189}, {7, 6}, {200, 6}, {254, 6}};
-    for (const auto& [mode, parameter] : modes) {
+    for (const auto& [mode, parameter] : kCloseModes) {
         SCOPED_TRACE(static_cast<int>(mode));
         if (Ctl().DeviceType() == MTDEV_TYPE_NONE) {
             ASSERT_EQ(Ctl().OpenDevice(&m_rig->path), DE_OK);
@@ -1357,9 +1220,6 @@ TEST_F(BulkController, CloseDeviceModes) {
         EXPECT_EQ(Ctl().CloseDevice(mode), DE_OK);
         ASSERT_EQ(Rec().Transfers().size(), 1u);
         ExpectHiPacket(Rec().Transfers()[0], MTDEV_PACKET_COMMAND, MTDEV_CMD_CLOSE, parameter);
-        const TEmuRequest r = Emu().Requests().back();
-        EXPECT_EQ(r.command, MTDEV_CMD_CLOSE);
-        EXPECT_EQ(r.parameter, parameter);
         EXPECT_EQ(Ctl().DeviceType(), MTDEV_TYPE_NONE);
         EXPECT_FALSE(Ctl().Communicator().IsBulkOpen());
         EXPECT_EQ(m_rig->service.OpenInterfaces(), 0);
@@ -1387,8 +1247,7 @@ TEST_F(BulkController, CloseDeviceModes) {
 // (mode & 7) | 8 and 0xA9 with the value unchanged, with nothing read back; a packet the OUT
 // pipe refuses twice gives 5.
 TEST_F(BulkController, ProcessAndProtectCommands) {
-    const std::pair<uint8_t, uint32_t> modes[] = {{0, 8},   {1, 9},     {2, 10},   {7, 15},
-                                                  {8, 8},   {0x0D, 13}, {0x80, 8}, {0xFF, 15}};
+    const std::pair<uint8_t, uint32_t> modes[] = {{0, 8}, {7, 15}, {0x0D, 13}, {0xFF, 15}};
     for (const auto& [mode, parameter] : modes) {
         SCOPED_TRACE(static_cast<int>(mode));
         Rec().Clear();
@@ -1419,9 +1278,7 @@ TEST_F(BulkController, GetFrameDataRequestAndHead) {
     frame.data = Pattern(100, 5);
     Emu().SetRawFrame(frame);
     std::vector<uint8_t> storage(300, 0xEE);
-    _HARDWARE_FRAME_DATA raw{};
-    raw.capacity = 256;
-    raw.storage = storage.data();
+    _HARDWARE_FRAME_DATA raw = RawFrame(storage, 256);
     raw.frameMode = 3;
     for (int i = 0; i < 8; ++i) {
         raw.header1[i] = static_cast<uint8_t>(0xA0 + i);
@@ -1434,10 +1291,7 @@ TEST_F(BulkController, GetFrameDataRequestAndHead) {
     const std::vector<uint8_t> request = {
         37,   0,    0,    0,    0,    27,   0x00, 0x01, 0x7B, 3,    0xA0, 0xA1, 0xA2, 0xA3,
         0xA4, 0xA5, 0xA6, 0xA7, 0xB0, 0xB1, 0xB2, 0xB3, 0xB4, 0xB5, 0xB6, 0xB7, 0,    0xB4};
-    EXPECT_TRUE(t[0].write);
     EXPECT_EQ(t[0].bytes, request);
-    EXPECT_EQ(t[0].completionTimeoutMs, 1000u);
-    EXPECT_FALSE(t[1].write);
     EXPECT_EQ(t[1].size, 256u);
     EXPECT_EQ(t[1].completionTimeoutMs, 1000u);
     EXPECT_EQ(t[1].bytes.size(), 132u);
@@ -1476,9 +1330,7 @@ TEST_P(BulkGetFrameData, YieldsCode) {
     Emu().SetRawFrame(frame);
     if (c.withFault) Emu().InjectFault(c.fault);
     std::vector<uint8_t> storage(c.capacity + 1u, 0xEE);
-    _HARDWARE_FRAME_DATA raw{};
-    raw.capacity = c.capacity;
-    raw.storage = storage.data();
+    _HARDWARE_FRAME_DATA raw = RawFrame(storage, c.capacity);
     EXPECT_EQ(Ctl().GetFrameData(&raw), c.expected);
     EXPECT_EQ(storage[c.capacity], 0xEE) << "nothing written beyond the capacity";
     const std::vector<TBulkTransfer> reads = Rec().Reads();
@@ -1497,13 +1349,10 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, BulkGetFrameData,
     ::testing::Values(
         TBulkRawCase{"Whole", 256, 100, false, {}, DE_OK, 100},
-        TBulkRawCase{"CutToCapacity", 100, 100, false, {}, DE_OK, 68},
         TBulkRawCase{"HeadAndOneByte", 33, 100, false, {}, DE_OK, 1},
         TBulkRawCase{"HeadOnly", 32, 100, false, {}, DE_BAD_VERSION, 0},
-        TBulkRawCase{"FrameWithoutData", 256, 0, false, {}, DE_BAD_VERSION, 0},
         TBulkRawCase{"TwoBytes", 2, 100, false, {}, DE_BAD_VERSION, 0},
         TBulkRawCase{"OneByte", 1, 100, false, {}, DE_BAD_DATA_SIZE, 0},
-        TBulkRawCase{"NoRoom", 0, 100, false, {}, DE_BAD_DATA_SIZE, 0},
         // The head's 16-bit count wraps: 65546 data bytes claim 10.
         TBulkRawCase{"HeadClaimsLessThanCame", 65535, 65546, false, {}, DE_OK, 10},
         TBulkRawCase{"AnswerCut", 256, 100, true, {K::ShortReply, 0, S::Any, 0, 40}, DE_OK, 8},
@@ -1517,8 +1366,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<TBulkRawCase>& info) { return info.param.name; });
 
 // Verify that an abort between two blocks of a read, or before its rest, ends it with 1 before
-// the next request goes out, the progress showing the block that came; and that the size
-// query does not look at the flag.
+// the next request goes out, the progress showing the block that came; that the flag stays set
+// until the next operation; and that the size query does not look at it.
 TEST_F(BulkController, AbortBetweenReadBlocks) {
     const std::pair<int, int> cases[] = {{3 * 65536 + 10, 33}, {70000, 93}};
     for (const auto& [asked, percent] : cases) {
@@ -1555,10 +1404,9 @@ TEST_F(BulkController, AbortBetweenDataWrites) {
     });
     EXPECT_EQ(Ctl().SetTouchSystemFile(file.data(), static_cast<int>(file.size())), DE_ERROR);
     Rec().SetHook(nullptr);
-    const std::vector<TBulkTransfer>& t = Rec().Transfers();
-    ASSERT_EQ(t.size(), 3u) << "the request, its acknowledgement and one data write";
-    ExpectHiPacket(t[0], MTDEV_PACKET_WRITE, MTDEV_CMD_TOUCH_SYSTEM, 3 * 65536);
-    EXPECT_EQ(t[2].size, 65536u);
+    ASSERT_EQ(Rec().Transfers().size(), 3u) << "the request, its acknowledgement and one data write";
+    ExpectHiPacket(Rec().Transfers()[0], MTDEV_PACKET_WRITE, MTDEV_CMD_TOUCH_SYSTEM, 3 * 65536);
+    EXPECT_EQ(Rec().Transfers()[2].size, 65536u);
     EXPECT_FALSE(Emu().LastWrite(MTDEV_CMD_TOUCH_SYSTEM, nullptr));
     EXPECT_EQ(Ctl().ProgressDone(), 65536u);
     EXPECT_EQ(Ctl().GetCmdProcess(), 33);
@@ -1591,8 +1439,8 @@ TEST_F(BulkController, GetDeviceConfigClearsAbortAfterItsHead) {
 }
 
 // Verify that a full configuration block read over bulk, a 4-byte head and then the block each
-// read as a rest 300 ms after its request, decodes to the same record as over the hidraw port.
-TEST_F(BulkController, GetDeviceConfigMatchesHid) {
+// read as a rest 300 ms after its request, decodes to the block's record.
+TEST_F(BulkController, GetDeviceConfigReadsHeadThenBlock) {
     auto source = std::make_unique<_HARDWARE_DEV_CONFIG>();
     DefaultDevConfig('s', 0, source.get());
     DefaultDevCalConfig('s', 0, source.get());
@@ -1619,29 +1467,18 @@ TEST_F(BulkController, GetDeviceConfigMatchesHid) {
     EXPECT_EQ(Ctl().ProgressTotal(), size);
     EXPECT_EQ(Ctl().GetCmdProcess(), 100);
 
-    THidRig hid;
-    ASSERT_TRUE(hid.link.Ok());
-    hid.emulator.SetConfigBlock(block);
-    CMtDevController hidCtl(ShortHidTimeouts());
-    ASSERT_EQ(hidCtl.OpenDevice(&hid.path), DE_OK);
-    auto overHid = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    ASSERT_EQ(hidCtl.GetDeviceConfig(overHid.get()), DE_OK);
-    hidCtl.CloseDevice(MTDEV_CLOSE_SILENT);
-
-    EXPECT_EQ(std::memcmp(overBulk.get(), overHid.get(), sizeof *overBulk), 0);
-    // Copied out of the packed record before comparing.
-    EXPECT_EQ(+overBulk->port, 4321);
-    EXPECT_EQ(+overBulk->areaCount, 8);
-    EXPECT_EQ(+overBulk->areas[7].netAddress, 0x0A000008u);
-    EXPECT_EQ(+overBulk->areas[7].outputRect.width, 1920 - 8);
+    auto decoded = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    ASSERT_EQ(DecodeDevConfig(block.data(), static_cast<int>(size), decoded.get()), DEV_CONFIG_DECODE_OK);
+    EXPECT_EQ(std::memcmp(overBulk.get(), decoded.get(), sizeof *overBulk), 0);
+    EXPECT_EQ(+overBulk->areaCount, 8);  // copied out of the packed record before comparing
 }
 
 class BulkGetDeviceConfigCase : public BulkController,
                                 public ::testing::WithParamInterface<TConfigCase> {};
 
-// Verify that each way the configuration read can fail over bulk yields its code: a lost
-// answer is a read error here (over HID the stale request makes it 1), a short head 8, and the
-// decoder's verdicts.
+// Verify that each way the configuration read can fail in the bulk transport yields its code:
+// a lost answer is a read error here (over HID the stale request makes it 1), a short head 8.
+// The decoder's verdicts are the same code as over HID.
 TEST_P(BulkGetDeviceConfigCase, YieldsCode) {
     GetParam().arrange(Emu());
     auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
@@ -1653,23 +1490,11 @@ TEST_P(BulkGetDeviceConfigCase, YieldsCode) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, BulkGetDeviceConfigCase,
     ::testing::Values(
-        TConfigCase{"HeadLost", [](CMtDevEmulator& e) { e.InjectFault({K::DropReply}); }, DE_DEV_READ},
-        TConfigCase{"BlockLost", [](CMtDevEmulator& e) { e.InjectFault({K::DropReply, 0, S::Any, 1}); },
-                    DE_DEV_READ},
-        TConfigCase{"VanishedAfterHead",
-                    [](CMtDevEmulator& e) { e.InjectFault({K::Vanish, 0, S::Any, 1}); }, DE_DEV_READ},
-        TConfigCase{"BlockCutBelowItsHeader",
-                    [](CMtDevEmulator& e) { e.InjectFault({K::ShortReply, 0, S::Any, 1, 27}); },
-                    DE_BAD_PARAM},
-        TConfigCase{"HeadShorterThanFour", [](CMtDevEmulator& e) { e.SetConfigBlock({3, 0, 0xB2}); },
-                    DE_RW_LENGTH},
-        TConfigCase{"NotAConfigurationBlock",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock(DefaultBlockWith(2, 0xB1)); },
-                    DE_BAD_VERSION},
-        TConfigCase{"DeclaredSizeBelowFour",
-                    [](CMtDevEmulator& e) { e.SetConfigBlock({3, 0, 0xB2, 0, 0, 0}); }, DE_BAD_PARAM},
-        TConfigCase{"HeadOnlyBlock", [](CMtDevEmulator& e) { e.SetConfigBlock({4, 0, 0xB2, 0}); },
-                    DE_OK}),
+        TConfigCase{"HeadLost", Fault({K::DropReply}), DE_DEV_READ},
+        TConfigCase{"BlockLost", Fault({K::DropReply, 0, S::Any, 1}), DE_DEV_READ},
+        TConfigCase{"VanishedAfterHead", Fault({K::Vanish, 0, S::Any, 1}), DE_DEV_READ},
+        TConfigCase{"BlockCutBelowItsHeader", Fault({K::ShortReply, 0, S::Any, 1, 27}), DE_BAD_PARAM},
+        TConfigCase{"HeadShorterThanFour", Block({3, 0, 0xB2}), DE_RW_LENGTH}),
     [](const ::testing::TestParamInfo<TConfigCase>& info) { return info.param.name; });
 
 }  // namespace

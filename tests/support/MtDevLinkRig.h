@@ -90,7 +90,6 @@ public:
     void EndWait() override { m_inner.EndWait(); }
 
     const std::vector<unsigned>& Waits() const { return m_waits; }
-    void ClearWaits() { m_waits.clear(); }
 
 private:
     static void Forward(void* context, int result, void* /*sender*/, int type, uint32_t reportID,
@@ -187,7 +186,6 @@ public:
     }
 
     const std::vector<TBulkTransfer>& Transfers() const { return m_state->transfers; }
-    std::vector<TBulkTransfer> Writes() const { return Only(true); }
     std::vector<TBulkTransfer> Reads() const { return Only(false); }
     void Clear() { m_state->transfers.clear(); }
     void SetHook(Hook hook) { m_state->hook = std::move(hook); }
