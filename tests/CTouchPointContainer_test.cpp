@@ -16,15 +16,9 @@ using T = TInputEventType;
 
 std::string Str(int64_t v) { return std::to_string(v); }
 
-
 Events DoubleClick(const CGestureHarness& h, float x, float y) {
     return {h.Left(T::MouseMoved, x, y, 2), h.Left(T::LeftMouseUp, x, y, 2),
             h.Left(T::LeftMouseDown, x, y, 2), h.Left(T::LeftMouseUp, x, y, 2)};
-}
-
-Events Click(const CGestureHarness& h, float x, float y) {
-    return {h.Left(T::MouseMoved, x, y, 1), h.Left(T::LeftMouseDown, x, y, 1),
-            h.Left(T::LeftMouseUp, x, y, 1)};
 }
 
 // The unflagged release that opens every click that toSingleClick posts.
@@ -34,7 +28,8 @@ TInputEvent PlainUp(const CGestureHarness& h, float x, float y) {
 }
 
 // Verify the basic touch: the first frame only arms, the second presses, later frames drag,
-// the lift releases; and what each frame leaves as the worker's last gesture.
+// the lift releases; what each frame leaves as the worker's last gesture; and that the next
+// touch presses at once.
 TEST(OneFinger, PressDragRelease) {
     CGestureHarness h;
     std::vector<TELO_FINGER_STATUS> results;
@@ -56,9 +51,15 @@ TEST(OneFinger, PressDragRelease) {
     EXPECT_EQ(h.container.buttonState, 3u);
     EXPECT_EQ(h.container.fingerMode, 1u);
     EXPECT_TRUE(h.tracker.Tracked().empty());
+
+    // The next one-finger touch presses on its first frame: only a new finger count re-arms.
+    h.Play("wait 1s\ndown 2 4000 4000\nhold 1\nup 2\n");
+    EXPECT_EQ(h.TakeEvents(), (Events{h.Left(T::LeftMouseDown, 4000, 4000),
+                                      h.Left(T::LeftMouseDragged, 4000, 4000),
+                                      h.Left(T::LeftMouseUp, 4000, 4000)}));
 }
 
-// Verify the exact log lines of an arming frame and of a pressing frame, per channel.
+// Verify the exact log lines of an arming frame, a pressing frame and a lift, per channel.
 TEST(OneFinger, LogLines) {
     CGestureHarness h(32767.0f, 32767.0f);  // scaled positions equal device positions
     h.Play("down 1 1000 2000\n");
@@ -77,32 +78,18 @@ TEST(OneFinger, LogLines) {
     h.Play("up 1\n");
     EXPECT_EQ(h.TakeLines(TLogChannel::System),
               (std::vector<std::string>{"mouse up start", "mouse up end"}));
-}
 
-// Verify that the per-frame position lines print exactly as "%f" does, odd values included.
-TEST(OneFinger, PositionLinesMatchPrintf) {
+    // The position lines print exactly as "%f" does, odd values included.
     for (const int x : {1, 777, 12345, 32766}) {
-        CGestureHarness h(1366.0f, 768.0f);
-        h.Play("down 1 " + Str(x) + " 31999\n");
-        const TScreenPoint p = h.Scaled(static_cast<float>(x), 31999.0f);
+        CGestureHarness odd(1366.0f, 768.0f);
+        odd.Play("down 1 " + Str(x) + " 31999\n");
+        const TScreenPoint p = odd.Scaled(static_cast<float>(x), 31999.0f);
         char expected[2][200];
         std::snprintf(expected[0], sizeof expected[0], "x:%fy:%f", static_cast<double>(x), 31999.0);
         std::snprintf(expected[1], sizeof expected[1], "point.x:%fpoint.y:%f", p.x, p.y);
-        const std::vector<std::string> out = h.TakeLines(TLogChannel::Stdout);
-        ASSERT_EQ(out.size(), 3u);
-        EXPECT_EQ(out[1], expected[0]);
-        EXPECT_EQ(out[2], expected[1]);
+        EXPECT_EQ(odd.TakeLines(TLogChannel::Stdout),
+                  (std::vector<std::string>{"1", expected[0], expected[1]}));
     }
-}
-
-// Consecutive one-finger touches press on their first frame: only a new finger count re-arms.
-TEST(OneFinger, NextTouchPressesAtOnce) {
-    CGestureHarness h;
-    h.Play("down 1 1000 2000\nhold 1\nup 1\nwait 1s\ndown 2 4000 4000\nhold 1\nup 2\n");
-    EXPECT_EQ(h.TakeEvents(),
-              (Events{h.Left(T::LeftMouseDown, 1000, 2000), h.Left(T::LeftMouseUp, 1000, 2000),
-                      h.Left(T::LeftMouseDown, 4000, 4000), h.Left(T::LeftMouseDragged, 4000, 4000),
-                      h.Left(T::LeftMouseUp, 4000, 4000)}));
 }
 
 // A first tap at (1000, 2000), pressed and released; returns the tick of its release.
@@ -133,7 +120,8 @@ struct SecondTapCase {
 class SecondTapTest : public testing::TestWithParam<SecondTapCase> {};
 
 // Verify how a quick second tap ends: a double click when it lifts within 14 ticks, within
-// 200 units of the first click and having moved at most 100; otherwise the up goes on.
+// 200 units of the first click and having moved at most 100 (logging both distances); otherwise
+// the up goes on.
 TEST_P(SecondTapTest, Outcome) {
     const SecondTapCase& c = GetParam();
     CGestureHarness h;
@@ -155,6 +143,15 @@ TEST_P(SecondTapTest, Outcome) {
         EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_DBCLICK);
         EXPECT_EQ(h.container.buttonState, 3u);
         EXPECT_EQ(h.container.lastClickTick, first);
+        const std::vector<TLoggedLine> logs = h.TakeLogs();
+        char distances[2][64];
+        std::snprintf(distances[0], sizeof distances[0], "distance:%f", nearClick);
+        std::snprintf(distances[1], sizeof distances[1], "MYdistance:%f", std::abs(lift - down));
+        EXPECT_EQ(std::vector<TLoggedLine>(logs.end() - 4, logs.end()),
+                  (std::vector<TLoggedLine>{{TLogChannel::System, "mouse up start"},
+                                            {TLogChannel::System, distances[0]},
+                                            {TLogChannel::System, distances[1]},
+                                            {TLogChannel::Stdout, "1-DBClick"}}));
     } else {
         // Not a double click: the button goes on to a drag and stays "held".
         EXPECT_EQ(h.TakeEvents(),
@@ -168,26 +165,13 @@ TEST_P(SecondTapTest, Outcome) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, SecondTapTest,
-    testing::Values(SecondTapCase{"SamePlaceAt14Ticks", 1000, 1000, 14},
+    testing::Values(SecondTapCase{"ThreeAwayAt14Ticks", 1003, 1003, 14},
                     SecondTapCase{"SamePlaceAt15Ticks", 1000, 1000, 15},
                     SecondTapCase{"Exactly200Away", 1200, 1200, 5},
                     SecondTapCase{"FarAway", 1201, 1201, 5},
                     SecondTapCase{"MovedExactly100", 1050, 1150, 5},
                     SecondTapCase{"Moved101", 1050, 1151, 5}),
     [](const testing::TestParamInfo<SecondTapCase>& info) { return std::string(info.param.name); });
-
-// Verify the log lines of a double click.
-TEST(OneFinger, DoubleClickLogs) {
-    CGestureHarness h;
-    const int64_t first = FirstTap(h);
-    SecondTap(h, 1003, 1003, first + 3);
-    const std::vector<TLoggedLine> logs = h.TakeLogs();
-    EXPECT_EQ(std::vector<TLoggedLine>(logs.end() - 4, logs.end()),
-              (std::vector<TLoggedLine>{{TLogChannel::System, "mouse up start"},
-                                        {TLogChannel::System, "distance:3.000000"},
-                                        {TLogChannel::System, "MYdistance:0.000000"},
-                                        {TLogChannel::Stdout, "1-DBClick"}}));
-}
 
 // Verify that short touches that start a new touch post Command-0, then Command-9, then
 // Command-0 again, and no mouse event.
@@ -206,55 +190,28 @@ TEST(OneFinger, ShortTouchesToggleZoom) {
     EXPECT_EQ(h.container.buttonState, 0u);  // never pressed
 }
 
-// Verify that a long touch that moved 50 units or more, ending before it pressed, is
-// replayed as a drag: press and release at unscaled device points, one drag per sample, all
-// at the scaled end point.
-TEST(OneFinger, LongTouchReplaysDrag) {
-    CGestureHarness h;
-    h.Play("down 1 1000 2000\nwait 1s\nup 1 1050 2000\n");
-    EXPECT_EQ(h.TakeEvents(),
+// Verify how a long touch that ends before it pressed is finished: moved 50 units or more, it is
+// replayed as a drag (press and release at unscaled device points, one drag per sample, all at
+// the scaled end point); moved less, it ends with an unflagged up and, because the lift has
+// just stamped the click time, a double click.
+TEST(OneFinger, LongTouchEndsByDistanceMoved) {
+    CGestureHarness moved;
+    moved.Play("down 1 1000 2000\nwait 1s\nup 1 1050 2000\n");
+    EXPECT_EQ(moved.TakeEvents(),
               (Events{CGestureHarness::LeftUnscaled(T::LeftMouseDown, 1000, 2000),
-                      h.Left(T::LeftMouseDragged, 1050, 2000),
-                      h.Left(T::LeftMouseDragged, 1050, 2000),
+                      moved.Left(T::LeftMouseDragged, 1050, 2000),
+                      moved.Left(T::LeftMouseDragged, 1050, 2000),
                       CGestureHarness::LeftUnscaled(T::LeftMouseUp, 1050, 2000)}));
-    EXPECT_EQ(h.TakeLines(TLogChannel::Stdout).back(), "3-up");
-    EXPECT_EQ(h.container.buttonState, 3u);
-}
+    EXPECT_EQ(moved.TakeLines(TLogChannel::Stdout).back(), "3-up");
+    EXPECT_EQ(moved.container.buttonState, 3u);
 
-// Verify that a long touch that moved less than 50 ends with an unflagged up and, because the
-// lift has just stamped the click time, a double click.
-TEST(OneFinger, LongStillTouchEndsWithDoubleClick) {
-    CGestureHarness h;
-    h.Play("down 1 1000 2000\nwait 1s\nup 1 1049 2000\n");
-    EXPECT_EQ(h.TakeEvents(),
-              Concat({Events{PlainUp(h, 1049, 2000)}, DoubleClick(h, 1049, 2000)}));
-    EXPECT_EQ(h.TakeLines(TLogChannel::System),
+    CGestureHarness still;
+    still.Play("down 1 1000 2000\nwait 1s\nup 1 1049 2000\n");
+    EXPECT_EQ(still.TakeEvents(),
+              Concat({Events{PlainUp(still, 1049, 2000)}, DoubleClick(still, 1049, 2000)}));
+    EXPECT_EQ(still.TakeLines(TLogChannel::System),
               (std::vector<std::string>{"new point add", "asdasd", "mark1", "sigleclick start",
                                         "doubleclick", "sigleclick end"}));
-}
-
-// Verify the three-finger latch: one finger moves nothing and logs "one", and its lift is
-// finished by toSingleClick instead of the dispatcher: an unflagged up and a click.
-TEST(OneFinger, ThreeFingerLatchSilencesOneFinger) {
-    CGestureHarness h;
-    h.container.SetLocalGesture(TFS_THREE_FINGERS_TAP);
-    h.Play("down 1 1000 2000\nmove 1 1010 2000 in 2\n");
-    EXPECT_TRUE(h.TakeEvents().empty());
-    EXPECT_EQ(h.tracker.LastGesture(), TFS_THREE_FINGERS_TAP);
-    const std::vector<std::string> system = h.TakeLines(TLogChannel::System);
-    EXPECT_EQ(std::count(system.begin(), system.end(), "one"), 3);
-
-    h.Play("up 1\n");
-    EXPECT_EQ(h.TakeEvents(), Concat({Events{PlainUp(h, 1010, 2000)}, Click(h, 1010, 2000)}));
-    const std::vector<TLoggedLine> logs = h.TakeLogs();
-    EXPECT_EQ(std::count(logs.begin(), logs.end(), TLoggedLine{TLogChannel::Stdout, "1"}), 0);
-    EXPECT_EQ(h.container.lastClickX, 1010.0f);
-    EXPECT_EQ(h.container.localGesture, TFS_THREE_FINGERS_TAP);
-
-    // An empty frame ends the hand: the latch is reset.
-    h.Play("hold 1\n");
-    EXPECT_EQ(h.container.localGesture, TFS_NONE);
-    EXPECT_EQ(h.tracker.LastGesture(), TFS_NONE);
 }
 
 // Verify releaseClick: a held button is released at (0, 0) once; otherwise nothing at all.
@@ -309,27 +266,13 @@ TEST(Dispatcher, FingerCounts) {
     EXPECT_TRUE(h.TakeEvents().empty());
 }
 
-// Verify the shared posting helpers the multi-finger handlers use.
-TEST(Dispatcher, PostingHelpers) {
+// Verify the scaling from device units (0 to 32767) to screen points that every scaled event
+// position of these tests goes through.
+TEST(Dispatcher, ScalePoint) {
     CGestureHarness h(1000.0f, 500.0f);
     const TScreenPoint p = h.container.ScalePoint(32767.0f, 16383.5f);
     EXPECT_DOUBLE_EQ(p.x, 1000.0);
     EXPECT_DOUBLE_EQ(p.y, 250.0);
-    h.container.PostRightClick(TScreenPoint{1, 2});
-    h.container.PostScroll(-12);
-    h.container.PostShortcut("F7", EVENT_FLAG_SECONDARY_FN);
-    EXPECT_EQ(h.TakeEvents(),
-              (Events{TInputEvent::Mouse(T::RightMouseDown, 1, 2, 0, 0, TMouseButton::Right),
-                      TInputEvent::Mouse(T::RightMouseUp, 1, 2, 0, 0, TMouseButton::Right),
-                      TInputEvent::Scroll(-12, 0), TInputEvent::Key(true, 98, 0x800000),
-                      TInputEvent::Key(false, 98, 0x800000)}));
-    CTouchPointInfo a(1, 10, 10, 0, 0, 0), b(2, 20, 20, 0, 0, 0);
-    h.container.ClearTouchPointLists({&a, &b});
-    EXPECT_TRUE(a.PathEmpty());
-    EXPECT_TRUE(b.PathEmpty());
-    h.container.SetHoldStatus(true);
-    EXPECT_TRUE(h.container.holdStatus);
-    EXPECT_EQ(h.container.gestureSent, 0);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ std::vector<int> Ids(const CTouchPointList& list) {
 // it is freed at the end.
 struct OwnedList {
     CTouchPointList list;
-    explicit OwnedList(std::initializer_list<int> ids) {
+    explicit OwnedList(const std::vector<int>& ids) {
         for (int id : ids) list.push_back(new CTouchPointInfo(id, 1.0f, 1.0f, 0, 0, 0));
     }
     ~OwnedList() {
@@ -28,41 +28,23 @@ struct OwnedList {
     }
 };
 
-// A frame's contact list with the given ids, linked in order.
-struct FramePoints {
-    std::vector<_HARDWARE_SDK_POINT> points;
-    explicit FramePoints(std::initializer_list<int> ids) : points(ids.size()) {
-        size_t i = 0;
-        for (int id : ids) {
-            points[i] = _HARDWARE_SDK_POINT{};
-            points[i].id = static_cast<uint8_t>(id);
-            if (i > 0) points[i - 1].next = &points[i];
-            ++i;
-        }
-    }
-    const _HARDWARE_SDK_POINT* head() const { return points.empty() ? nullptr : &points[0]; }
-};
-
 // How many times the dispatcher ran for n contacts among captured standard-output lines.
 long Dispatches(const std::vector<std::string>& out, int n) {
     return std::count(out.begin(), out.end(), std::to_string(n));
 }
 
-// Verify lookup: nullptr for an empty list or an unknown id, the earlier of duplicates.
-TEST(ContactMatching, FindTouchPoint) {
-    OwnedList tracked{4, 7, 4};
+// Verify lookup (nullptr for an empty list or an unknown id, the earlier of duplicates) and
+// removal (the first entry with the id goes and is freed, the order stays, an unknown id changes
+// nothing).
+TEST(ContactMatching, FindAndRemoveTouchPoint) {
+    OwnedList tracked({4, 7, 4, 9});
     EXPECT_EQ(findTouchPoint(4, &tracked.list), tracked.list[0]);
     EXPECT_EQ(findTouchPoint(7, &tracked.list), tracked.list[1]);
     EXPECT_EQ(findTouchPoint(5, &tracked.list), nullptr);
     CTouchPointList empty;
     EXPECT_EQ(findTouchPoint(4, &empty), nullptr);
     EXPECT_EQ(findTouchPoint(4, nullptr), nullptr);
-}
 
-// Verify removal: the first entry with the id goes (and is freed), the order stays, an unknown
-// id changes nothing.
-TEST(ContactMatching, RemoveTouchPoint) {
-    OwnedList tracked{4, 7, 4, 9};
     CTouchPointInfo* secondFour = tracked.list[2];
     removeTouchPoint(4, &tracked.list);
     EXPECT_EQ(Ids(tracked.list), (std::vector<int>{7, 4, 9}));
@@ -85,8 +67,7 @@ class CheckTouchPoint : public testing::TestWithParam<CheckCase> {};
 // slides into a freed slot.
 TEST_P(CheckTouchPoint, Retires) {
     const CheckCase& c = GetParam();
-    OwnedList tracked{};
-    for (int id : c.tracked) tracked.list.push_back(new CTouchPointInfo(id, 1, 1, 0, 0, 0));
+    OwnedList tracked(c.tracked);
     std::vector<_HARDWARE_SDK_POINT> points(c.frame.size());
     for (size_t i = 0; i < points.size(); ++i) {
         points[i] = _HARDWARE_SDK_POINT{};
@@ -118,53 +99,76 @@ TEST(ContactMatching, FrameTimeStamp) {
     EXPECT_EQ(CurrentFrameTimeStamp(), 12'000'250);
 }
 
-// Verify that a frame whose only contact is new drops every tracked contact and deals once.
-TEST(ContactTracker, LoneNewContactClearsTheList) {
-    CGestureHarness h;
-    h.Play("down 1 1000 1000, 2 5000 5000\nhold 1\nvanish 1, 2\n");
-    ASSERT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{1, 2}));
-    h.TakeLogs();
-    h.Play("down 3 9000 9000\n");
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{3}));
-    const std::vector<std::string> out = h.TakeLines(TLogChannel::Stdout);
-    EXPECT_EQ(Dispatches(out, 1), 1);
-    EXPECT_EQ(Dispatches(out, 2), 0);
-}
-
-// Verify that two new contacts in one frame are both appended, and only the first deals.
-TEST(ContactTracker, TwoNewContactsDealOnce) {
-    CGestureHarness h;
-    h.Play("down 1 1000 1000, 2 5000 5000\n");
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{1, 2}));
-    const std::vector<TLoggedLine> logs = h.TakeLogs();
-    EXPECT_EQ(std::count(logs.begin(), logs.end(), TLoggedLine{TLogChannel::System, "new point add"}), 2);
-    std::vector<std::string> out;
-    for (const TLoggedLine& l : logs) {
-        if (l.channel == TLogChannel::Stdout) out.push_back(l.text);
-    }
-    EXPECT_EQ(Dispatches(out, 1), 1);
-    EXPECT_EQ(Dispatches(out, 2), 0);
-}
-
-struct SpanCase {
-    int64_t micros;
-    bool deals;
+struct FrameCase {
+    const char* name;
+    std::string before;        // frames played first
+    std::string frames;        // the frames judged
+    std::vector<int> tracked;  // ids tracked after them
+    int ones = -1, twos = -1;  // dispatches for one and for two contacts (-1: not judged)
+    int added = -1;            // "new point add" lines (-1: not judged)
 };
 
-class OneContactSpan : public testing::TestWithParam<SpanCase> {};
+class ContactTrackerFrames : public testing::TestWithParam<FrameCase> {};
 
-// Verify that one continuing contact is dealt with only once its samples span 4000 units.
-TEST_P(OneContactSpan, SettlesAt4000) {
+// Verify what the per-frame update keeps tracked and how often it deals.
+TEST_P(ContactTrackerFrames, TracksAndDeals) {
+    const FrameCase& c = GetParam();
     CGestureHarness h;
-    h.Play("down 1 1000 1000\n");
+    if (!c.before.empty()) h.Play(c.before);
     h.TakeLogs();
-    h.Play("wait " + std::to_string(GetParam().micros) + "us\nhold 1\n");
-    EXPECT_EQ(Dispatches(h.TakeLines(TLogChannel::Stdout), 1), GetParam().deals ? 1 : 0);
-    EXPECT_EQ(h.TakeEvents().size(), GetParam().deals ? 1u : 0u);  // the press
+    h.Play(c.frames);
+    EXPECT_EQ(Ids(h.tracker.Tracked()), c.tracked);
+    std::vector<std::string> out, system;
+    for (const TLoggedLine& l : h.TakeLogs()) {
+        (l.channel == TLogChannel::Stdout ? out : system).push_back(l.text);
+    }
+    const auto judge = [](int expected, long actual, const char* what) {
+        if (expected >= 0) {
+            EXPECT_EQ(actual, expected) << what;
+        }
+    };
+    judge(c.ones, Dispatches(out, 1), "one-contact dispatches");
+    judge(c.twos, Dispatches(out, 2), "two-contact dispatches");
+    judge(c.added, std::count(system.begin(), system.end(), "new point add"), "added");
 }
 
-INSTANTIATE_TEST_SUITE_P(All, OneContactSpan,
-                         testing::Values(SpanCase{3999, false}, SpanCase{4000, true}));
+const std::string kOne = "down 1 1000 1000\n";
+const std::string kTwo = "down 2 5000 5000, 1 1000 1000\n";  // 2 updated before 1 lifts
+const std::string kThree = "down 1 1000 1000, 2 2000 2000, 3 3000 3000\n";
+const std::string kSettle = "down 1 1000 1000\nwait 3000us\ndown 2 5000 5000\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, ContactTrackerFrames,
+    testing::Values(
+        // Two new contacts in one frame are both appended, and only the first deals.
+        FrameCase{"TwoNewContactsDealOnce", "", "down 1 1000 1000, 2 5000 5000\n", {1, 2}, 1, 0,
+                  2},
+        // A frame whose only contact is new drops every tracked contact and deals once.
+        FrameCase{"LoneNewContactClearsTheList",
+                  "down 1 1000 1000, 2 5000 5000\nhold 1\nvanish 1, 2\n", "down 3 9000 9000\n", {3},
+                  1, 0, 1},
+        // A continuing or lifting contact with an unknown id is appended without a "new point
+        // add" line (6 is appended, then removed).
+        FrameCase{"UnknownIdContinuing", "", "raw 5 1 1000 1000\n", {5}, -1, -1, 0},
+        FrameCase{"UnknownIdLifting", "raw 5 1 1000 1000\n", "raw 5 1 1000 1000, 6 2 2000 2000\n",
+                  {5}, -1, -1, 0},
+        // One continuing contact deals once its samples span 4000 units.
+        FrameCase{"OneSpans3999", kOne, "wait 3999us\nhold 1\n", {1}, 0},
+        FrameCase{"OneSpans4000", kOne, "wait 4000us\nhold 1\n", {1}, 1},
+        // A lift among two contacts deals only once both span 30000; the lifted one goes.
+        FrameCase{"LiftOfTwoSpans29999", kTwo, "wait 29999us\nup 1\n", {2}, -1, 0},
+        FrameCase{"LiftOfTwoSpans30000", kTwo, "wait 30000us\nup 1\n", {2}, -1, 1},
+        // Two contacts deal only when both span 4000: contact 1 spans 4000 after the first
+        // frame, contact 2 only 1000; in the next, contact 1 is updated first (contact 2 still
+        // spans 0 units) and contact 2 then reaches 4000: one deal.
+        FrameCase{"TwoSettleNot", kSettle, "wait 1000us\nhold 1\n", {1, 2}, -1, 0},
+        FrameCase{"TwoSettle", kSettle + "wait 1000us\nhold 1\n", "wait 3000us\nhold 1\n",
+                  {1, 2}, -1, 1},
+        // The skip of checkTouchPoint: with 1, 2, 3 tracked and only 3 reported, 2 survives one
+        // frame longer.
+        FrameCase{"CheckSkip", kThree, "vanish 1, 2\nhold 1\n", {2, 3}},
+        FrameCase{"CheckSkipNextFrame", kThree + "vanish 1, 2\nhold 1\n", "hold 1\n", {3}}),
+    [](const testing::TestParamInfo<FrameCase>& info) { return info.param.name; });
 
 // Verify that a span across a second boundary counts 3,000,000 extra units: one millisecond
 // over the boundary is enough to deal.
@@ -179,61 +183,27 @@ TEST(ContactTracker, SecondBoundaryAddsThreeMillionUnits) {
     EXPECT_EQ(path.back().GetBirthTime() - path.front().GetBirthTime(), 3'001'000);
 }
 
-// Verify the two-contact settling: no deal while either contact spans less than 4000.
-TEST(ContactTracker, TwoContactsSettle) {
-    CGestureHarness h;
-    h.Play("down 1 1000 1000\nwait 3000us\ndown 2 5000 5000\n");
-    h.TakeLogs();
-    // Contact 1 spans 4000 after this frame; contact 2 only 1000.
-    h.Play("wait 1000us\nhold 1\n");
-    EXPECT_EQ(Dispatches(h.TakeLines(TLogChannel::Stdout), 2), 0);
-    h.Play("wait 3000us\nhold 1\n");
-    // Contact 1 is updated first (4000 vs 0 units on contact 2: no deal), then contact 2
-    // reaches 4000: one deal.
-    EXPECT_EQ(Dispatches(h.TakeLines(TLogChannel::Stdout), 2), 1);
-}
-
-class TwoContactLiftSpan : public testing::TestWithParam<SpanCase> {};
-
-// Verify that a lift among two contacts deals only once both span 30000 units; the lifted
-// contact is removed either way.
-TEST_P(TwoContactLiftSpan, DealsAt30000) {
-    CGestureHarness h;
-    // Finger 2 first, so that in the lift frame it is updated before finger 1 lifts.
-    h.Play("down 2 5000 5000, 1 1000 1000\n");
-    h.TakeLogs();
-    h.Play("wait " + std::to_string(GetParam().micros) + "us\nup 1\n");
-    EXPECT_EQ(Dispatches(h.TakeLines(TLogChannel::Stdout), 2), GetParam().deals ? 1 : 0);
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{2}));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, TwoContactLiftSpan,
-                         testing::Values(SpanCase{29999, false}, SpanCase{30000, true}));
-
-// Verify that a contact gone with an unknown status (7) and an id nobody tracks releases the
-// one tracked contact, and removes nothing.
-TEST(ContactTracker, UnknownStatusForUntrackedId) {
+// Verify status 7 (gone, unknown): for an id nobody tracks it releases the one tracked contact
+// and removes nothing; for a tracked contact it releases at the last recorded position (the gone
+// report's own position is not recorded) and removes it.
+TEST(ContactTracker, UnknownStatus) {
     CGestureHarness h;
     h.Play("down 1 1000 2000\nhold 1\n");
     h.TakeEvents();
     h.container.SetHoldStatus(true);
     h.Play("raw 1 1 1000 2000, 9 7 3000 3000\n");
     EXPECT_FALSE(h.container.holdStatus);
-    EXPECT_EQ(h.TakeEvents(), (std::vector<TInputEvent>{h.Left(TInputEventType::LeftMouseDragged, 1000, 2000),
-                                                        h.Left(TInputEventType::LeftMouseUp, 1000, 2000)}));
+    EXPECT_EQ(h.TakeEvents(), (Events{h.Left(TInputEventType::LeftMouseDragged, 1000, 2000),
+                                      h.Left(TInputEventType::LeftMouseUp, 1000, 2000)}));
     EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{1}));
     EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_UP);
-}
 
-// Verify that a tracked contact gone with status 7 is released at its last recorded
-// position (the gone report's own position is not recorded) and removed.
-TEST(ContactTracker, UnknownStatusRemoves) {
-    CGestureHarness h;
-    h.Play("down 1 1000 2000\nhold 1\n");
-    h.TakeEvents();
-    h.Play("raw 1 7 3000 3000\n");
-    EXPECT_EQ(h.TakeEvents(), (std::vector<TInputEvent>{h.Left(TInputEventType::LeftMouseUp, 1000, 2000)}));
-    EXPECT_TRUE(h.tracker.Tracked().empty());
+    CGestureHarness g;
+    g.Play("down 1 1000 2000\nhold 1\n");
+    g.TakeEvents();
+    g.Play("raw 1 7 3000 3000\n");
+    EXPECT_EQ(g.TakeEvents(), (Events{g.Left(TInputEventType::LeftMouseUp, 1000, 2000)}));
+    EXPECT_TRUE(g.tracker.Tracked().empty());
 }
 
 // Verify the frame without contacts: release handling of the lone contact, then the list,
@@ -245,7 +215,7 @@ TEST(ContactTracker, EmptyFrameReleasesAndResets) {
     h.container.SetHoldStatus(true);
     EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_DOWN);
     h.Play("hold 1\n");
-    EXPECT_EQ(h.TakeEvents(), (std::vector<TInputEvent>{h.Left(TInputEventType::LeftMouseUp, 1000, 2000)}));
+    EXPECT_EQ(h.TakeEvents(), (Events{h.Left(TInputEventType::LeftMouseUp, 1000, 2000)}));
     EXPECT_TRUE(h.tracker.Tracked().empty());
     EXPECT_EQ(h.tracker.LastGesture(), TFS_NONE);
     EXPECT_EQ(h.container.localGesture, TFS_NONE);
@@ -275,28 +245,6 @@ TEST(ContactTracker, DuplicateIds) {
     EXPECT_EQ(tracked[0]->GetBehindX(), 500.0f);
     EXPECT_EQ(tracked[1]->PathSize(), 1u);
     EXPECT_EQ(tracked[1]->GetBehindX(), 200.0f);
-}
-
-// Verify the skip of checkTouchPoint within the per-frame update: with 1, 2, 3 tracked and
-// only 3 reported, 2 survives one frame longer.
-TEST(ContactTracker, CheckSkipAcrossFrames) {
-    CGestureHarness h;
-    h.Play("down 1 1000 1000, 2 2000 2000, 3 3000 3000\nvanish 1, 2\nhold 1\n");
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{2, 3}));
-    h.Play("hold 1\n");
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{3}));
-}
-
-// Verify that a continuing or lifting contact with an unknown id is created and appended
-// without a "new point add" line.
-TEST(ContactTracker, UnknownIdContinuingIsAppended) {
-    CGestureHarness h;
-    h.Play("raw 5 1 1000 1000\n");
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{5}));
-    const std::vector<std::string> system = h.TakeLines(TLogChannel::System);
-    EXPECT_EQ(std::count(system.begin(), system.end(), "new point add"), 0);
-    h.Play("raw 5 1 1000 1000, 6 2 2000 2000\n");
-    EXPECT_EQ(Ids(h.tracker.Tracked()), (std::vector<int>{5}));  // 6 appended, then removed
 }
 
 // Verify that the tracker frees what it holds at its end and on Reset (LeakSanitizer checks

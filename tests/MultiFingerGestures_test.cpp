@@ -13,7 +13,6 @@
 
 namespace {
 
-
 Events Ctrl(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_CONTROL); }
 Events Fn(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_SECONDARY_FN); }
 
@@ -24,8 +23,9 @@ bool AllPathsEmpty(const CTouchPointList& contacts) {
     return true;
 }
 
+const std::string kThreeDown = "down 1 10000 10000, 2 12000 10000, 3 14000 10000\n";
 // Four fingers on the corners of a 4000-unit square.
-const char* const kFourDown = "down 1 10000 10000, 2 14000 10000, 3 10000 14000, 4 14000 14000\n";
+const std::string kFourDown = "down 1 10000 10000, 2 14000 10000, 3 10000 14000, 4 14000 14000\n";
 
 // ---------------------------------------------------------------------------------------------
 // Three fingers
@@ -37,83 +37,51 @@ const char* const kFourDown = "down 1 10000 10000, 2 14000 10000, 3 10000 14000,
 TEST(ThreeFingers, StillHandLatchesAndSilencesTheLastFinger) {
     CGestureHarness h;
     std::vector<TELO_FINGER_STATUS> lastGesture;
-    std::vector<bool> emptied;
-    size_t eventsBeforeLift = 99;
-    h.Play(std::string("down 1 10000 10000, 2 12000 10000, 3 14000 10000\n"
-                       "hold 5\n"                   // frames 1-5: latched
-                       "up 1, 2\n"                  // frame 6
-                       "move 3 14030 10000 in 3\n"  // frames 7-9: one finger, silent
-                       "hold 100\n"                 // frames 10-109
-                       "up 3\n"),                   // frame 110
+    h.Play(kThreeDown + "hold 5\n"      // frames 1-5: latched
+               "up 1, 2\n"                  // frame 6
+               "move 3 14030 10000 in 3\n"  // frames 7-9: one finger, silent
+               "hold 100\n",                // frames 10-109
            [&](size_t frame) {
                lastGesture.push_back(h.tracker.LastGesture());
-               emptied.push_back(AllPathsEmpty(h.tracker.Tracked()));
-               if (frame == 109) eventsBeforeLift = h.sink.Count();
+               if (frame >= 1 && frame <= 5) {
+                   EXPECT_TRUE(AllPathsEmpty(h.tracker.Tracked())) << "frame " << frame;
+               }
            });
     for (size_t frame = 1; frame <= 109; ++frame) {
         EXPECT_EQ(lastGesture[frame], TFS_THREE_FINGERS_TAP) << "frame " << frame;
     }
-    for (size_t frame = 1; frame <= 5; ++frame) EXPECT_TRUE(emptied[frame]) << "frame " << frame;
-    EXPECT_EQ(eventsBeforeLift, 0u);
+    EXPECT_TRUE(h.TakeEvents().empty());
+    // The silenced one-finger frames only logged "one".
+    const std::vector<std::string> system = h.TakeLines(TLogChannel::System);
+    EXPECT_GE(std::count(system.begin(), system.end(), "one"), 100);
 
+    h.Play("up 3\n");
     const TScreenPoint p = h.Scaled(14030, 10000);
     EXPECT_EQ(h.TakeEvents(),
               (Events{TInputEvent::Mouse(TInputEventType::LeftMouseUp, p.x, p.y, EVENT_FLAG_NONE),
                       h.Left(TInputEventType::MouseMoved, 14030, 10000, 1),
                       h.Left(TInputEventType::LeftMouseDown, 14030, 10000, 1),
                       h.Left(TInputEventType::LeftMouseUp, 14030, 10000, 1)}));
-    // The silenced one-finger frames only logged "one".
-    const std::vector<std::string> system = h.TakeLines(TLogChannel::System);
-    EXPECT_GE(std::count(system.begin(), system.end(), "one"), 100);
+    EXPECT_EQ(h.container.lastClickX, 14030.0f);
+    h.Play("hold 1\n");  // the empty frame ends the hand and the latch
+    EXPECT_EQ(h.container.localGesture, TFS_NONE);
 }
 
-// Verify that a short latched touch (49 ticks or less from its start) ends in the zoom toggle
-// through toSingleClick instead of a click.
-TEST(ThreeFingers, ShortLatchedTouchEndsInZoomToggle) {
-    CGestureHarness h;
-    h.Play(
-        "down 1 10000 10000, 2 12000 10000, 3 14000 10000\n"
-        "hold 3\n"
-        "up 1, 2\n"
-        "hold 3\n"
-        "up 3\n");
-    EXPECT_EQ(h.TakeEvents(), CGestureHarness::Shortcut("0", EVENT_FLAG_COMMAND));
-}
-
-// Verify that three fingers that moved 100 units or more do not latch, and that three
-// contacts post nothing.
-TEST(ThreeFingers, MovingHandDoesNotLatch) {
-    CGestureHarness h;
-    h.Play(
-        "down 1 10000 10000, 2 12000 10000, 3 14000 10000\n"
-        "move 1 10000 9900, 2 12000 9900, 3 14000 9900 in 1\n"
-        "move 1 10000 8000, 2 12000 8000, 3 14000 8000 in 5\n");
-    EXPECT_NE(h.tracker.LastGesture(), TFS_THREE_FINGERS_TAP);
-    EXPECT_TRUE(h.TakeEvents().empty());
-}
-
-// Verify the still-hand limit on its own: each of the first three contacts below 100.0 units.
-TEST(ThreeFingers, TapClassifierLimit) {
-    CTouchPointInfo a(1, 1000, 1000, 0, 0, 0), b(2, 3000, 1000, 0, 0, 0), c(3, 5000, 1000, 0, 0, 0);
-    a.Update(1000, 1099.9f, 1);
-    EXPECT_EQ(CTouchPointDeal::ThreeFingersTap({&a, &b, &c}), TFS_THREE_FINGERS_TAP);
-    c.Update(5000, 1100, 1);
-    EXPECT_EQ(CTouchPointDeal::ThreeFingersTap({&a, &b, &c}), TFS_NONE);
-    EXPECT_EQ(CTouchPointDeal::ThreeFingersTap({&a, &b}), TFS_NONE);
+// Verify the still-hand limit: a hand whose fingers each moved less than 100 units latches (and
+// stays silent while it then moves on), one that moved 100 does not; neither posts anything.
+TEST(ThreeFingers, StillHandLimitIs100Units) {
+    for (const int moved : {99, 100}) {
+        CGestureHarness h;
+        const std::string y = std::to_string(10000 - moved);
+        h.Play(kThreeDown + "move 1 10000 " + y + ", 2 12000 " + y + ", 3 14000 " + y + " in 1\n"
+               "move 1 10000 8000, 2 12000 8000, 3 14000 8000 in 5\n");
+        EXPECT_EQ(h.tracker.LastGesture() == TFS_THREE_FINGERS_TAP, moved < 100) << moved;
+        EXPECT_TRUE(h.TakeEvents().empty()) << moved;
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
 // Four-finger sweeps
-
-struct SweepCase {
-    const char* name;
-    int dx;
-    int dy;
-    TELO_FINGER_STATUS outcome;
-    const char* key;  // the crossed Control-arrow
-};
-
-class FourFingerSweep : public testing::TestWithParam<SweepCase> {};
 
 std::string MoveAll(int count, int dx, int dy, int frames) {
     const int start[5][2] = {
@@ -126,93 +94,61 @@ std::string MoveAll(int count, int dx, int dy, int frames) {
     return line + " in " + std::to_string(frames) + "\n";
 }
 
+struct SweepCase {
+    const char* name;
+    int dx;
+    int dy;
+    const char* key;  // the crossed Control-arrow
+};
+
+class FourFingerSweep : public testing::TestWithParam<SweepCase> {};
+
 // Verify that four fingers sweeping together post their crossed Control-arrow once per touch;
 // the frames after return TFS_ONE_FINGER_UP, a further sweep with the same fingers down posts
-// nothing, and the lift posts nothing.
+// nothing, and the lift posts nothing. The next touch sweeps again: the last lift left
+// one-finger mode, so it presses on its first frame, and its first four-finger frame releases
+// the button (at the first contact's latest position) before any sweep is judged.
 TEST_P(FourFingerSweep, PostsControlArrowOncePerTouch) {
     const SweepCase& c = GetParam();
     CGestureHarness h;
     std::vector<TELO_FINGER_STATUS> lastGesture;
-    h.Play(kFourDown + MoveAll(4, c.dx, c.dy, 10) + "hold 3\n" + MoveAll(4, -c.dx, -c.dy, 10) +
-               "up 1, 2, 3, 4\nhold 1\n",
-           [&](size_t) { lastGesture.push_back(h.tracker.LastGesture()); });
+    const std::string touch = kFourDown + MoveAll(4, c.dx, c.dy, 10) + "hold 3\n" +
+                              MoveAll(4, -c.dx, -c.dy, 10) + "up 1, 2, 3, 4\nhold 1\n";
+    h.Play(touch, [&](size_t) { lastGesture.push_back(h.tracker.LastGesture()); });
     EXPECT_EQ(h.TakeEvents(), Ctrl(c.key));
-    // Moves of 100 per frame: three fingers beyond 300 at frame 4, where the sweep fires on
-    // the third finger's update and the fourth finger's update already finds the latch.
-    EXPECT_EQ(h.container.holdStatus, false);  // released by the lift
-    // Frames 4 to 23 (the sweep, the hold, the sweep back); the lift frame ends the latch.
+    // Moves of 100 per frame: three fingers beyond 300 at frame 4, where the sweep fires on the
+    // third finger's update and the fourth finger's update already finds the latch. Frames 4 to
+    // 23 (the sweep, the hold, the sweep back) stay latched; the lift frame ends the latch.
     for (size_t frame = 4; frame <= 23; ++frame) {
         EXPECT_EQ(lastGesture[frame], TFS_ONE_FINGER_UP) << "frame " << frame;
     }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Directions, FourFingerSweep,
-    testing::Values(SweepCase{"Left", -1000, 0, TFS_FOUR_FINGERS_LEFT, "RIGHT"},
-                    SweepCase{"Right", 1000, 0, TFS_FOUR_FINGERS_RIGHT, "LEFT"},
-                    SweepCase{"Up", 0, -1000, TFS_FOUR_FINGERS_UP, "UP"},
-                    SweepCase{"Down", 0, 1000, TFS_FOUR_FINGERS_DOWN, "DOWN"}),
-    [](const testing::TestParamInfo<SweepCase>& info) { return info.param.name; });
-
-// Verify the sweep classifier's outcome names and order on prepared contacts.
-TEST_P(FourFingerSweep, ClassifierNamesTheDirection) {
-    const SweepCase& c = GetParam();
-    std::vector<CTouchPointInfo> contacts;
-    for (int i = 0; i < 4; ++i) {
-        contacts.emplace_back(i + 1, 10000.0f + 1000 * i, 10000.0f, 0, 0, 0);
-    }
-    CTouchPointList list;
-    for (CTouchPointInfo& contact : contacts) {
-        contact.Update(contact.GetFirstX() + static_cast<float>(c.dx),
-                       contact.GetFisrtY() + static_cast<float>(c.dy), 1);
-        list.push_back(&contact);
-    }
-    EXPECT_EQ(CTouchPointDeal::FourFingersRoll(list), c.outcome);
-}
-
-// Verify that the latch is per touch: after all fingers lift, the next sweep posts again. The
-// last lift left one-finger mode, so the new touch presses on its first frame, and the first
-// four-finger frame releases the button (at the first contact's latest position) before any
-// sweep is judged.
-TEST(FourFingerSweepLatch, NextTouchSweepsAgainAfterReleasingTheButton) {
-    CGestureHarness h;
-    const std::string sweepLeft = kFourDown + MoveAll(4, -1000, 0, 10) + "up 1, 2, 3, 4\nhold 1\n";
-    h.Play(sweepLeft);
-    EXPECT_EQ(h.TakeEvents(), Ctrl("RIGHT"));
-    h.Play("wait 1s\n" + sweepLeft);
-    EXPECT_EQ(h.TakeEvents(), Concat({{h.Left(TInputEventType::LeftMouseDown, 10000, 10000),
-                                       h.Left(TInputEventType::LeftMouseUp, 9900, 10000)},
-                                      Ctrl("RIGHT")}));
-}
-
-// Verify the release branch on its own: with the left button held, four swept contacts post
-// only the release, empty the paths and enter four-finger mode.
-TEST(FourFingerSweepLatch, HeldButtonIsReleasedFirst) {
-    CGestureHarness h;
-    std::vector<CTouchPointInfo> contacts;
-    for (int i = 0; i < 4; ++i) contacts.emplace_back(i + 1, 20000.0f, 8000.0f + 1000 * i, 0, 0, 0);
-    CTouchPointList list;
-    for (CTouchPointInfo& contact : contacts) {
-        contact.Update(18000.0f, contact.GetY(), 1);
-        list.push_back(&contact);
-    }
-    h.container.buttonState = 1;
-    EXPECT_EQ(h.container.DealPoints(list, true), TFS_ONE_FINGER_UP);
-    EXPECT_EQ(h.TakeEvents(), (Events{h.Left(TInputEventType::LeftMouseUp, 18000, 8000)}));
-    EXPECT_TRUE(AllPathsEmpty(list));
-    EXPECT_EQ(h.container.fingerMode, 4u);
-    EXPECT_EQ(h.container.buttonState, 3u);
     EXPECT_FALSE(h.container.holdStatus);
+
+    h.Play("wait 1s\n" + touch);
+    const float x = 10000.0f + c.dx / 10, y = 10000.0f + c.dy / 10;
+    EXPECT_EQ(h.TakeEvents(), Concat({{h.Left(TInputEventType::LeftMouseDown, 10000, 10000),
+                                       h.Left(TInputEventType::LeftMouseUp, x, y)},
+                                      Ctrl(c.key)}));
 }
 
-// Verify that holdStatus follows isDown: a sweep dealt as a lift does not latch, so the next
-// sweep posts again; a sweep dealt while touching latches until SetHoldStatus(false).
-TEST(FourFingerSweepLatch, HoldStatusFollowsIsDown) {
+INSTANTIATE_TEST_SUITE_P(Directions, FourFingerSweep,
+                         testing::Values(SweepCase{"Left", -1000, 0, "RIGHT"},
+                                         SweepCase{"Right", 1000, 0, "LEFT"},
+                                         SweepCase{"Up", 0, -1000, "UP"},
+                                         SweepCase{"Down", 0, 1000, "DOWN"}),
+                         [](const testing::TestParamInfo<SweepCase>& info) {
+                             return info.param.name;
+                         });
+
+// Verify the handler's latches on four contacts swept 1000 units left: with the left button
+// held, only the release is posted (paths emptied, four-finger mode, no latch); then holdStatus
+// follows isDown, so a sweep dealt as a lift does not latch and the next sweep posts again.
+TEST(FourFingerSweepLatch, ReleaseFirstThenHoldStatusFollowsIsDown) {
     CGestureHarness h;
     std::vector<CTouchPointInfo> contacts;
     for (int i = 0; i < 4; ++i) contacts.emplace_back(i + 1, 20000.0f, 8000.0f + 1000 * i, 0, 0, 0);
-    CTouchPointList list;
-    for (CTouchPointInfo& contact : contacts) list.push_back(&contact);
+    CTouchPointList hand;
+    for (CTouchPointInfo& contact : contacts) hand.push_back(&contact);
     auto sweep = [&] {
         for (CTouchPointInfo& contact : contacts) {
             contact.Update(20000.0f, contact.GetY(), 0);
@@ -220,145 +156,118 @@ TEST(FourFingerSweepLatch, HoldStatusFollowsIsDown) {
         }
     };
     sweep();
-    EXPECT_EQ(h.container.DealPoints(list, false), TFS_FOUR_FINGERS_LEFT);
+    h.container.buttonState = 1;
+    EXPECT_EQ(h.container.DealPoints(hand, true), TFS_ONE_FINGER_UP);
+    EXPECT_EQ(h.TakeEvents(), (Events{h.Left(TInputEventType::LeftMouseUp, 19000, 8000)}));
+    EXPECT_TRUE(AllPathsEmpty(hand));
+    EXPECT_EQ(h.container.fingerMode, 4u);
+    EXPECT_EQ(h.container.buttonState, 3u);
     EXPECT_FALSE(h.container.holdStatus);
     sweep();
-    EXPECT_EQ(h.container.DealPoints(list, true), TFS_FOUR_FINGERS_LEFT);
+    EXPECT_EQ(h.container.DealPoints(hand, false), TFS_FOUR_FINGERS_LEFT);
+    EXPECT_FALSE(h.container.holdStatus);
+    sweep();
+    EXPECT_EQ(h.container.DealPoints(hand, true), TFS_FOUR_FINGERS_LEFT);
     EXPECT_TRUE(h.container.holdStatus);
-    sweep();
-    EXPECT_EQ(h.container.DealPoints(list, true), TFS_ONE_FINGER_UP);
-    h.container.SetHoldStatus(false);
-    sweep();
-    EXPECT_EQ(h.container.DealPoints(list, true), TFS_FOUR_FINGERS_LEFT);
-    EXPECT_EQ(h.TakeEvents(), Concat({Ctrl("RIGHT"), Ctrl("RIGHT"), Ctrl("RIGHT")}));
-    EXPECT_EQ(h.container.gestureSent, 1);
+    EXPECT_EQ(h.TakeEvents(), Concat({Ctrl("RIGHT"), Ctrl("RIGHT")}));
 }
 
-// Verify that a sweep needs three of four fingers beyond 300 units and bearings within 20
-// degrees of each other.
-TEST(FourFingerSweepClassifier, MovementAndSpreadLimits) {
-    auto make = [](const float(*to)[2], CTouchPointInfo* out) {
+// Verify the sweep's limits: three of four fingers beyond 300 units (strictly), and every pair
+// of bearings within 20 degrees.
+TEST(FourFingerSweepLimits, MovementAndSpread) {
+    struct {
+        float to[4][2];
+        TELO_FINGER_STATUS outcome;
+    } const cases[] = {
+        {{{9699, 10000}, {9699, 11000}, {9699, 12000}, {9700, 13000}}, TFS_FOUR_FINGERS_LEFT},
+        {{{9699, 10000}, {9699, 11000}, {9700, 12000}, {9700, 13000}}, TFS_NONE},  // two beyond
+        // One finger at bearing 245 against 270: 25 degrees off.
+        {{{9000, 10000}, {9000, 11000}, {9000, 12000}, {9094, 13423}}, TFS_NONE},
+    };
+    for (const auto& c : cases) {
+        std::vector<CTouchPointInfo> contacts;
         CTouchPointList list;
         for (int i = 0; i < 4; ++i) {
-            out[i] = CTouchPointInfo(i + 1, 10000.0f, 10000.0f + 1000 * i, 0, 0, 0);
-            out[i].Update(to[i][0], to[i][1], 1);
-            list.push_back(&out[i]);
+            contacts.emplace_back(i + 1, 10000.0f, 10000.0f + 1000 * i, 0, 0, 0);
+            contacts.back().Update(c.to[i][0], c.to[i][1], 1);
         }
-        return list;
-    };
-    CTouchPointInfo c[4];
-    // Three at 301, one at 300 (not beyond): still three.
-    const float three[4][2] = {{9699, 10000}, {9699, 11000}, {9699, 12000}, {9700, 13000}};
-    EXPECT_EQ(CTouchPointDeal::FourFingersRoll(make(three, c)), TFS_FOUR_FINGERS_LEFT);
-    // Two beyond 300 only.
-    const float two[4][2] = {{9699, 10000}, {9699, 11000}, {9700, 12000}, {9700, 13000}};
-    EXPECT_EQ(CTouchPointDeal::FourFingersRoll(make(two, c)), TFS_NONE);
-    // One finger 25 degrees off the others (bearing 245 against 270).
-    const float spread[4][2] = {{9000, 10000}, {9000, 11000}, {9000, 12000}, {9094, 13423}};
-    EXPECT_EQ(CTouchPointDeal::FourFingersRoll(make(spread, c)), TFS_NONE);
+        for (CTouchPointInfo& contact : contacts) list.push_back(&contact);
+        EXPECT_EQ(CTouchPointDeal::FourFingersRoll(list), c.outcome) << c.to[3][0];
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
-// Four-finger zoom
+// Scripts judged by their events alone
 
-// Verify that four fingers closing post Fn-F8 and spreading post Fn-F11, once per touch.
-TEST(FourFingerZoom, ClosingAndSpreading) {
-    CGestureHarness closing;
-    closing.Play(std::string(kFourDown) +
-                 "move 1 10700 10700, 2 13300 10700, 3 10700 13300, 4 13300 13300 in 10\n"
-                 "hold 3\n");
-    EXPECT_EQ(closing.TakeEvents(), Fn("F8"));
-    EXPECT_EQ(closing.container.localGesture, TFS_ONE_FINGER_UP);
-
-    CGestureHarness spreading;
-    spreading.Play(std::string(kFourDown) +
-                   "move 1 9300 9300, 2 14700 9300, 3 9300 14700, 4 14700 14700 in 10\n"
-                   "hold 3\n");
-    EXPECT_EQ(spreading.TakeEvents(), Fn("F11"));
-}
-
-// Verify that only two of four fingers moving post nothing, whether they sweep or spread, and
-// that the lift posts nothing either.
-TEST(FourFingerZoom, OnlyTwoOfFourMovingPostsNothing) {
-    CGestureHarness sweep;
-    sweep.Play(std::string(kFourDown) + "move 1 9000 10000, 2 13000 10000 in 10\n" +
-               "hold 3\nup 1, 2, 3, 4\nhold 1\n");
-    EXPECT_TRUE(sweep.TakeEvents().empty());
-
-    CGestureHarness spread;
-    spread.Play(std::string(kFourDown) + "move 1 9000 9000, 4 15000 15000 in 10\n" +
-                "hold 3\nup 1, 2, 3, 4\nhold 1\n");
-    EXPECT_TRUE(spread.TakeEvents().empty());
-}
-
-// Verify that four fingers moving the same way within 46 degrees but too spread for a sweep
-// (40 degrees) post nothing: they are neither a sweep nor a zoom.
-TEST(FourFingerZoom, FanningHandIsNeitherSweepNorZoom) {
-    CGestureHarness h;
-    h.Play(
-        "down 1 20000 10000, 2 24000 10000, 3 20000 14000, 4 24000 14000\n"
-        "move 1 19060 9658, 2 23007 9878, 3 19007 14122, 4 23060 14342 in 10\n");
-    EXPECT_TRUE(h.TakeEvents().empty());
-}
-
-// ---------------------------------------------------------------------------------------------
-// Five contacts
-
-struct FiveCase {
+struct ScriptCase {
     const char* name;
     std::string script;
-    Events (*expected)();
+    Events expected;
 };
 
-class FiveContacts : public testing::TestWithParam<FiveCase> {};
+class MultiFingerScript : public testing::TestWithParam<ScriptCase> {};
 
-// Verify that five contacts are handled as four: the first four sweep; for the zoom four of
-// the five must move, all ten bearing pairs count, and the areas come from the first four.
-TEST_P(FiveContacts, HandledAsFour) {
+// Verify four-finger zooms, five contacts and a short three-finger touch by the exact events
+// their scripts post. Five contacts are handled as four: the first four sweep; for the zoom four
+// of the five must move, all ten bearing pairs count, and the areas come from the first four.
+TEST_P(MultiFingerScript, PostsExactEvents) {
     CGestureHarness h;
     h.Play(GetParam().script);
-    EXPECT_EQ(h.TakeEvents(), GetParam().expected());
+    EXPECT_EQ(h.TakeEvents(), GetParam().expected);
 }
 
+const std::string kClose3 = "move 1 10700 10700, 2 13300 10700, 3 10700 13300";
 const std::string kFiveDown =
     "down 1 10000 10000, 2 14000 10000, 3 10000 14000, 4 14000 14000, 5 12000 12000\n";
-const std::string kFanDown =
-    "down 1 20000 10000, 2 24000 10000, 3 20000 14000, 4 24000 14000, 5 22000 12000\n";
-const std::string kFan = "1 19060 9658, 2 23007 9878, 3 19007 14122, 4 23060 14342";
+const std::string kFanDown4 = "down 1 20000 10000, 2 24000 10000, 3 20000 14000, 4 24000 14000";
+const std::string kFan = "move 1 19060 9658, 2 23007 9878, 3 19007 14122, 4 23060 14342";
+const std::string kLift = "hold 3\nup 1, 2, 3, 4\nhold 1\n";
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, FiveContacts,
+    Cases, MultiFingerScript,
     testing::Values(
-        FiveCase{"AllFiveSweepLeft", kFiveDown + MoveAll(5, -1000, 0, 10) + "hold 3\n",
-                 [] { return Ctrl("RIGHT"); }},
+        // A short latched three-finger touch (49 ticks or less) ends, by toSingleClick, in the
+        // zoom toggle instead of a click.
+        ScriptCase{"ShortLatchedThreeFingerTouch",
+                   kThreeDown + "hold 3\nup 1, 2\nhold 3\nup 3\n",
+                   CGestureHarness::Shortcut("0", EVENT_FLAG_COMMAND)},
+        ScriptCase{"Closing", kFourDown + kClose3 + ", 4 13300 13300 in 10\nhold 3\n",
+                   Fn("F8")},
+        ScriptCase{"Spreading",
+                   kFourDown + "move 1 9300 9300, 2 14700 9300, 3 9300 14700, 4 14700 14700 in 10\n"
+                               "hold 3\n",
+                   Fn("F11")},
+        // Only two of four moving, whether they sweep or spread: nothing, the lift neither.
+        ScriptCase{"TwoOfFourSweep", kFourDown + "move 1 9000 10000, 2 13000 10000 in 10\n" + kLift,
+                   {}},
+        ScriptCase{"TwoOfFourSpread", kFourDown + "move 1 9000 9000, 4 15000 15000 in 10\n" + kLift,
+                   {}},
+        // Within 46 degrees of each other but too spread for a sweep (40 degrees): neither.
+        ScriptCase{"FanningHand", kFanDown4 + "\n" + kFan + " in 10\n",
+                   {}},
+        ScriptCase{"ThreeOfFourClosing", kFourDown + kClose3 + " in 10\nhold 3\n",
+                   Fn("F8")},
+        ScriptCase{"AllFiveSweepLeft", kFiveDown + MoveAll(5, -1000, 0, 10) + "hold 3\n",
+                   Ctrl("RIGHT")},
         // The fifth goes the other way: the sweep looks at the first four only.
-        FiveCase{"FirstFourSweepLeftFifthRight",
-                 kFiveDown + "move 1 9000 10000, 2 13000 10000, 3 9000 14000, 4 13000 14000, "
-                             "5 13000 12000 in 10\n",
-                 [] { return Ctrl("RIGHT"); }},
+        ScriptCase{"FirstFourSweepLeftFifthRight",
+                   kFiveDown + "move 1 9000 10000, 2 13000 10000, 3 9000 14000, 4 13000 14000, "
+                               "5 13000 12000 in 10\n",
+                   Ctrl("RIGHT")},
         // The fanning four alone are nothing; a fifth heading right makes a pair 46 degrees or
-        // more apart, and the first four's box grew: Fn-F11.
-        FiveCase{"FifthMakesTheFanAZoom", kFanDown + "move " + kFan + ", 5 23000 12000 in 10\n",
-                 [] { return Fn("F11"); }},
-        // First four closing, the fifth still: four of five moved.
-        FiveCase{
-            "FourOfFiveClosing",
-            kFiveDown + "move 1 10700 10700, 2 13300 10700, 3 10700 13300, 4 13300 13300 in 10\n",
-            [] { return Fn("F8"); }},
-        // Three of five closing: not enough (three of four would be, see below).
-        FiveCase{"ThreeOfFiveClosing",
-                 kFiveDown + "move 1 10700 10700, 2 13300 10700, 3 10700 13300 in 10\nhold 3\n",
-                 [] { return Events{}; }},
-        FiveCase{"ThreeOfFourClosing",
-                 std::string(kFourDown) +
-                     "move 1 10700 10700, 2 13300 10700, 3 10700 13300 in 10\nhold 3\n",
-                 [] { return Fn("F8"); }},
+        // more apart, and the first four's box grew.
+        ScriptCase{"FifthMakesTheFanAZoom",
+                   kFanDown4 + ", 5 22000 12000\n" + kFan + ", 5 23000 12000 in 10\n",
+                   Fn("F11")},
+        // Four of five closing is enough, three of five not (three of four would be).
+        ScriptCase{"FourOfFiveClosing", kFiveDown + kClose3 + ", 4 13300 13300 in 10\n",
+                   Fn("F8")},
+        ScriptCase{"ThreeOfFiveClosing", kFiveDown + kClose3 + " in 10\nhold 3\n", {}},
         // First four closing while the fifth runs far out: the box of the first four shrank.
-        FiveCase{"AreaFromFirstFour",
-                 kFiveDown + "move 1 10700 10700, 2 13300 10700, 3 10700 13300, 4 13300 13300, "
-                             "5 20000 12000 in 10\n",
-                 [] { return Fn("F8"); }}),
-    [](const testing::TestParamInfo<FiveCase>& info) { return info.param.name; });
+        ScriptCase{"AreaFromFirstFour",
+                   kFiveDown + kClose3 + ", 4 13300 13300, 5 20000 12000 in 10\n",
+                   Fn("F8")}),
+    [](const testing::TestParamInfo<ScriptCase>& info) { return info.param.name; });
 
 // ---------------------------------------------------------------------------------------------
 // Finger-count transitions after four fingers
@@ -370,7 +279,7 @@ TEST(FourFingerTransitions, TwoFingerFrameAfterFourOnlyClears) {
     CGestureHarness h;
     // Fingers 3 and 4 end the sweep at (9000, 14000) and (13000, 14000), then go on left by 55
     // units a frame after fingers 1 and 2 lift (frame 11).
-    std::string script = std::string(kFourDown) + MoveAll(4, -1000, 0, 10) + "up 1, 2\n";
+    std::string script = kFourDown + MoveAll(4, -1000, 0, 10) + "up 1, 2\n";
     for (int k = 1; k <= 12; ++k) {
         script += "raw 3 1 " + std::to_string(9000 - 55 * k) + " 14000, 4 1 " +
                   std::to_string(13000 - 55 * k) + " 14000\n";
