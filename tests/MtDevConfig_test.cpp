@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -11,29 +12,29 @@
 #include <string>
 #include <vector>
 
-using cfgtest::Append16;
-using cfgtest::Append32;
 using cfgtest::CodeKey;
 using cfgtest::ConfigBlockBuilder;
-using cfgtest::EmptyKey;
 using cfgtest::PanelHead;
 using cfgtest::PanelRecordBuilder;
-using cfgtest::TextBytes;
 using cfgtest::TextKey;
+using cfgtest::Units;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Check = std::function<void(const _HARDWARE_DEV_CONFIG&)>;
+using Fill = std::function<void(_HARDWARE_DEV_CONFIG&)>;
 
 // Fields of the byte-packed records are compared through a copy (`+field`): a gtest assertion
 // would otherwise bind a reference to a misaligned member.
 
 struct Config {
-    Config() : c(std::make_unique<_HARDWARE_DEV_CONFIG>()) {
-        std::memset(static_cast<void*>(c.get()), 0, sizeof(*c));
+    explicit Config(int fill = 0) : c(std::make_unique<_HARDWARE_DEV_CONFIG>()) {
+        std::memset(static_cast<void*>(c.get()), fill, sizeof(*c));
     }
     _HARDWARE_DEV_CONFIG* operator->() { return c.get(); }
     _HARDWARE_DEV_CONFIG* get() { return c.get(); }
+    _HARDWARE_DEV_CONFIG& operator*() { return *c; }
     std::unique_ptr<_HARDWARE_DEV_CONFIG> c;
 };
 
@@ -52,27 +53,19 @@ Bytes Encode(const _HARDWARE_DEV_CONFIG* config, uint8_t fill = 0xEE) {
     return out;
 }
 
-std::wstring KeyText(const _HARDWARE_KEY_CONFIG& key) {
+// Texts of keys and of the record: 32 wide characters, zero-terminated. Read and written through
+// the owning (byte-packed) record, never through a reference to the misaligned array.
+template <class Owner>
+std::wstring TextOf(const Owner& owner) {
     std::wstring s;
-    for (int i = 0; i < DEV_CONFIG_TEXT_CHARS && key.text[i] != 0; ++i) s += key.text[i];
+    for (int i = 0; i < DEV_CONFIG_TEXT_CHARS && owner.text[i] != 0; ++i) s += owner.text[i];
     return s;
 }
 
-std::wstring RecordText(const _HARDWARE_DEV_CONFIG& c) {
-    std::wstring s;
-    for (int i = 0; i < DEV_CONFIG_TEXT_CHARS && c.text[i] != 0; ++i) s += c.text[i];
-    return s;
-}
-
-void SetKeyText(_HARDWARE_KEY_CONFIG& key, const std::wstring& text) {
+template <class Owner>
+void SetText(Owner& owner, const std::wstring& text) {
     for (int i = 0; i < DEV_CONFIG_TEXT_CHARS; ++i) {
-        key.text[i] = i < static_cast<int>(text.size()) ? text[static_cast<size_t>(i)] : 0;
-    }
-}
-
-void SetRecordText(_HARDWARE_DEV_CONFIG& c, const std::wstring& text) {
-    for (int i = 0; i < DEV_CONFIG_TEXT_CHARS; ++i) {
-        c.text[i] = i < static_cast<int>(text.size()) ? text[static_cast<size_t>(i)] : 0;
+        owner.text[i] = i < static_cast<int>(text.size()) ? text[static_cast<size_t>(i)] : 0;
     }
 }
 
@@ -80,81 +73,69 @@ uint16_t At16(const Bytes& b, size_t offset) {
     return static_cast<uint16_t>(b.at(offset) | (b.at(offset + 1) << 8));
 }
 
-uint32_t At32(const Bytes& b, size_t offset) {
-    return At16(b, offset) | (static_cast<uint32_t>(At16(b, offset + 2)) << 16);
+Bytes TextContent(uint32_t v1, uint32_t v2, const Bytes& units) {
+    Bytes b;
+    cfgtest::Append32(b, v1);
+    cfgtest::Append32(b, v2);
+    b.insert(b.end(), units.begin(), units.end());
+    return b;
 }
 
-// A record with every kind of content: areas, extras, the small records, a text, 4 panels of
+// The records agree on everything a block carries.
+void ExpectSame(const _HARDWARE_DEV_CONFIG* a, const _HARDWARE_DEV_CONFIG* b) {
+    const char* diff = DevConfigFirstDifference(a, b);
+    EXPECT_EQ(diff, nullptr) << diff;
+}
+
+template <class Case>
+std::string CaseName(const ::testing::TestParamInfo<Case>& info) {
+    std::string name;
+    for (const char* p = info.param.what; *p; ++p) {
+        name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
+    }
+    return name;
+}
+
+// A record with every kind of content: areas, extras, the small records, a text, panels of
 // keys of every type with shared texts, and a backup.
 void FillRich(_HARDWARE_DEV_CONFIG& c, int areas, int panels, int keysPerPanel) {
     DefaultDevConfig('x', 0, &c);
-    c.flags = 0x12345678;
-    c.option0 = 3;
-    c.option1 = 4;
-    c.option2 = 5;
-    c.option3 = 6;
-    c.value0 = 0xBEEF;
-    c.value1 = 0x1234;
-    c.rec1Byte = 7;
-    c.rec1Value0 = 0x0102;
-    c.rec1Value1 = 0x0304;
-    c.rec4Byte = 9;
-    c.rec2Value = 0x0A0B;
-    c.textValue1 = 0xDEADBEEF;
-    c.textValue2 = 42;
-    SetRecordText(c, L"Front wall \x263A");
+    c.flags = 0x12345678, c.option0 = 3, c.option1 = 4, c.option2 = 5, c.option3 = 6;
+    c.value0 = 0xBEEF, c.value1 = 0x1234, c.rec1Byte = 7, c.rec1Value0 = 0x0102;
+    c.rec1Value1 = 0x0304, c.rec4Byte = 9, c.rec2Value = 0x0A0B;
+    c.textValue1 = 0xDEADBEEF, c.textValue2 = 42;
+    SetText(c, L"Front wall \x263A");
     c.areaCount = static_cast<uint8_t>(areas);
     for (int i = 0; i < areas; ++i) c.areas[i] = cfgtest::SampleArea(static_cast<uint8_t>(i));
     c.extraCount = 3;
-    for (int i = 0; i < 3; ++i) {
-        for (int j = 0; j < DEV_CONFIG_EXTRA_BYTES; ++j) c.extras[i][j] = static_cast<uint8_t>(i * 16 + j);
-    }
+    for (int i = 0; i < 27; ++i) c.extras[i / 9][i % 9] = static_cast<uint8_t>(i);
+    c.backupLength = 5;
+    for (uint8_t i = 0; i < 5; ++i) c.backup[i] = static_cast<uint8_t>(i + 1);
     c.panelCount = static_cast<uint8_t>(panels);
     const wchar_t* names[] = {L"Play", L"Stop", L"Volume up", L"Next", L"Play", L"A"};
     for (int p = 0; p < panels; ++p) {
         _HBRECT_CONFIG_FILE& panel = c.panels[p];
-        panel.id = static_cast<uint8_t>(p + 1);
-        panel.reserved1 = 0x11;
+        panel.id = static_cast<uint8_t>(p + 1), panel.reserved1 = 0x11;
         panel.rows = static_cast<uint8_t>(keysPerPanel >= 4 ? 4 : 1);
         panel.columns = static_cast<uint8_t>(keysPerPanel / panel.rows);
         std::memset(panel.reserved4, 0x44, sizeof(panel.reserved4));
-        panel.width = 400;
-        panel.height = 300;
-        panel.center = {static_cast<int16_t>(1000 * p), 2000};
-        panel.axisH = {-3000, 1};
+        panel.width = 400, panel.height = 300;
+        panel.center = {static_cast<int16_t>(1000 * p), 2000}, panel.axisH = {-3000, 1};
         panel.axisV = {2, 4000};
         for (int k = 0; k < keysPerPanel; ++k) {
             _HARDWARE_KEY_CONFIG& key = panel.keys[k];
             key.rect = {static_cast<uint16_t>(k), static_cast<uint16_t>(p), 50, 40};
-            switch ((k + p) % 4) {
-                case 0:
-                    key.type = KEY_TYPE_CODE;
-                    key.code0 = static_cast<uint8_t>(k);
-                    key.code1 = 0xC1;
-                    key.code2 = 0xC2;
-                    break;
-                case 1:
-                    key.type = KEY_TYPE_TEXT2;
-                    SetKeyText(key, names[(k + p) % 6]);
-                    key.keyValue1 = 100u + static_cast<uint32_t>(k);
-                    key.keyValue2 = 200u + static_cast<uint32_t>(p);
-                    break;
-                case 2:
-                    key.type = KEY_TYPE_TEXT3;
-                    SetKeyText(key, names[(k * 7 + p) % 6]);
-                    key.keyValue1 = 1;
-                    key.keyValue2 = 2;
-                    key.keyValue3 = 3u + static_cast<uint32_t>(k);
-                    break;
-                default:
-                    key.type = 0x10;  // no known type
-                    break;
+            const int kind = (k + p) % 4;  // code, two numbers, three numbers, no known type
+            const uint8_t types[] = {KEY_TYPE_CODE, KEY_TYPE_TEXT2, KEY_TYPE_TEXT3, 0x10};
+            key.type = types[kind];
+            if (kind == 0) key.code0 = static_cast<uint8_t>(k), key.code1 = 0xC1, key.code2 = 0xC2;
+            if (kind == 1 || kind == 2) {
+                SetText(key, names[(kind == 1 ? k + p : k * 7 + p) % 6]);
+                key.keyValue1 = 100u + static_cast<uint32_t>(k), key.keyValue2 = 200u + static_cast<uint32_t>(p);
             }
+            if (kind == 2) key.keyValue3 = 3u + static_cast<uint32_t>(k);
         }
     }
-    c.backupLength = 5;
-    const uint8_t backup[] = {1, 2, 3, 4, 5};
-    std::memcpy(c.backup, backup, sizeof(backup));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -203,56 +184,44 @@ TEST(DevConfigHeader, ChecksAndResults) {
     EXPECT_EQ(DecodeDevConfig(nullptr, 100, nullptr), -1);
 }
 
-// Verify that the header fields land in the record, the record fields are cleared, and what
-// the block does not hold is left as it was.
-TEST(DevConfigHeader, CopiesHeaderAndClearsRecordFields) {
+// Verify the block's fixed layout both ways: the encoder writes the "s" default with its area
+// (every other header field, an extra, each small record and a backup set) as the block built
+// here by hand, and decoding that block gives the record back. Then what a block leaves out:
+// the small records are cleared, the rest is kept, and only the panels read are counted.
+TEST(DevConfigHeader, LayoutBothWaysAndWhatDecodingKeeps) {
     Config config;
-    std::memset(static_cast<void*>(config.get()), 0xAA, sizeof(_HARDWARE_DEV_CONFIG));
-    const auto area0 = cfgtest::SampleArea(1);
-    const auto area1 = cfgtest::SampleArea(2);
-    const Bytes block = ConfigBlockBuilder()
-                            .Set8(3, 0x31)
-                            .Flags(0x00C01805)
-                            .Set16(8, 0xFFFF)  // reserved: not read
-                            .Set8(10, 0x32)
-                            .Set8(11, 0x33)
-                            .Set16(12, 2500)
-                            .Set16(14, 7)
-                            .Set32(16, 0xC0A80001)
-                            .Set16(20, 3333)
-                            .Set16(22, 3000)
-                            .Set8(24, 0x34)
-                            .PanelCount(2)
-                            .Area(area0)
-                            .Area(area1)
-                            .Extra({1, 2, 3, 4, 5, 6, 7, 8, 9})
-                            .Build();
-    ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-    EXPECT_EQ(+config->option0, 0x31);
-    EXPECT_EQ(+config->flags, 0x00C01805u);
-    EXPECT_EQ(+config->option2, 0x32);
-    EXPECT_EQ(+config->option3, 0x33);
-    EXPECT_EQ(+config->value0, 2500);
-    EXPECT_EQ(+config->value1, 7);
-    EXPECT_EQ(+config->netAddress, 0xC0A80001u);
-    EXPECT_EQ(+config->port, 3333);
-    EXPECT_EQ(+config->port2, 3000);
-    EXPECT_EQ(+config->option1, 0x34);
-    EXPECT_EQ(+config->areaCount, 2);
-    EXPECT_EQ(+config->extraCount, 1);
-    EXPECT_EQ(+config->panelCount, 0) << "counts the panels read, not the header's";
-    EXPECT_EQ(std::memcmp(&config->areas[0], &area0, sizeof(area0)), 0);
-    EXPECT_EQ(std::memcmp(&config->areas[1], &area1, sizeof(area1)), 0);
-    EXPECT_EQ(+config->extras[0][8], 9);
-    EXPECT_EQ(+config->rec1Value0, 0);
-    EXPECT_EQ(+config->rec1Value1, 0);
-    EXPECT_EQ(+config->rec1Byte, 0);
-    EXPECT_EQ(+config->rec4Byte, 0);
-    EXPECT_EQ(+config->rec2Value, 0);
-    // Not in the block: kept.
-    EXPECT_EQ(+config->textValue1, 0xAAAAAAAAu);
-    EXPECT_EQ(+config->backupLength, 0xAAAA);
-    EXPECT_EQ(+config->areas[2].netAddress, 0xAAAAAAAAu);
+    DefaultDevConfig('s', 0, config.get());
+    DefaultDevCalConfig('s', 0, config.get());
+    config->option2 = 0x32, config->option3 = 0x33, config->value1 = 7;
+    config->extraCount = 1;
+    for (uint8_t j = 0; j < 9; ++j) config->extras[0][j] = static_cast<uint8_t>(j + 1);
+    config->rec1Byte = 1, config->rec1Value1 = 0x0203, config->rec4Byte = 4, config->textValue2 = 9;
+    SetText(*config, L"Hi");
+    config->backupLength = 2, config->backup[0] = 0xB0, config->backup[1] = 0xB1;
+
+    const Bytes expected =
+        ConfigBlockBuilder()
+            .Set8(3, 1).Flags(DEV_FLAGS_DEFAULT_S).Set8(10, 0x32).Set8(11, 0x33)  // option0, 2, 3
+            .Set16(12, 2500).Set16(14, 7).Set32(16, 0x7F000001)  // value0, value1, net address
+            .Set16(20, 3333).Set16(22, 3000).Set8(24, 255)       // ports, option1
+            .Area(config->areas[0]).Extra({1, 2, 3, 4, 5, 6, 7, 8, 9})
+            .Record(0x01, {1, 0, 0, 3, 2}).Record(0x04, {4}).Record(0x02, {16, 0})
+            .Record(0x03, TextContent(0, 9, Units(u"Hi"))).Record(0x81, {0xB0, 0xB1})
+            .Build();
+    EXPECT_EQ(Encode(config.get()), expected);
+    Config decoded(0xAA);
+    ASSERT_EQ(Decode(expected, decoded.get()), DEV_CONFIG_DECODE_OK);
+    ExpectSame(config.get(), decoded.get());
+
+    Config kept(0xAA);
+    const Bytes bare = ConfigBlockBuilder().Set16(8, 0xFFFF).PanelCount(2).Build();
+    ASSERT_EQ(Decode(bare, kept.get()), DEV_CONFIG_DECODE_OK);
+    EXPECT_EQ(+kept->panelCount, 0) << "counts the panels read, not the header's";
+    EXPECT_EQ(kept->rec1Value0 | kept->rec1Value1 | kept->rec1Byte | kept->rec4Byte | kept->rec2Value,
+              0);
+    EXPECT_EQ(+kept->textValue1, 0xAAAAAAAAu);
+    EXPECT_EQ(+kept->backupLength, 0xAAAA);
+    EXPECT_EQ(+kept->areas[0].netAddress, 0xAAAAAAAAu) << "areas beyond the count are kept";
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -262,7 +231,7 @@ struct RecordCase {
     const char* what;
     uint8_t tag;
     Bytes content;
-    std::function<void(const _HARDWARE_DEV_CONFIG&)> check;
+    Check check;
 };
 
 class DevConfigRecord : public ::testing::TestWithParam<RecordCase> {};
@@ -270,132 +239,81 @@ class DevConfigRecord : public ::testing::TestWithParam<RecordCase> {};
 // Verify that each record kind is applied with its own length and skipped with any other.
 TEST_P(DevConfigRecord, AppliesOrSkips) {
     const RecordCase& c = GetParam();
-    Config config;
-    std::memset(static_cast<void*>(config.get()), 0x5A, sizeof(_HARDWARE_DEV_CONFIG));
-    SetRecordText(*config.get(), L"old");
+    Config config(0x5A);
+    SetText(*config, L"old");
     // A second record after the tested one shows that reading goes on past it.
     const Bytes block = ConfigBlockBuilder().Record(c.tag, c.content).Record(0x04, {0x77}).Build();
     ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-    c.check(*config.get());
+    c.check(*config);
     EXPECT_EQ(+config->rec4Byte, 0x77) << "the record after it is read";
 }
 
-Bytes TextContent(uint32_t v1, uint32_t v2, const Bytes& units) {
-    Bytes b;
-    Append32(b, v1);
-    Append32(b, v2);
-    b.insert(b.end(), units.begin(), units.end());
-    return b;
-}
-
-std::u16string Repeat(char16_t c, size_t n) { return std::u16string(n, c); }
-
+using C = const _HARDWARE_DEV_CONFIG&;
 const RecordCase kRecordCases[] = {
-    {"0x01 length 5", 0x01, {9, 0x34, 0x12, 0x78, 0x56},
-     [](const _HARDWARE_DEV_CONFIG& c) {
+    {"0x01 length 5", 0x01, {9, 0x34, 0x12, 0x78, 0x56}, [](C c) {
          EXPECT_EQ(+c.rec1Byte, 9);
          EXPECT_EQ(+c.rec1Value0, 0x1234);
          EXPECT_EQ(+c.rec1Value1, 0x5678);
      }},
-    {"0x01 length 4", 0x01, {9, 0x34, 0x12, 0x78},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec1Byte, 0); }},
-    {"0x01 length 6", 0x01, {9, 0x34, 0x12, 0x78, 0x56, 0},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec1Value1, 0); }},
-    {"0x02 length 2", 0x02, {0x10, 0x02},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec2Value, 0x0210); }},
-    {"0x02 length 3", 0x02, {0x10, 0x02, 0},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec2Value, 0); }},
-    {"0x02 length 1", 0x02, {0x10},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec2Value, 0); }},
-    {"0x04 length 1", 0x04, {0x66},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec4Byte, 0x77) << "the later one wins"; }},
-    {"0x03 text", 0x03, TextContent(11, 22, cfgtest::Units(u"Hall \u00e9")),
-     [](const _HARDWARE_DEV_CONFIG& c) {
+    {"0x01 length 4", 0x01, {9, 0x34, 0x12, 0x78}, [](C c) { EXPECT_EQ(+c.rec1Byte, 0); }},
+    {"0x01 length 6", 0x01, {9, 0x34, 0x12, 0x78, 0x56, 0}, [](C c) { EXPECT_EQ(+c.rec1Byte, 0); }},
+    {"0x02 length 2", 0x02, {0x10, 0x02}, [](C c) { EXPECT_EQ(+c.rec2Value, 0x0210); }},
+    {"0x02 length 3", 0x02, {0x10, 0x02, 0}, [](C c) { EXPECT_EQ(+c.rec2Value, 0); }},
+    {"0x02 length 1", 0x02, {0x10}, [](C c) { EXPECT_EQ(+c.rec2Value, 0); }},
+    {"0x04 length 1", 0x04, {0x66}, [](C c) { EXPECT_EQ(+c.rec4Byte, 0x77) << "the later one wins"; }},
+    {"0x03 text", 0x03, TextContent(11, 22, Units(u"Hall \u00e9")), [](C c) {
          EXPECT_EQ(+c.textValue1, 11u);
          EXPECT_EQ(+c.textValue2, 22u);
-         EXPECT_EQ(RecordText(c), L"Hall \u00e9");
+         EXPECT_EQ(TextOf(c), L"Hall \u00e9");
      }},
-    {"0x03 length 8", 0x03, TextContent(11, 22, {}),
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.textValue1, 0x5A5A5A5Au); }},
+    {"0x03 length 8", 0x03, TextContent(11, 22, {}), [](C c) { EXPECT_EQ(+c.textValue1, 0x5A5A5A5Au); }},
     {"0x03 length 9", 0x03, TextContent(11, 22, {'A'}),
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.textValue2, 22u);
-         EXPECT_EQ(RecordText(c), L"old");
-     }},
-    {"0x03 empty text keeps the old one", 0x03, TextContent(1, 2, cfgtest::Units(u"")),
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.textValue1, 1u);
-         EXPECT_EQ(RecordText(c), L"old");
-     }},
-    {"0x03 31 units", 0x03, TextContent(1, 2, cfgtest::Units(Repeat(u'x', 31))),
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(RecordText(c), std::wstring(31, L'x')); }},
-    {"0x03 32 units is too long", 0x03, TextContent(1, 2, cfgtest::Units(Repeat(u'x', 32))),
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(RecordText(c), L"old"); }},
-    {"0x03 no zero within the record", 0x03, TextContent(1, 2, {'N', 0, 'o', 0}),
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(RecordText(c), L"No"); }},
-    {"0x03 odd byte after the text", 0x03, TextContent(1, 2, {'N', 0, 'o', 0, 'x'}),
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(RecordText(c), L"No"); }},
-    {"0x81 one byte", 0x81, {0xAB},
-     [](const _HARDWARE_DEV_CONFIG& c) {
+     [](C c) { EXPECT_EQ(+c.textValue2, 22u); EXPECT_EQ(TextOf(c), L"old"); }},
+    {"0x03 empty text keeps the old one", 0x03, TextContent(1, 2, Units(u"")),
+     [](C c) { EXPECT_EQ(+c.textValue1, 1u); EXPECT_EQ(TextOf(c), L"old"); }},
+    {"0x03 31 units", 0x03, TextContent(1, 2, Units(std::u16string(31, u'x'))),
+     [](C c) { EXPECT_EQ(TextOf(c), std::wstring(31, L'x')); }},
+    {"0x03 32 units is too long", 0x03, TextContent(1, 2, Units(std::u16string(32, u'x'))),
+     [](C c) { EXPECT_EQ(TextOf(c), L"old"); }},
+    {"0x03 no zero, odd byte: text runs to the record's last unit", 0x03,
+     TextContent(1, 2, {'N', 0, 'o', 0, 'x'}), [](C c) { EXPECT_EQ(TextOf(c), L"No"); }},
+    {"0x81 one byte", 0x81, {0xAB}, [](C c) {
          EXPECT_EQ(+c.backupLength, 1);
          EXPECT_EQ(+c.backup[0], 0xAB);
          EXPECT_EQ(+c.backup[1], 0x5A);
      }},
     {"0x81 2047 bytes", 0x81, Bytes(2047, 0xCD),
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.backupLength, 2047);
-         EXPECT_EQ(+c.backup[2046], 0xCD);
-     }},
+     [](C c) { EXPECT_EQ(+c.backupLength, 2047); EXPECT_EQ(+c.backup[2046], 0xCD); }},
     {"0x81 2048 bytes", 0x81, Bytes(2048, 0xCD),
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.backupLength, 0x5A5A);
-         EXPECT_EQ(+c.backup[0], 0x5A);
-     }},
-    {"0x81 empty", 0x81, {},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.backupLength, 0x5A5A); }},
-    {"unknown short tag", 0x10, {1, 2, 3},
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.rec1Byte, 0); }},
-    {"unknown long tag", 0x90, Bytes(300, 1),
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panelCount, 0); }},
+     [](C c) { EXPECT_EQ(+c.backupLength, 0x5A5A); EXPECT_EQ(+c.backup[0], 0x5A); }},
+    {"0x81 empty", 0x81, {}, [](C c) { EXPECT_EQ(+c.backupLength, 0x5A5A); }},
+    {"unknown short tag", 0x10, {1, 2, 3}, [](C c) { EXPECT_EQ(+c.rec1Byte, 0); }},
+    {"unknown long tag", 0x90, Bytes(300, 1), [](C c) { EXPECT_EQ(+c.panelCount, 0); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, DevConfigRecord, ::testing::ValuesIn(kRecordCases),
-                         [](const ::testing::TestParamInfo<RecordCase>& info) {
-                             std::string name;
-                             for (const char* p = info.param.what; *p; ++p) {
-                                 name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-                             }
-                             return name;
-                         });
+                         CaseName<RecordCase>);
 
 // Verify that the running count, which undercounts, never lets the reader past the block:
-// records are read up to the block's end and a record cut short ends the reading with success.
+// records are read up to the block's end, a record cut short ends the reading with success, and
+// a header-only count (28) still reads a 31-byte block's record.
 TEST(DevConfigRecords, ReadingEndsAtTheBlockEnd) {
-    const auto area = cfgtest::SampleArea(3);
     // Count starts at 60 (one area) while the records start at 88.
-    Bytes block = ConfigBlockBuilder().Area(area).Record(0x02, {5, 0}).Record(0x04, {6}).Build();
+    Bytes block = ConfigBlockBuilder()
+                      .Area(cfgtest::SampleArea(3))
+                      .Record(0x02, {5, 0})
+                      .Record(0x04, {6})
+                      .Build();
     for (size_t cut = 88; cut <= block.size(); ++cut) {
         Config config;
         ASSERT_EQ(Decode(block, config.get(), static_cast<int>(cut)), DEV_CONFIG_DECODE_OK) << cut;
         EXPECT_EQ(+config->rec2Value, cut >= 92 ? 5 : 0) << cut;
         EXPECT_EQ(+config->rec4Byte, cut >= 95 ? 6 : 0) << cut;
     }
-    // A length that runs past the block: not applied.
     Config config;
     block = ConfigBlockBuilder().RecordWithLength(0x81, 2000, {1, 2, 3}).Build();
     EXPECT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-    EXPECT_EQ(+config->backupLength, 0);
-}
-
-// Verify that a block of only the header (count 28 + 2 >= 28) ends at once, and that a
-// two-byte tail is not read either (28 + 2 >= 30).
-TEST(DevConfigRecords, HeaderOnlyBlocksEndAtOnce) {
-    Config config;
-    config->rec4Byte = 1;
-    EXPECT_EQ(Decode(ConfigBlockBuilder().Build(), config.get()), DEV_CONFIG_DECODE_OK);
-    EXPECT_EQ(+config->rec4Byte, 0);
-    EXPECT_EQ(Decode(ConfigBlockBuilder().Raw({0x04, 0}).Build(), config.get()),
-              DEV_CONFIG_DECODE_OK);
+    EXPECT_EQ(+config->backupLength, 0) << "a length past the block is not applied";
     EXPECT_EQ(Decode(ConfigBlockBuilder().Record(0x04, {3}).Build(), config.get()),
               DEV_CONFIG_DECODE_OK);
     EXPECT_EQ(+config->rec4Byte, 3);
@@ -404,105 +322,80 @@ TEST(DevConfigRecords, HeaderOnlyBlocksEndAtOnce) {
 // ---------------------------------------------------------------------------------------------
 // Panels
 
-// One panel with a key of every type, two of them sharing a text.
-PanelRecordBuilder SamplePanels() {
+// Verify the panel record both ways against a block built by hand: shared text area first (a
+// text stored once, another found inside it at the first even offset), the index, panel heads,
+// key entries of every type with the code bytes swapped, the numbers in their stored order
+// (keyValue3 first), a panel without keys, and bytes 1..3 of an unknown key left unwritten. The
+// type bits are tested in order: 0x03 is a code key, 0x06 a key with two numbers.
+TEST(DevConfigPanels, RecordBothWays) {
     PanelRecordBuilder r;
-    const uint16_t go = r.Text(u"Go");
-    const uint16_t stop = r.Text(u"Stop");
-    r.Panel(PanelHead(7, 2, 2))
-        .Key(CodeKey(0x11, 0x22, 0x33))
-        .Key(TextKey(KEY_TYPE_TEXT2, go, TextBytes(u"Go")))
-        .Key(TextKey(KEY_TYPE_TEXT3, stop, TextBytes(u"Stop")))
-        .Key(TextKey(KEY_TYPE_TEXT2, go, TextBytes(u"Go")))
-        .Numbers({101, 102})        // key 1: keyValue1, keyValue2
-        .Numbers({303, 301, 302})   // key 2: keyValue3, keyValue1, keyValue2
-        .Numbers({401, 402});       // key 3
-    return r;
-}
-
-// Verify that a panel's head, key entries, swapped code bytes, numbers and texts are decoded.
-TEST(DevConfigPanels, DecodesKeysOfEveryType) {
-    Config config;
-    const Bytes block =
-        ConfigBlockBuilder().PanelCount(1).Record(0x80, SamplePanels().Content()).Build();
-    ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-    ASSERT_EQ(+config->panelCount, 1);
-    const _HBRECT_CONFIG_FILE& p = config->panels[0];
-    const auto head = PanelHead(7, 2, 2);
-    EXPECT_EQ(std::memcmp(&p, head.data(), head.size()), 0);
-    EXPECT_EQ(+p.width, 200);
-    EXPECT_EQ(+p.axisV.y, 9000);
-
-    EXPECT_EQ(+p.keys[0].type, KEY_TYPE_CODE);
-    EXPECT_EQ(+p.keys[0].code0, 0x11);
-    EXPECT_EQ(+p.keys[0].code1, 0x22);
-    EXPECT_EQ(+p.keys[0].code2, 0x33);
-    EXPECT_EQ(+p.keys[0].rect.height, 4);
-
-    EXPECT_EQ(KeyText(p.keys[1]), L"Go");
-    EXPECT_EQ(+p.keys[1].keyValue1, 101u);
-    EXPECT_EQ(+p.keys[1].keyValue2, 102u);
-    EXPECT_EQ(+p.keys[1].rect.x, 5);
-
-    EXPECT_EQ(KeyText(p.keys[2]), L"Stop");
-    EXPECT_EQ(+p.keys[2].keyValue1, 301u);
-    EXPECT_EQ(+p.keys[2].keyValue2, 302u);
-    EXPECT_EQ(+p.keys[2].keyValue3, 303u);
-
-    EXPECT_EQ(KeyText(p.keys[3]), L"Go");
-    EXPECT_EQ(+p.keys[3].keyValue1, 401u);
-}
-
-// Verify that panels are taken in index order, each from its own offset.
-TEST(DevConfigPanels, ReadsEveryPanelOfTheHeader) {
-    PanelRecordBuilder r;
-    const uint16_t t = r.Text(u"T");
-    r.Panel(PanelHead(1, 1, 1)).Key(CodeKey(1, 2, 3));
-    r.Panel(PanelHead(2, 1, 2)).Key(EmptyKey(0)).Key(TextKey(KEY_TYPE_TEXT2, t, 4)).Numbers({5, 6});
+    const uint16_t abc = r.Text(u"ABC");
+    r.Text(u"BC");  // stored, though its key points inside "ABC"
+    r.Panel(PanelHead(7, 1, 3))
+        .Key(TextKey(KEY_TYPE_TEXT2, abc, 8))
+        .Key({0x03, 0xA0, 0xA2, 0xA1, {1, 2, 3, 4}})
+        .Key({0x08, 0xEE, 0xEE, 0xEE, {9, 10, 11, 12}})
+        .Numbers({0x11, 0x22});
+    r.Panel(PanelHead(2, 1, 2))
+        .Key(TextKey(KEY_TYPE_TEXT3, 2, 6))
+        .Key(TextKey(0x06, abc, 8))
+        .Numbers({3, 1, 2})
+        .Numbers({4, 5});
     r.Panel(PanelHead(3, 0, 5));
-    Config config;
     const Bytes block = ConfigBlockBuilder().PanelCount(3).Record(0x80, r.Content()).Build();
-    ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-    ASSERT_EQ(+config->panelCount, 3);
-    EXPECT_EQ(+config->panels[0].id, 1);
-    EXPECT_EQ(+config->panels[1].id, 2);
-    EXPECT_EQ(+config->panels[2].id, 3);
-    EXPECT_EQ(+config->panels[2].columns, 5);
-    EXPECT_EQ(KeyText(config->panels[1].keys[1]), L"T");
-    EXPECT_EQ(+config->panels[1].keys[1].keyValue2, 6u);
-    EXPECT_EQ(+config->panels[1].keys[0].rect.width, 11);
+
+    Config config;
+    config->panelCount = 3;
+    const uint8_t ids[][3] = {{7, 1, 3}, {2, 1, 2}, {3, 0, 5}};
+    for (int p = 0; p < 3; ++p) {
+        std::memcpy(&config->panels[p], PanelHead(ids[p][0], ids[p][1], ids[p][2]).data(),
+                    HBRECT_HEAD_BYTES);
+    }
+    _HARDWARE_KEY_CONFIG* k = config->panels[0].keys;
+    k[0].type = KEY_TYPE_TEXT2, k[0].rect = {5, 6, 7, 8}, k[0].keyValue1 = 0x11, k[0].keyValue2 = 0x22;
+    SetText(k[0], L"ABC");
+    k[1].type = 0x03, k[1].rect = {1, 2, 3, 4}, k[1].code0 = 0xA0, k[1].code1 = 0xA1, k[1].code2 = 0xA2;
+    k[2].type = 0x08, k[2].rect = {9, 10, 11, 12};
+    k = config->panels[1].keys;
+    k[0].type = KEY_TYPE_TEXT3, k[0].rect = {5, 6, 7, 8};
+    k[0].keyValue1 = 1, k[0].keyValue2 = 2, k[0].keyValue3 = 3;
+    SetText(k[0], L"BC");
+    k[1].type = 0x06, k[1].rect = {5, 6, 7, 8}, k[1].keyValue1 = 4, k[1].keyValue2 = 5;
+    SetText(k[1], L"ABC");
+
+    EXPECT_EQ(Encode(config.get(), 0xEE), block);
+    Config decoded;
+    ASSERT_EQ(Decode(block, decoded.get()), DEV_CONFIG_DECODE_OK);
+    ExpectSame(config.get(), decoded.get());
 }
 
 struct PanelFault {
     const char* what;
     std::function<Bytes()> block;
     int panelCount;
-    std::function<void(const _HARDWARE_DEV_CONFIG&)> check;
+    Check check;
 };
 
 class DevConfigPanelFaults : public ::testing::TestWithParam<PanelFault> {};
 
 // Verify what a faulty panel record keeps: nothing when the record fails, the panels before a
-// panel that fails its size checks, and a panel without keys when one of its keys fails.
+// panel that fails its size checks, and a panel without keys when one of its keys fails. No
+// offset, size or text length, up to their largest values, is read past the record.
 TEST_P(DevConfigPanelFaults, KeepsWhatPassed) {
     const PanelFault& f = GetParam();
     Config config;
-    const Bytes block = f.block();
-    ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
+    ASSERT_EQ(Decode(f.block(), config.get()), DEV_CONFIG_DECODE_OK);
     EXPECT_EQ(+config->panelCount, f.panelCount);
-    if (f.check) f.check(*config.get());
+    if (f.check) f.check(*config);
     EXPECT_EQ(+config->rec4Byte, 0x44) << "the record after it is read";
 }
 
-Bytes WithPanels(uint8_t headerPanels, const Bytes& content) {
-    return ConfigBlockBuilder()
-        .PanelCount(headerPanels)
-        .Record(0x80, content)
-        .Record(0x04, {0x44})
-        .Build();
+Bytes WithPanels(uint8_t headerPanels, Bytes content, size_t padTo = 0) {
+    if (content.size() < padTo) content.resize(padTo, 0);
+    return ConfigBlockBuilder().PanelCount(headerPanels).Record(0x80, content).Record(0x04, {0x44}).Build();
 }
 
-// Two good panels; the mutations below break one thing each.
+// Two good panels; the cases below break one thing each.
 PanelRecordBuilder TwoPanels() {
     PanelRecordBuilder r;
     const uint16_t t = r.Text(u"Key");
@@ -511,39 +404,47 @@ PanelRecordBuilder TwoPanels() {
     return r;
 }
 
+// One panel of one text key whose entry gives `offset` and `bytes` into a text area `area`.
+Bytes OneTextKey(const Bytes& area, uint16_t offset, uint8_t bytes, uint8_t type = KEY_TYPE_TEXT2) {
+    PanelRecordBuilder r;
+    r.TextAreaBytes(area).Panel(PanelHead(1, 1, 1)).Key(TextKey(type, offset, bytes)).Numbers({1, 2, 3});
+    return WithPanels(1, r.Content());
+}
+
+void NoKeys(C c) { EXPECT_EQ(+c.panels[0].rows, 0); }
+void NoPanel0(C c) { EXPECT_EQ(+c.panels[0].id, 0); }
+Check KeyText(const std::wstring& text) {
+    return [text](C c) { EXPECT_EQ(TextOf(c.panels[0].keys[0]), text); };
+}
+
 const PanelFault kPanelFaults[] = {
     {"good", [] { return WithPanels(2, TwoPanels().Content()); }, 2,
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[1].keys[0].keyValue3, 3u); }},
-    {"header has no panels", [] { return WithPanels(0, TwoPanels().Content()); }, 0,
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[0].id, 0); }},
+     [](C c) { EXPECT_EQ(+c.panels[1].keys[0].keyValue3, 3u); }},
+    {"header has no panels", [] { return WithPanels(0, TwoPanels().Content()); }, 0, NoPanel0},
     {"header has fewer panels", [] { return WithPanels(1, TwoPanels().Content()); }, 1, nullptr},
+    {"header has more panels than the index", [] { return WithPanels(4, TwoPanels().Content()); },
+     2, nullptr},
     {"record shorter than A and S", [] { return WithPanels(2, {4, 0, 0}); }, 0, nullptr},
     {"text area past the record",
-     [] { return WithPanels(2, TwoPanels().TextAreaSize(400).Content()); }, 0,
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[0].id, 0); }},
+     [] { return WithPanels(2, TwoPanels().TextAreaSize(400).Content()); }, 0, NoPanel0},
+    {"largest A and S", [] { return WithPanels(4, {0xFF, 0xFF, 0xFF, 0xFF}, 64); }, 0, NoPanel0},
+    {"index cut by the record's end", [] { return WithPanels(1, {4, 0, 0, 0, 0x10, 0}); }, 0, nullptr},
     {"panel shorter than its head",
-     [] { return WithPanels(2, TwoPanels().IndexEntry(0, 16, 23).Content()); }, 0,
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[0].id, 0); }},
+     [] { return WithPanels(2, TwoPanels().IndexEntry(0, 16, 23).Content()); }, 0, NoPanel0},
+    {"largest O and E", [] { return WithPanels(4, {4, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, 64); }, 0,
+     nullptr},
+    {"largest E", [] { return WithPanels(4, {8, 0, 0, 0, 8, 0, 0xFF, 0xFF}, 64); }, 0, nullptr},
+    {"largest O", [] { return WithPanels(4, {8, 0, 0, 0, 0xFF, 0xFF, 24, 0}, 64); }, 0, nullptr},
     {"second panel past the record",
      [] { return WithPanels(2, TwoPanels().IndexEntry(1, 60000, 30).Content()); }, 1,
-     [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[1].id, 0); }},
-    {"second panel's size past the record",
-     [] { return WithPanels(2, TwoPanels().IndexEntry(1, 20, 60000).Content()); }, 1, nullptr},
-    {"header has more panels than the index",
-     [] { return WithPanels(4, TwoPanels().Content()); }, 2, nullptr},
-    {"index cut by the record's end", [] { return WithPanels(1, {4, 0, 0, 0, 0x10, 0}); }, 0,
-     nullptr},
+     [](C c) { EXPECT_EQ(+c.panels[1].id, 0); }},
     {"more than 32 keys: head kept, uncounted",
      [] {
          PanelRecordBuilder r = TwoPanels();
          r.Panel(PanelHead(3, 6, 6)).PanelBytes(Bytes(36 * 12));
          return WithPanels(3, r.Content());
      },
-     2,
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.panels[2].id, 3);
-         EXPECT_EQ(+c.panels[2].rows, 6);
-     }},
+     2, [](C c) { EXPECT_EQ(+c.panels[2].id, 3); EXPECT_EQ(+c.panels[2].rows, 6); }},
     {"entries do not fit: head kept, uncounted",
      [] {
          PanelRecordBuilder r;
@@ -551,7 +452,7 @@ const PanelFault kPanelFaults[] = {
          r.Panel(PanelHead(8, 1, 1)).Key(CodeKey(1, 2, 3));
          return WithPanels(2, r.Content());
      },
-     0, [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[0].id, 9); }},
+     0, [](C c) { EXPECT_EQ(+c.panels[0].id, 9); }},
     {"numbers missing: panel counted without keys",
      [] {
          PanelRecordBuilder r;
@@ -561,162 +462,66 @@ const PanelFault kPanelFaults[] = {
          return WithPanels(2, r.Content());
      },
      2,
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.panels[0].rows, 0);
-         EXPECT_EQ(+c.panels[0].columns, 0);
+     [](C c) {
+         EXPECT_EQ(c.panels[0].rows | c.panels[0].columns, 0);
          EXPECT_EQ(+c.panels[0].keys[0].code0, 4) << "keys before the failing one are read";
          EXPECT_EQ(+c.panels[1].keys[0].code2, 9) << "the next panel is read";
      }},
-    {"text longer than 64 bytes",
-     [] {
-         PanelRecordBuilder r;
-         const uint16_t t = r.Text(u"Key");
-         r.TextAreaBytes(Bytes(70, 'a'));
-         r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT2, t, 66)).Numbers({1, 2});
-         return WithPanels(1, r.Content());
-     },
-     1, [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[0].rows, 0); }},
-    {"text 64 bytes",
-     [] {
-         PanelRecordBuilder r;
-         const uint16_t t = r.Text(std::u16string(31, u'k'));
-         r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT2, t, 64)).Numbers({1, 2});
-         return WithPanels(1, r.Content());
-     },
-     1,
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.panels[0].rows, 1);
-         EXPECT_EQ(KeyText(c.panels[0].keys[0]), std::wstring(31, L'k'));
-     }},
-    {"text past the text area",
-     [] {
-         PanelRecordBuilder r;
-         const uint16_t t = r.Text(u"Key");
-         r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT2, t + 2, 8)).Numbers({1, 2});
-         return WithPanels(1, r.Content());
-     },
-     1, [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(+c.panels[0].rows, 0); }},
+    {"text 66 bytes", [] { return OneTextKey(Units(std::u16string(40, u'k')), 0, 66); }, 1, NoKeys},
+    {"text 64 bytes", [] { return OneTextKey(Units(std::u16string(31, u'k')), 0, 64); }, 1,
+     KeyText(std::wstring(31, L'k'))},
+    {"text past the text area", [] { return OneTextKey(Units(u"Key"), 2, 8); }, 1, NoKeys},
+    {"largest text offset and length", [] { return OneTextKey({'x', 0}, 0xFFFF, 0xFF); }, 1, NoKeys},
     {"entry length without the zero: text runs to the zero",
-     [] {
-         PanelRecordBuilder r;
-         const uint16_t t = r.Text(u"Longer");
-         r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT2, t, 2)).Numbers({1, 2});
-         return WithPanels(1, r.Content());
-     },
-     1, [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(KeyText(c.panels[0].keys[0]), L"Longer"); }},
+     [] { return OneTextKey(Units(u"Longer"), 0, 2); }, 1, KeyText(L"Longer")},
     {"text without a zero: cut at the text area's end",
-     [] {
-         PanelRecordBuilder r;
-         r.TextAreaBytes({'a', 0, 'b', 0, 'c'});
-         r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT2, 0, 4)).Numbers({1, 2});
-         return WithPanels(1, r.Content());
-     },
-     1, [](const _HARDWARE_DEV_CONFIG& c) { EXPECT_EQ(KeyText(c.panels[0].keys[0]), L"ab"); }},
+     [] { return OneTextKey({'a', 0, 'b', 0, 'c'}, 0, 4); }, 1, KeyText(L"ab")},
     {"text of 40 units: cut at 31",
-     [] {
-         PanelRecordBuilder r;
-         const uint16_t t = r.Text(std::u16string(40, u'z'));
-         r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT3, t, 20)).Numbers({1, 2, 3});
-         return WithPanels(1, r.Content());
-     },
-     1,
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(KeyText(c.panels[0].keys[0]), std::wstring(31, L'z'));
-     }},
-    {"key types tested in order",
-     [] {
-         PanelRecordBuilder r;
-         const uint16_t t = r.Text(u"K");
-         r.Panel(PanelHead(1, 1, 3))
-             .Key({KEY_TYPE_CODE | KEY_TYPE_TEXT2, 1, 2, 3, {}})
-             .Key(TextKey(KEY_TYPE_TEXT2 | KEY_TYPE_TEXT3, t, 4))
-             .Key(EmptyKey(0x80))
-             .Numbers({10, 20});
-         return WithPanels(1, r.Content());
-     },
-     1,
-     [](const _HARDWARE_DEV_CONFIG& c) {
-         EXPECT_EQ(+c.panels[0].keys[0].code1, 3);
-         EXPECT_EQ(KeyText(c.panels[0].keys[0]), L"");
-         EXPECT_EQ(+c.panels[0].keys[1].keyValue1, 10u);
-         EXPECT_EQ(+c.panels[0].keys[1].keyValue2, 20u);
-         EXPECT_EQ(+c.panels[0].keys[2].type, 0x80);
-         EXPECT_EQ(+c.panels[0].rows, 1);
-     }},
+     [] { return OneTextKey(Units(std::u16string(40, u'z')), 0, 20, KEY_TYPE_TEXT3); }, 1,
+     KeyText(std::wstring(31, L'z'))},
 };
 
 INSTANTIATE_TEST_SUITE_P(Records, DevConfigPanelFaults, ::testing::ValuesIn(kPanelFaults),
-                         [](const ::testing::TestParamInfo<PanelFault>& info) {
-                             std::string name;
-                             for (const char* p = info.param.what; *p; ++p) {
-                                 name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-                             }
-                             return name;
-                         });
+                         CaseName<PanelFault>);
 
 // Verify that a second 0x80 record starts from the first slot again, is checked against the
-// panels read so far, and never takes the count above 4 or leaves a counted slot with more keys
-// than it holds.
+// panels read so far (the running count restarts at 4 * panels + 4), and never takes the count
+// above 4 or leaves a counted slot with more keys than it holds.
 TEST(DevConfigPanels, RepeatedPanelRecords) {
-    PanelRecordBuilder first;
-    first.Panel(PanelHead(1, 1, 1)).Key(CodeKey(1, 1, 1));
-    first.Panel(PanelHead(2, 1, 1)).Key(CodeKey(2, 2, 2));
-    PanelRecordBuilder second;
-    second.Panel(PanelHead(3, 1, 1)).Key(CodeKey(3, 3, 3));
-    second.Panel(PanelHead(4, 1, 1)).Key(CodeKey(4, 4, 4));
-    {
+    PanelRecordBuilder first, second, bad;
+    first.Panel(PanelHead(1, 1, 1)).Key(CodeKey(1, 1, 1)).Panel(PanelHead(2, 1, 1)).Key(CodeKey(2, 2, 2));
+    second.Panel(PanelHead(3, 1, 1)).Key(CodeKey(3, 3, 3)).Panel(PanelHead(4, 1, 1)).Key(CodeKey(4, 4, 4));
+    bad.Panel(PanelHead(5, 9, 9));
+    const struct {
+        const char* what;
+        std::vector<Bytes> later;
+        int count, id0, id1, keys0;
+    } cases[] = {
+        {"refilled, count capped at 4", {second.Content(), second.Content()}, 4, 3, 4, 1},
+        {"shorter than 4 * 2 + 4", {{8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}, 2, 1, 2, 1},
+        {"failing head over a counted slot", {bad.Content()}, 2, 5, 2, 0},
+    };
+    for (const auto& c : cases) {
+        ConfigBlockBuilder b;
+        b.PanelCount(2).Record(0x80, first.Content());
+        for (const Bytes& later : c.later) b.Record(0x80, later);
         Config config;
-        const Bytes block = ConfigBlockBuilder()
-                                .PanelCount(2)
-                                .Record(0x80, first.Content())
-                                .Record(0x80, second.Content())
-                                .Record(0x80, second.Content())
-                                .Build();
-        ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-        EXPECT_EQ(+config->panelCount, 4);
-        EXPECT_EQ(+config->panels[0].id, 3);
-        EXPECT_EQ(+config->panels[1].id, 4);
-    }
-    {
-        // With two panels read, the next record must be at least 4 * 2 + 4 bytes long.
-        Config config;
-        const Bytes block = ConfigBlockBuilder()
-                                .PanelCount(2)
-                                .Record(0x80, first.Content())
-                                .Record(0x80, {8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0})
-                                .Build();
-        ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-        EXPECT_EQ(+config->panelCount, 2);
-        EXPECT_EQ(+config->panels[0].id, 1);
-    }
-    {
-        // A failing head over a counted slot: the slot keeps counting, without keys.
-        PanelRecordBuilder bad;
-        bad.Panel(PanelHead(5, 9, 9));
-        Config config;
-        const Bytes block = ConfigBlockBuilder()
-                                .PanelCount(2)
-                                .Record(0x80, first.Content())
-                                .Record(0x80, bad.Content())
-                                .Build();
-        ASSERT_EQ(Decode(block, config.get()), DEV_CONFIG_DECODE_OK);
-        EXPECT_EQ(+config->panelCount, 2);
-        EXPECT_EQ(+config->panels[0].id, 5);
-        EXPECT_EQ(config->panels[0].rows * config->panels[0].columns, 0);
+        ASSERT_EQ(Decode(b.Build(), config.get()), DEV_CONFIG_DECODE_OK) << c.what;
+        EXPECT_EQ(+config->panelCount, c.count) << c.what;
+        EXPECT_EQ(+config->panels[0].id, c.id0) << c.what;
+        EXPECT_EQ(+config->panels[1].id, c.id1) << c.what;
+        EXPECT_EQ(config->panels[0].rows * config->panels[0].columns, c.keys0) << c.what;
     }
 }
-
-// ---------------------------------------------------------------------------------------------
-// Hostile blocks
 
 // Verify that no prefix of a rich block, and no random damage to it, makes the decoder read
 // outside the block (ASan watches the exact-size copies) or leave a record that breaks its own
 // limits.
 TEST(DevConfigHostile, TruncatedAndDamagedBlocksStayInBounds) {
     Config rich;
-    FillRich(*rich.get(), 3, 4, 12);
+    FillRich(*rich, 3, 4, 12);
     const Bytes block = Encode(rich.get());
-    auto checkLimits = [](const _HARDWARE_DEV_CONFIG& c) {
+    auto checkLimits = [](C c) {
         EXPECT_LE(+c.areaCount, DEV_CONFIG_MAX_AREAS);
         EXPECT_LE(+c.extraCount, DEV_CONFIG_MAX_EXTRAS);
         EXPECT_LE(+c.panelCount, DEV_CONFIG_MAX_PANELS);
@@ -729,201 +534,66 @@ TEST(DevConfigHostile, TruncatedAndDamagedBlocksStayInBounds) {
         Config config;
         const int r = Decode(block, config.get(), static_cast<int>(n));
         EXPECT_TRUE(r == -1 || r == DEV_CONFIG_DECODE_OK) << n;
-        checkLimits(*config.get());
+        checkLimits(*config);
     }
     std::mt19937 random(20240611);
     for (int round = 0; round < 3000; ++round) {
         Bytes damaged = block;
         const int hits = 1 + static_cast<int>(random() % 8);
-        for (int i = 0; i < hits; ++i) {
-            damaged[random() % damaged.size()] = static_cast<uint8_t>(random());
-        }
+        for (int i = 0; i < hits; ++i) damaged[random() % damaged.size()] = static_cast<uint8_t>(random());
         Config config;
         Decode(damaged, config.get());
-        checkLimits(*config.get());
+        checkLimits(*config);
     }
-}
-
-// Verify that offsets and sizes at their largest values are refused without reading.
-TEST(DevConfigHostile, LargestOffsetsAndSizes) {
-    const Bytes contents[] = {
-        {0xFF, 0xFF, 0xFF, 0xFF},                          // A and S
-        {4, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF},               // O and E
-        {8, 0, 0, 0, 8, 0, 0xFF, 0xFF},                     // E
-        {8, 0, 0, 0, 0xFF, 0xFF, 24, 0},                    // O
-    };
-    for (const auto& content : contents) {
-        Bytes padded = content;
-        padded.resize(64, 0);
-        Config config;
-        EXPECT_EQ(Decode(WithPanels(4, padded), config.get()), DEV_CONFIG_DECODE_OK);
-        EXPECT_EQ(+config->panelCount, 0);
-    }
-    // A text key at the very end of the text area with the largest length.
-    PanelRecordBuilder r;
-    r.TextAreaBytes({'x', 0});
-    r.Panel(PanelHead(1, 1, 1)).Key(TextKey(KEY_TYPE_TEXT2, 0xFFFF, 0xFF)).Numbers({1, 2});
-    Config config;
-    EXPECT_EQ(Decode(WithPanels(1, r.Content()), config.get()), DEV_CONFIG_DECODE_OK);
-    EXPECT_EQ(+config->panels[0].rows, 0);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Encoding
 
-// Verify the block an encoder writes for a plain record, byte by byte against a block built by
-// hand.
-TEST(DevConfigEncode, WritesTheBlockFormat) {
-    Config config;
-    DefaultDevConfig('s', 0, config.get());
-    DefaultDevCalConfig('s', 0, config.get());
-    config->rec1Byte = 1;
-    config->rec1Value1 = 0x0203;
-    config->rec4Byte = 4;
-    config->textValue2 = 9;
-    SetRecordText(*config.get(), L"Hi");
-    config->backupLength = 2;
-    config->backup[0] = 0xB0;
-    config->backup[1] = 0xB1;
-
-    const Bytes expected = ConfigBlockBuilder()
-                               .Set8(3, 1)
-                               .Flags(DEV_FLAGS_DEFAULT_S)
-                               .Set16(12, 2500)
-                               .Set32(16, 0x7F000001)
-                               .Set16(20, 3333)
-                               .Set16(22, 3000)
-                               .Set8(24, 255)
-                               .Area(config->areas[0])
-                               .Record(0x01, {1, 0, 0, 3, 2})
-                               .Record(0x04, {4})
-                               .Record(0x02, {16, 0})
-                               .Record(0x03, TextContent(0, 9, cfgtest::Units(u"Hi")))
-                               .Record(0x81, {0xB0, 0xB1})
-                               .Build();
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), static_cast<int>(expected.size()));
-    EXPECT_EQ(Encode(config.get()), expected);
-}
-
-// Verify the length rule for each part, including a backup above 2047 bytes that is counted but
-// not written.
+// Verify which parts the length counts: a small record as soon as one of its fields is set, an
+// empty record text as its zero unit, key numbers even without a text, a shared text once, and a
+// backup above 2047 bytes that is counted but not written.
 TEST(DevConfigEncode, LengthCountsEachPart) {
     Config config;
     DefaultDevConfig('a', 0, config.get());
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 28);
-    config->areaCount = 2;
-    config->extraCount = 3;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 28 + 120 + 27);
-    config->rec1Value0 = 1;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 175 + 7);
-    config->rec4Byte = 1;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 182 + 3);
-    config->rec2Value = 1;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 185 + 4);
-    config->textValue1 = 1;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 189 + 10 + 2);
-    SetRecordText(*config.get(), L"abc");
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), 189 + 10 + 8);
-    const int base = 207;
-
-    config->panelCount = 1;
-    config->panels[0].rows = 2;
-    config->panels[0].columns = 2;
-    config->panels[0].keys[0].type = KEY_TYPE_CODE;
-    config->panels[0].keys[1].type = KEY_TYPE_TEXT2;
-    SetKeyText(config->panels[0].keys[1], L"xy");
-    config->panels[0].keys[2].type = KEY_TYPE_TEXT3;  // empty text: numbers only
-    config->panels[0].keys[3].type = KEY_TYPE_TEXT3;
-    SetKeyText(config->panels[0].keys[3], L"xy");     // shared: stored once
-    const int panels = 4 + 7 + 24 + 4 * 12 + 8 + 6 + 12 + 12;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), base + panels);
-    EXPECT_EQ(Encode(config.get()).size(), static_cast<size_t>(base + panels));
-
-    config->backupLength = 2047;
-    EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), base + panels + 2050);
+    const struct {
+        const char* what;
+        Fill change;
+        int added;
+    } steps[] = {
+        {"header", [](auto&) {}, 28},
+        {"2 areas, 3 extras", [](auto& c) { c.areaCount = 2, c.extraCount = 3; }, 120 + 27},
+        {"0x01 for rec1Value0", [](auto& c) { c.rec1Value0 = 1; }, 7},
+        {"0x04", [](auto& c) { c.rec4Byte = 1; }, 3},
+        {"0x02", [](auto& c) { c.rec2Value = 1; }, 4},
+        {"0x03 for textValue1", [](auto& c) { c.textValue1 = 1; }, 10 + 2},
+        {"0x03 text", [](auto& c) { SetText(c, L"abc"); }, 6},
+        {"panel", [](auto& c) {
+             c.panelCount = 1, c.panels[0].rows = 2, c.panels[0].columns = 2;
+             _HARDWARE_KEY_CONFIG* k = c.panels[0].keys;
+             k[0].type = KEY_TYPE_CODE;
+             k[1].type = KEY_TYPE_TEXT2;
+             SetText(k[1], L"xy");
+             k[2].type = KEY_TYPE_TEXT3;  // empty text: numbers only
+             k[3].type = KEY_TYPE_TEXT3;
+             SetText(k[3], L"xy");   // shared: stored once
+         }, 4 + 7 + 24 + 4 * 12 + 8 + 6 + 12 + 12},
+        {"backup of 2047", [](auto& c) { c.backupLength = 2047; }, 2050},
+    };
+    int length = 0;
+    for (const auto& s : steps) {
+        s.change(*config);
+        length += s.added;
+        EXPECT_EQ(EncodeDevConfig(config.get(), nullptr), length) << s.what;
+    }
+    length -= 2050;
     config->backupLength = 3000;
-    const int length = EncodeDevConfig(config.get(), nullptr);
-    EXPECT_EQ(length, base + panels + 3003);
     const Bytes out = Encode(config.get(), 0xEE);
-    EXPECT_EQ(At16(out, 0), length);
-    for (size_t i = static_cast<size_t>(base + panels); i < out.size(); ++i) {
+    EXPECT_EQ(out.size(), static_cast<size_t>(length + 3003));
+    EXPECT_EQ(At16(out, 0), out.size());
+    for (size_t i = static_cast<size_t>(length); i < out.size(); ++i) {
         ASSERT_EQ(out[i], 0xEE) << "nothing written for a backup above 2047 bytes, at " << i;
     }
-}
-
-// Verify the panel record: text area first with shared texts once, entries pointing into it,
-// swapped code bytes, numbers in their stored order, and untouched bytes of unknown keys.
-TEST(DevConfigEncode, PanelRecordLayout) {
-    Config config;
-    DefaultDevConfig('a', 0, config.get());
-    config->panelCount = 2;
-    _HBRECT_CONFIG_FILE& p0 = config->panels[0];
-    p0.id = 1;
-    p0.rows = 1;
-    p0.columns = 3;
-    p0.keys[0].type = KEY_TYPE_TEXT2;
-    SetKeyText(p0.keys[0], L"ABC");
-    p0.keys[0].keyValue1 = 0x11;
-    p0.keys[0].keyValue2 = 0x22;
-    p0.keys[1].type = KEY_TYPE_CODE;
-    p0.keys[1].code0 = 0xA0;
-    p0.keys[1].code1 = 0xA1;
-    p0.keys[1].code2 = 0xA2;
-    p0.keys[2].type = 0x08;  // no known type
-    p0.keys[2].rect = {1, 2, 3, 4};
-    _HBRECT_CONFIG_FILE& p1 = config->panels[1];
-    p1.id = 2;
-    p1.rows = 1;
-    p1.columns = 2;
-    p1.keys[0].type = KEY_TYPE_TEXT3;
-    SetKeyText(p1.keys[0], L"BC");  // a different text, found inside "ABC"
-    p1.keys[0].keyValue1 = 1;
-    p1.keys[0].keyValue2 = 2;
-    p1.keys[0].keyValue3 = 3;
-    p1.keys[1].type = KEY_TYPE_TEXT2;
-    SetKeyText(p1.keys[1], L"ABC");  // the same text: not stored again
-
-    const Bytes out = Encode(config.get(), 0xEE);
-    const size_t rec = 28;
-    ASSERT_EQ(out.at(rec), 0x80);
-    EXPECT_EQ(At16(out, rec + 1), out.size() - rec - 3);
-    const size_t c = rec + 3;
-    EXPECT_EQ(At16(out, c), 4 * 2 + 4);                 // A
-    EXPECT_EQ(At16(out, c + 2), 8 + 6);                 // S: "ABC" and "BC" once each
-    const size_t area = c + 12;
-    EXPECT_EQ(Bytes(out.begin() + static_cast<long>(area), out.begin() + static_cast<long>(area + 14)),
-              (Bytes{'A', 0, 'B', 0, 'C', 0, 0, 0, 'B', 0, 'C', 0, 0, 0}));
-    const size_t o0 = At16(out, c + 4), e0 = At16(out, c + 6);
-    const size_t o1 = At16(out, c + 8), e1 = At16(out, c + 10);
-    EXPECT_EQ(o0, 12u + 14u);
-    EXPECT_EQ(e0, 24u + 36u + 8u);
-    EXPECT_EQ(o1, o0 + e0);
-    EXPECT_EQ(e1, 24u + 24u + 12u + 8u);
-
-    const size_t k0 = c + o0 + 24;
-    EXPECT_EQ(out[k0], KEY_TYPE_TEXT2);
-    EXPECT_EQ(out[k0 + 1], 8);               // "ABC" and its zero unit
-    EXPECT_EQ(At16(out, k0 + 2), 0);
-    EXPECT_EQ(out[k0 + 12], KEY_TYPE_CODE);
-    EXPECT_EQ(out[k0 + 13], 0xA0);
-    EXPECT_EQ(out[k0 + 14], 0xA2);            // code2 before code1
-    EXPECT_EQ(out[k0 + 15], 0xA1);
-    EXPECT_EQ(out[k0 + 24], 0x08);
-    EXPECT_EQ(out[k0 + 25], 0xEE);            // bytes 1..3 of an unknown key: not written
-    EXPECT_EQ(out[k0 + 26], 0xEE);
-    EXPECT_EQ(out[k0 + 27], 0xEE);
-    EXPECT_EQ(At16(out, k0 + 34), 4);         // rect.height
-    EXPECT_EQ(At32(out, k0 + 36), 0x11u);
-    EXPECT_EQ(At32(out, k0 + 40), 0x22u);
-
-    const size_t k1 = c + o1 + 24;
-    EXPECT_EQ(out[k1 + 1], 6);
-    EXPECT_EQ(At16(out, k1 + 2), 2) << "first even offset where \"BC\" and its zero occur";
-    EXPECT_EQ(out[k1 + 13], 8);
-    EXPECT_EQ(At16(out, k1 + 14), 0) << "the shared text's offset";
-    EXPECT_EQ(At32(out, k1 + 24), 3u);        // keyValue3, keyValue1, keyValue2
-    EXPECT_EQ(At32(out, k1 + 28), 1u);
-    EXPECT_EQ(At32(out, k1 + 32), 2u);
 }
 
 // Verify that CmpKeyString is true for code keys and for texts an earlier text key has, and
@@ -931,21 +601,19 @@ TEST(DevConfigEncode, PanelRecordLayout) {
 TEST(DevConfigEncode, CmpKeyStringLooksOnlyBackwards) {
     Config config;
     config->panelCount = 2;
-    config->panels[0].rows = 1;
-    config->panels[0].columns = 3;
-    config->panels[1].rows = 1;
-    config->panels[1].columns = 2;
+    config->panels[0].rows = 1, config->panels[0].columns = 3;
+    config->panels[1].rows = 1, config->panels[1].columns = 2;
     _HARDWARE_KEY_CONFIG* k = config->panels[0].keys;
     _HARDWARE_KEY_CONFIG* m = config->panels[1].keys;
-    k[0].type = 0x10;  // not a text key: its text does not count
-    SetKeyText(k[0], L"Same");
-    k[1].type = KEY_TYPE_TEXT3;
-    SetKeyText(k[1], L"Same");
-    k[2].type = KEY_TYPE_CODE;
-    m[0].type = KEY_TYPE_TEXT2;
-    SetKeyText(m[0], L"Same");
-    m[1].type = KEY_TYPE_TEXT2;
-    SetKeyText(m[1], L"Sam");
+    auto set = [](_HARDWARE_KEY_CONFIG& key, uint8_t type, const wchar_t* text) {
+        key.type = type;
+        SetText(key, text);
+    };
+    set(k[0], 0x10, L"Same");  // not a text key: its text does not count
+    set(k[1], KEY_TYPE_TEXT3, L"Same");
+    set(k[2], KEY_TYPE_CODE, L"");
+    set(m[0], KEY_TYPE_TEXT2, L"Same");
+    set(m[1], KEY_TYPE_TEXT2, L"Sam");
 
     EXPECT_FALSE(CmpKeyString(config.get(), &k[1])) << "the same text only comes later";
     EXPECT_TRUE(CmpKeyString(config.get(), &k[2]));
@@ -958,21 +626,19 @@ TEST(DevConfigEncode, CmpKeyStringLooksOnlyBackwards) {
 // Verify GetStringFile's rules: even offsets only, first match, the two stop conditions.
 TEST(DevConfigEncode, GetStringFile) {
     const Bytes area = {'a', 'b', 'c', 'b', 'c', 0, 'x', 'y'};
-    struct Case {
+    const struct {
         Bytes pattern;
         int areaLength;
         int expected;
     } cases[] = {
-        {{'a', 'b'}, 8, 0},
         {{'c', 'b'}, 8, 2},
         {{'b', 'c'}, 8, -1},  // only at odd offsets
-        {{'c', 0}, 8, 4},
         {{'x', 'y'}, 8, 6},
         {{'x', 'y'}, 7, -1},  // offset + pattern length > area length
         {{'x'}, 8, 6},
         {{'x'}, 7, -1},       // offset + 2 > area length
         {{'y'}, 8, -1},
-        {{'a', 'b', 'c', 'b', 'c', 0, 'x', 'y'}, 8, 0},
+        {area, 8, 0},
         {{'a', 'b', 'c', 'b', 'c', 0, 'x', 'y', 0}, 8, -1},
         {{'a', 'b'}, 0, -1},
     };
@@ -988,13 +654,8 @@ TEST(DevConfigEncode, GetStringFile) {
 // reads past the record.
 TEST(DevConfigEncode, CountsBeyondStorageAreLimited) {
     Config config;
-    config->areaCount = 200;
-    config->extraCount = 200;
-    config->panelCount = 9;
-    for (auto& panel : config->panels) {
-        panel.rows = 16;
-        panel.columns = 16;
-    }
+    config->areaCount = 200, config->extraCount = 200, config->panelCount = 9;
+    for (auto& panel : config->panels) panel.rows = 16, panel.columns = 16;
     const Bytes out = Encode(config.get());
     EXPECT_EQ(out[25], 32);
     EXPECT_EQ(out[26], 32);
@@ -1007,7 +668,7 @@ TEST(DevConfigEncode, CountsBeyondStorageAreLimited) {
 
 struct RoundTripCase {
     const char* what;
-    std::function<void(_HARDWARE_DEV_CONFIG&)> fill;
+    Fill fill;
 };
 
 class DevConfigRoundTrip : public ::testing::TestWithParam<RoundTripCase> {};
@@ -1016,72 +677,46 @@ class DevConfigRoundTrip : public ::testing::TestWithParam<RoundTripCase> {};
 // encoding the result again gives the same block (up to unwritten bytes of unknown keys).
 TEST_P(DevConfigRoundTrip, DecodeGivesTheRecordBack) {
     Config original;
-    GetParam().fill(*original.get());
+    GetParam().fill(*original);
     const Bytes block = Encode(original.get(), 0x00);
     Config decoded;
     ASSERT_EQ(Decode(block, decoded.get()), DEV_CONFIG_DECODE_OK);
-    const char* diff = DevConfigFirstDifference(original.get(), decoded.get());
-    EXPECT_EQ(diff, nullptr) << diff;
+    ExpectSame(original.get(), decoded.get());
     EXPECT_EQ(Encode(decoded.get(), 0x00), block);
 }
 
 const RoundTripCase kRoundTrips[] = {
-    {"default", [](_HARDWARE_DEV_CONFIG& c) { DefaultDevConfig(0, 0, &c); }},
-    {"default s with area",
-     [](_HARDWARE_DEV_CONFIG& c) {
-         DefaultDevConfig('s', 0, &c);
-         DefaultDevCalConfig('s', 0, &c);
-     }},
-    {"rich", [](_HARDWARE_DEV_CONFIG& c) { FillRich(c, 5, 2, 6); }},
-    {"full", [](_HARDWARE_DEV_CONFIG& c) { FillRich(c, 32, 4, 32); }},
-    {"numbers without text",
-     [](_HARDWARE_DEV_CONFIG& c) {
-         FillRich(c, 1, 1, 4);
-         SetRecordText(c, L"");
-     }},
+    {"default s with area", [](auto& c) { DefaultDevConfig('s', 0, &c), DefaultDevCalConfig('s', 0, &c); }},
+    {"full", [](auto& c) { FillRich(c, 32, 4, 32); }},
+    {"numbers without text", [](auto& c) { FillRich(c, 1, 1, 4), SetText(c, L""); }},
     {"31 character texts",
-     [](_HARDWARE_DEV_CONFIG& c) {
+     [](auto& c) {
          FillRich(c, 0, 1, 2);
-         SetRecordText(c, std::wstring(31, L'r'));
+         SetText(c, std::wstring(31, L'r'));
          c.panels[0].keys[1].type = KEY_TYPE_TEXT2;
-         SetKeyText(c.panels[0].keys[1], std::wstring(31, L'k'));
+         SetText(c.panels[0].keys[1], std::wstring(31, L'k'));
      }},
     {"empty texts of text keys",
-     [](_HARDWARE_DEV_CONFIG& c) {
+     [](auto& c) {
          FillRich(c, 0, 1, 4);
-         SetKeyText(c.panels[0].keys[1], L"");
+         SetText(c.panels[0].keys[1], L"");
          c.panels[0].keys[3].type = KEY_TYPE_TEXT3;
-         SetKeyText(c.panels[0].keys[3], L"");
+         SetText(c.panels[0].keys[3], L"");
      }},
-    {"panel without keys",
-     [](_HARDWARE_DEV_CONFIG& c) {
-         FillRich(c, 0, 2, 4);
-         c.panels[1].rows = 0;
-     }},
-    {"no backup",
-     [](_HARDWARE_DEV_CONFIG& c) {
-         FillRich(c, 2, 1, 4);
-         c.backupLength = 0;
-     }},
+    {"no backup", [](auto& c) { FillRich(c, 2, 1, 4), c.backupLength = 0; }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Records, DevConfigRoundTrip, ::testing::ValuesIn(kRoundTrips),
-                         [](const ::testing::TestParamInfo<RoundTripCase>& info) {
-                             std::string name;
-                             for (const char* p = info.param.what; *p; ++p) {
-                                 name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-                             }
-                             return name;
-                         });
+                         CaseName<RoundTripCase>);
 
 // Verify that the comparison used by the round trips notices a change in each carried field and
 // ignores what the block does not carry.
 TEST(DevConfigRoundTrip, ComparisonSeesEveryCarriedField) {
     Config base;
-    FillRich(*base.get(), 2, 2, 4);
-    struct Change {
+    FillRich(*base, 2, 2, 4);
+    const struct {
         const char* what;
-        std::function<void(_HARDWARE_DEV_CONFIG&)> change;
+        Fill change;
         bool carried;
     } changes[] = {
         {"text", [](auto& c) { c.text[1] = L'X'; }, true},
@@ -1114,119 +749,78 @@ TEST(DevConfigRoundTrip, ComparisonSeesEveryCarriedField) {
     for (const auto& ch : changes) {
         Config changed;
         std::memcpy(static_cast<void*>(changed.get()), base.get(), sizeof(_HARDWARE_DEV_CONFIG));
-        ch.change(*changed.get());
-        EXPECT_EQ(DevConfigFirstDifference(base.get(), changed.get()) != nullptr, ch.carried)
-            << ch.what;
+        ch.change(*changed);
+        EXPECT_EQ(DevConfigFirstDifference(base.get(), changed.get()) != nullptr, ch.carried) << ch.what;
     }
 }
 
 // ---------------------------------------------------------------------------------------------
 // Defaults, backup, override
 
-// Verify the defaults, with "s" and "S" alike and the second argument unused.
+// Verify the defaults: "s" and "S" alike (their values are pinned by the layout test above),
+// every other type differing from them only in flags and record 0x02, the second argument
+// unused, and nothing left of what the record held.
 TEST(DevConfigDefaults, ProductTypes) {
-    struct Case {
-        uint8_t type;
-        uint32_t flags;
-        uint16_t rec2;
-    } cases[] = {{'s', DEV_FLAGS_DEFAULT_S, 16}, {'S', DEV_FLAGS_DEFAULT_S, 16},
-                 {'a', DEV_FLAGS_DEFAULT, 0},    {0, DEV_FLAGS_DEFAULT, 0},
-                 {'s' + 0x80, DEV_FLAGS_DEFAULT, 0}};
-    for (const auto& c : cases) {
-        Config config;
-        std::memset(static_cast<void*>(config.get()), 0x77, sizeof(_HARDWARE_DEV_CONFIG));
-        DefaultDevConfig(c.type, 0xFFFFFFFF, config.get());
-        EXPECT_EQ(+config->flags, c.flags) << int(c.type);
-        EXPECT_EQ(+config->rec2Value, c.rec2) << int(c.type);
-        EXPECT_EQ(+config->option0, 1);
-        EXPECT_EQ(+config->option1, 255);
-        EXPECT_EQ(+config->option2, 0);
-        EXPECT_EQ(+config->option3, 0);
-        EXPECT_EQ(+config->value0, 2500);
-        EXPECT_EQ(+config->value1, 0);
-        EXPECT_EQ(+config->netAddress, 0x7F000001u);
-        EXPECT_EQ(+config->port, 3333);
-        EXPECT_EQ(+config->port2, 3000);
-        EXPECT_EQ(+config->areaCount, 0);
-        EXPECT_EQ(+config->panelCount, 0);
-        EXPECT_EQ(+config->backupLength, 0);
-        EXPECT_EQ(+config->text[0], 0);
-        EXPECT_EQ(+config->panels[3].keys[31].keyValue3, 0u);
-
-        Config other;
-        DefaultDevConfig(c.type, 0, other.get());
-        EXPECT_EQ(std::memcmp(config.get(), other.get(), sizeof(_HARDWARE_DEV_CONFIG)), 0);
+    Config s;
+    DefaultDevConfig('s', 0, s.get());
+    for (const uint8_t type : {uint8_t{'S'}, uint8_t{'a'}, uint8_t{0}, uint8_t{'s' + 0x80}}) {
+        Config config(0x77);
+        DefaultDevConfig(type, 0xFFFFFFFF, config.get());
+        const bool likeS = type == 'S';
+        EXPECT_EQ(+config->flags, likeS ? DEV_FLAGS_DEFAULT_S : DEV_FLAGS_DEFAULT) << int(type);
+        EXPECT_EQ(+config->rec2Value, likeS ? 16 : 0) << int(type);
+        config->flags = DEV_FLAGS_DEFAULT_S;
+        config->rec2Value = 16;
+        EXPECT_EQ(std::memcmp(config.get(), s.get(), sizeof(_HARDWARE_DEV_CONFIG)), 0) << int(type);
     }
-    Config lower, upper;
-    DefaultDevConfig('s', 0, lower.get());
-    DefaultDevConfig('S', 1, upper.get());
-    EXPECT_EQ(std::memcmp(lower.get(), upper.get(), sizeof(_HARDWARE_DEV_CONFIG)), 0);
+    EXPECT_EQ(s->areaCount | s->panelCount | s->backupLength | s->text[0], 0);
+    EXPECT_EQ(+s->panels[3].keys[31].keyValue3, 0u);
 }
 
-// Verify the default area: copied network target and mode, full-HD rectangles, the centre and
-// half-axes of the whole frame.
+// Verify the default area: copied network target and mode (the low byte of flags), full-HD
+// rectangles, edges of 15, the centre and half-axes of the whole frame.
 TEST(DevConfigDefaults, CalibrationArea) {
     Config config;
     DefaultDevConfig('s', 0, config.get());
-    config->netAddress = 0x0A0B0C0D;
-    config->port = 1;
-    config->port2 = 2;
+    config->netAddress = 0x0A0B0C0D, config->port = 1, config->port2 = 2, config->flags = 0x1234;
     std::memset(&config->areas[0], 0x66, sizeof(_HCRECT_CONFIG_FILE));
     DefaultDevCalConfig('x', 99, config.get());
-    const _HCRECT_CONFIG_FILE& a = config->areas[0];
+    _HCRECT_CONFIG_FILE expected{};
+    expected.netAddress = 0x0A0B0C0D, expected.port = 1, expected.port2 = 2, expected.mode = 0x34;
+    expected.outputRect = expected.targetRect = {0, 0, 1920, 1080};
+    for (int8_t& e : expected.edgeAdjust) e = 15;
+    expected.center = {16384, 16384};
+    expected.axisH = {-16384, 0};
+    expected.axisV = {0, 16384};
     EXPECT_EQ(+config->areaCount, 1);
-    EXPECT_EQ(+a.netAddress, 0x0A0B0C0Du);
-    EXPECT_EQ(+a.port, 1);
-    EXPECT_EQ(+a.port2, 2);
-    EXPECT_EQ(+a.mode, 0x05);
-    EXPECT_EQ(+a.id, 0);
-    EXPECT_EQ(+a.group, 0);
-    EXPECT_EQ(+a.rotation, 0);
-    EXPECT_EQ(+a.outputRect.x, 0);
-    EXPECT_EQ(+a.outputRect.y, 0);
-    EXPECT_EQ(+a.outputRect.width, 1920);
-    EXPECT_EQ(+a.outputRect.height, 1080);
-    EXPECT_EQ(+a.targetRect.x, 0);
-    EXPECT_EQ(+a.targetRect.width, 1920);
-    EXPECT_EQ(+a.targetRect.height, 1080);
-    for (int8_t e : a.edgeAdjust) EXPECT_EQ(e, 15);
-    EXPECT_EQ(+a.center.x, 16384);
-    EXPECT_EQ(+a.center.y, 16384);
-    EXPECT_EQ(+a.axisH.x, -16384);
-    EXPECT_EQ(+a.axisH.y, 0);
-    EXPECT_EQ(+a.axisV.x, 0);
-    EXPECT_EQ(+a.axisV.y, 16384);
+    EXPECT_EQ(std::memcmp(&config->areas[0], &expected, sizeof(expected)), 0);
 }
 
 // Verify that a backup holds the encoded record without an earlier backup, and that recovering
-// it brings the record back.
+// it brings the record back; then the limits of both.
 TEST(DevConfigBackup, BackupAndRecover) {
     Config config;
-    FillRich(*config.get(), 2, 1, 4);
+    FillRich(*config, 2, 1, 4);
     std::memset(config->backup, 0, sizeof(config->backup));  // bytes of unknown keys stay as they are
     config->backupLength = 100;  // an earlier backup is dropped, not nested
     const int length = BackupDevConfig(config.get());
     ASSERT_GT(length, 0);
     EXPECT_EQ(+config->backupLength, length);
-    Config copy;
-    std::memcpy(static_cast<void*>(copy.get()), config.get(), sizeof(_HARDWARE_DEV_CONFIG));
-    copy->backupLength = 0;
-    EXPECT_EQ(Bytes(config->backup, config->backup + length), Encode(copy.get(), 0x00));
-
     Config saved;
     std::memcpy(static_cast<void*>(saved.get()), config.get(), sizeof(_HARDWARE_DEV_CONFIG));
+    saved->backupLength = 0;
+    EXPECT_EQ(Bytes(config->backup, config->backup + length), Encode(saved.get(), 0x00));
+
+    saved->backupLength = static_cast<uint16_t>(length);
     config->flags = 0;
     config->areas[1].rotation = 3;
-    SetKeyText(config->panels[0].keys[1], L"changed");
+    SetText(config->panels[0].keys[1], L"changed");
     config->areaCount = 0;
     EXPECT_EQ(RecoverDevConfig(config.get()), DEV_CONFIG_DECODE_OK);
-    EXPECT_EQ(DevConfigFirstDifference(saved.get(), config.get()), nullptr);
+    ExpectSame(saved.get(), config.get());
     EXPECT_EQ(+config->backupLength, length) << "the backup itself stays";
-}
 
-TEST(DevConfigBackup, Limits) {
-    Config config;
-    FillRich(*config.get(), 32, 1, 4);  // more than 2047 bytes
+    FillRich(*config, 32, 1, 4);  // more than 2047 bytes
     config->backupLength = 10;
     EXPECT_EQ(BackupDevConfig(config.get()), -1);
     EXPECT_EQ(+config->backupLength, 0) << "cleared before the attempt";
@@ -1245,11 +839,8 @@ TEST(DevConfigBackup, Limits) {
 TEST(DevConfigOverride, FromRecordAndEncoded) {
     Config config;
     DefaultDevConfig('s', 0, config.get());
-    config->option1 = 0x81;
-    config->option2 = 0x82;
-    config->option3 = 0x83;
-    config->value0 = 0x1234;
-    config->value1 = 0x5678;
+    config->option1 = 0x81, config->option2 = 0x82, config->option3 = 0x83;
+    config->value0 = 0x1234, config->value1 = 0x5678;
     config->areas[0].edgeAdjust[0] = -3;
     config->areas[0].edgeAdjust[3] = 7;
     _HARDWARE_CONFIG_OVERRIDE o;

@@ -3,11 +3,14 @@
 #include <cstring>
 
 namespace cfgtest {
+namespace {
 
 void Append16(std::vector<uint8_t>& out, uint32_t value) {
     out.push_back(static_cast<uint8_t>(value));
     out.push_back(static_cast<uint8_t>(value >> 8));
 }
+
+}  // namespace
 
 void Append32(std::vector<uint8_t>& out, uint32_t value) {
     Append16(out, value);
@@ -53,8 +56,6 @@ KeyEntry TextKey(uint8_t type, uint16_t textOffset, uint8_t textBytes, _HK_RECT1
             static_cast<uint8_t>(textOffset >> 8), rect};
 }
 
-KeyEntry EmptyKey(uint8_t type, _HK_RECT16 rect) { return {type, 0, 0, 0, rect}; }
-
 uint16_t PanelRecordBuilder::Text(std::u16string_view text) {
     const auto offset = static_cast<uint16_t>(m_textArea.size());
     const auto units = Units(text);
@@ -95,18 +96,8 @@ PanelRecordBuilder& PanelRecordBuilder::PanelBytes(const std::vector<uint8_t>& b
     return *this;
 }
 
-PanelRecordBuilder& PanelRecordBuilder::TextAreaOffset(uint16_t a) {
-    m_a = a;
-    return *this;
-}
-
 PanelRecordBuilder& PanelRecordBuilder::TextAreaSize(uint16_t s) {
     m_s = s;
-    return *this;
-}
-
-PanelRecordBuilder& PanelRecordBuilder::IndexEntries(int count) {
-    m_indexEntries = count;
     return *this;
 }
 
@@ -116,19 +107,17 @@ PanelRecordBuilder& PanelRecordBuilder::IndexEntry(int panel, uint16_t offset, u
 }
 
 std::vector<uint8_t> PanelRecordBuilder::Content() const {
-    const int entries = m_indexEntries.value_or(static_cast<int>(m_panels.size()));
-    const size_t a = 4 + 4 * static_cast<size_t>(entries);  // where the text area really is
+    const size_t a = 4 + 4 * m_panels.size();  // where the text area is
     std::vector<std::pair<uint16_t, uint16_t>> index;
     size_t offset = a + m_textArea.size();
     for (const auto& p : m_panels) {
         index.push_back({static_cast<uint16_t>(offset), static_cast<uint16_t>(p.size())});
         offset += p.size();
     }
-    index.resize(static_cast<size_t>(entries), {0, 0});
     for (const auto& [panel, entry] : m_indexOverrides) index.at(static_cast<size_t>(panel)) = entry;
 
     std::vector<uint8_t> out;
-    Append16(out, m_a.value_or(static_cast<uint16_t>(a)));
+    Append16(out, static_cast<uint16_t>(a));
     Append16(out, m_s.value_or(static_cast<uint16_t>(m_textArea.size())));
     for (const auto& [o, e] : index) {
         Append16(out, o);
@@ -156,11 +145,6 @@ ConfigBlockBuilder& ConfigBlockBuilder::Set16(size_t offset, uint16_t value) {
 ConfigBlockBuilder& ConfigBlockBuilder::Set32(size_t offset, uint32_t value) {
     Set16(offset, static_cast<uint16_t>(value));
     return Set16(offset + 2, static_cast<uint16_t>(value >> 16));
-}
-
-ConfigBlockBuilder& ConfigBlockBuilder::TotalLength(uint16_t length) {
-    m_total = length;
-    return *this;
 }
 
 ConfigBlockBuilder& ConfigBlockBuilder::AreaCount(uint8_t n) {
@@ -215,7 +199,7 @@ std::vector<uint8_t> ConfigBlockBuilder::Build() const {
     out.insert(out.end(), m_areas.begin(), m_areas.end());
     out.insert(out.end(), m_extras.begin(), m_extras.end());
     out.insert(out.end(), m_tail.begin(), m_tail.end());
-    const auto total = m_total.value_or(static_cast<uint16_t>(out.size()));
+    const auto total = static_cast<uint16_t>(out.size());
     out[0] = static_cast<uint8_t>(total);
     out[1] = static_cast<uint8_t>(total >> 8);
     return out;

@@ -6,7 +6,7 @@
 //   const uint16_t ok = panels.Text(u"OK");              // into the shared text area
 //   panels.Panel(cfgtest::PanelHead(/*id*/ 1, /*rows*/ 1, /*columns*/ 2))
 //         .Key(cfgtest::CodeKey(0x10, 0x20, 0x30))
-//         .Key(cfgtest::TextKey(KEY_TYPE_TEXT2, ok, cfgtest::TextBytes(u"OK")))
+//         .Key(cfgtest::TextKey(KEY_TYPE_TEXT2, ok, /*text bytes*/ 6))
 //         .Numbers({7, 8});                              // keyValue1, keyValue2 of the text key
 //   std::vector<uint8_t> block = cfgtest::ConfigBlockBuilder()
 //         .Area(someArea)
@@ -16,7 +16,7 @@
 //         .Build();                                      // bytes 0..1 = the block's size
 //
 // Counts (header bytes 25..27) follow the areas and extras added unless set explicitly; the
-// total length follows the block's size unless TotalLength() is called.
+// total length (bytes 0..1) is the block's size.
 #pragma once
 
 #include "MtDevConfig.h"
@@ -31,12 +31,8 @@
 
 namespace cfgtest {
 
-void Append16(std::vector<uint8_t>& out, uint32_t value);  // little-endian, low 16 bits
-void Append32(std::vector<uint8_t>& out, uint32_t value);
-std::vector<uint8_t> Units(std::u16string_view text);  // code units and a zero unit
-inline uint8_t TextBytes(std::u16string_view text) {   // a key entry's text length
-    return static_cast<uint8_t>(2 * (text.size() + 1));
-}
+void Append32(std::vector<uint8_t>& out, uint32_t value);  // little-endian
+std::vector<uint8_t> Units(std::u16string_view text);      // code units and a zero unit
 
 using PanelHeadBytes = std::array<uint8_t, HBRECT_HEAD_BYTES>;
 
@@ -55,7 +51,6 @@ struct KeyEntry {
 KeyEntry CodeKey(uint8_t code0, uint8_t code1, uint8_t code2, _HK_RECT16 rect = {1, 2, 3, 4});
 KeyEntry TextKey(uint8_t type, uint16_t textOffset, uint8_t textBytes,
                  _HK_RECT16 rect = {5, 6, 7, 8});
-KeyEntry EmptyKey(uint8_t type, _HK_RECT16 rect = {9, 10, 11, 12});
 
 // The content of a 0x80 record (what follows its length field): text area offset A, text area
 // size S, the panel index, the text area, then the panels in the order they were started.
@@ -72,10 +67,8 @@ public:
     PanelRecordBuilder& Numbers(std::initializer_list<uint32_t> values);
     PanelRecordBuilder& PanelBytes(const std::vector<uint8_t>& bytes);
 
-    // Overrides for hostile records. Index entries default to one per panel started.
-    PanelRecordBuilder& TextAreaOffset(uint16_t a);
+    // Overrides for hostile records; the index has one entry per panel started.
     PanelRecordBuilder& TextAreaSize(uint16_t s);
-    PanelRecordBuilder& IndexEntries(int count);
     PanelRecordBuilder& IndexEntry(int panel, uint16_t offset, uint16_t size);
 
     std::vector<uint8_t> Content() const;
@@ -83,8 +76,7 @@ public:
 private:
     std::vector<uint8_t> m_textArea;
     std::vector<std::vector<uint8_t>> m_panels;
-    std::optional<uint16_t> m_a, m_s;
-    std::optional<int> m_indexEntries;
+    std::optional<uint16_t> m_s;
     std::vector<std::pair<int, std::pair<uint16_t, uint16_t>>> m_indexOverrides;
 };
 
@@ -97,7 +89,6 @@ public:
     ConfigBlockBuilder& Set16(size_t offset, uint16_t value);
     ConfigBlockBuilder& Set32(size_t offset, uint32_t value);
     ConfigBlockBuilder& Flags(uint32_t flags) { return Set32(4, flags); }
-    ConfigBlockBuilder& TotalLength(uint16_t length);
     ConfigBlockBuilder& AreaCount(uint8_t n);
     ConfigBlockBuilder& ExtraCount(uint8_t n);
     ConfigBlockBuilder& PanelCount(uint8_t n);
@@ -118,7 +109,6 @@ private:
     std::vector<uint8_t> m_areas;
     std::vector<uint8_t> m_extras;
     std::vector<uint8_t> m_tail;
-    std::optional<uint16_t> m_total;
     std::optional<uint8_t> m_areaCount, m_extraCount;
 };
 
