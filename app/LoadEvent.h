@@ -26,14 +26,10 @@
 #include <vector>
 
 #include "CTouchPointContainer.h"
-#include "EventSink.h"
-#include "HidManager.h"
-#include "MainLoop.h"
 #include "MtDevComInterface.h"
 #include "MtDevCtrlInterface.h"
 #include "MultiPlatformAPI.h"
-#include "Notifications.h"
-#include "Screen.h"
+#include "ShellPorts.h"
 
 // One record per device appearance; records are never unlinked while the process runs.
 struct MtDevNode {
@@ -68,16 +64,6 @@ void hidDeviceAdd(void* context, int result, void* sender, CMtHidDevice* device)
 void hidDeviceRemove(void* context, int result, void* sender, CMtHidDevice* device);
 // The worker: the thread routine of a device record. Always returns 0.
 unsigned int test(void* arg);
-
-// What the shell needs from the platform. Every pointer must outlive the shell.
-struct TShellPorts {
-    IMainLoop* loop = nullptr;
-    IHidManagerFactory* hidManagers = nullptr;
-    IScreen* screen = nullptr;                     // null: there is no screen
-    INotificationCenter* notifications = nullptr;  // null: no notifications
-    // The sink of a device's container, by device number; null (or no function): events dropped.
-    std::function<CEventSink*(int deviceNumber)> sinkForDevice;
-};
 
 // Ports used by the device list and the workers. Set before discovery starts (LoadEvent does).
 void SetShellPorts(const TShellPorts* ports);

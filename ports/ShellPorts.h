@@ -1,0 +1,29 @@
+// What the service shell needs from a backend (Linux, the emulated frames, macOS): the main
+// loop, the discovery sessions, the screen, the notification centre, and where each frame's
+// events and contacts go. Every pointer must outlive the shell.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "ContactStream.h"
+#include "EventSink.h"
+#include "HidManager.h"
+#include "MainLoop.h"
+#include "Notifications.h"
+#include "Screen.h"
+
+struct TShellPorts {
+    IMainLoop* loop = nullptr;
+    IHidManagerFactory* hidManagers = nullptr;
+    IScreen* screen = nullptr;                     // null: there is no screen
+    INotificationCenter* notifications = nullptr;  // null: no notifications
+    // The sink of a frame's gesture events, by frame number; null (or no function): events
+    // dropped. Main thread.
+    std::function<CEventSink*(int deviceNumber)> sinkForDevice;
+    // Contact listeners of a frame besides the gestures (touchscreen, TUIO, monitors), by frame
+    // number; none when empty. Main thread; the listeners are then called on the worker.
+    std::function<std::vector<IContactListener*>(int deviceNumber)> contactListeners;
+    // Whether the gesture emulation listens to the frames' contacts (it does unless turned off).
+    bool gestures = true;
+};
