@@ -3,15 +3,11 @@
 #include <memory>
 
 #include "CCalibrateSystem.h"
-#include "ContactMatching.h"
+#include "ContactPublisher.h"
 #include "LoadEvent.h"
 #include "MtDevConfig.h"
 #include "MtDevLog.h"
 #include "Parameter.h"
-
-extern std::atomic<bool> g_stopWorkers;
-void WorkerEnded();
-const TShellPorts* ShellPorts();
 
 namespace {
 
@@ -28,12 +24,11 @@ struct TFrameRecord {
 
 // Counts the worker out however it returns.
 struct TWorkerScope {
-    ~TWorkerScope() { WorkerEnded(); }
+    const TWorkerContext& context;
+    ~TWorkerScope() {
+        if (context.ended) context.ended();
+    }
 };
-
-bool Stopping() {
-    return g_stopWorkers.load();
-}
 
 // The orderly end of the process reached a worker that still owns an open device.
 unsigned int EndForShutdown(MtDevNode* node) {
@@ -46,8 +41,12 @@ unsigned int EndForShutdown(MtDevNode* node) {
 }  // namespace
 
 unsigned int test(void* arg) {
-    TWorkerScope scope;
     auto* pDev = static_cast<MtDevNode*>(arg);
+    const TWorkerContext& context = pDev->worker;
+    TWorkerScope scope{context};
+    const auto Stopping = [&context] {
+        return context.stopping != nullptr && context.stopping->load();
+    };
     TLogSystem("Thread Running");
 
     if (pDev->controller.OpenDevice(pDev->devPath) != 0) {
@@ -97,15 +96,22 @@ unsigned int test(void* arg) {
     calibration.InitCalibrateSys(config.get(), &geometry);
 
     TLogSystem("STEP 4");
-    const TShellPorts* ports = ShellPorts();
+    const TShellPorts* ports = context.ports;
     const std::optional<TScreenRect> screen =
         ports != nullptr && ports->screen != nullptr ? ports->screen->MainScreenFrame()
                                                      : std::nullopt;
     const TScreenRect board = screen.value_or(TScreenRect{});
 
-    CContactTracker tracker(pDev->container);
+    // The gestures listen first, then the frame's other outputs. The publisher ends the stream
+    // (every listener lifts its contacts) on each way out of the worker.
+    CGestureListener gestures(pDev->container);
+    std::vector<IContactListener*> listeners;
+    if (ports == nullptr || ports->gestures) listeners.push_back(&gestures);
+    listeners.insert(listeners.end(), context.listeners.begin(), context.listeners.end());
+    CContactPublisher stream(pDev->deviceNumber, std::move(listeners));
     pDev->container.SetScreenBoard(static_cast<float>(board.width),
                                    static_cast<float>(board.height));
+    stream.Ready(TContactSource{pDev->deviceNumber, {}, 0, 0, config.get(), &geometry});
 
     TLogSystem("STEP 5");
     timeval unused;
@@ -137,6 +143,6 @@ unsigned int test(void* arg) {
         const int64_t stamp = CurrentFrameTimeStamp();
         calibration.CalFramePoint(frame);
         calibration.GetAbsHIDCoords(frame);
-        tracker.DealFrame(*frame, stamp);
+        stream.Publish(*frame, stamp);
     }
 }

@@ -21,9 +21,7 @@ std::mutex g_workersMutex;
 std::condition_variable g_workersEnded;
 int g_liveWorkers = 0;
 
-}  // namespace
-
-// Set by StopAllWorkers, read by every worker (DeviceWorker.cpp).
+// Set by StopAllWorkers, read by every worker through its context.
 std::atomic<bool> g_stopWorkers{false};
 
 void WorkerEnded() {
@@ -32,9 +30,7 @@ void WorkerEnded() {
     g_workersEnded.notify_all();
 }
 
-const TShellPorts* ShellPorts() {
-    return g_ports;
-}
+}  // namespace
 
 void SetShellPorts(const TShellPorts* ports) {
     g_ports = ports;
@@ -62,8 +58,14 @@ MtDevNode* insertDevNode(CMtHidDevice* device) {
     node->faildCount = kInitialFaildCount;
     node->hidDevice = device;
     node->deviceNumber = ++g_deviceCount;
+    node->worker.stopping = &g_stopWorkers;
+    node->worker.ports = g_ports;
+    node->worker.ended = &WorkerEnded;
     if (g_ports != nullptr && g_ports->sinkForDevice) {
         node->container.SetEventSink(g_ports->sinkForDevice(node->deviceNumber));
+    }
+    if (g_ports != nullptr && g_ports->contactListeners) {
+        node->worker.listeners = g_ports->contactListeners(node->deviceNumber);
     }
     node->next = cmtDevHead;
     cmtDevHead = node;

@@ -31,6 +31,14 @@
 #include "MultiPlatformAPI.h"
 #include "ShellPorts.h"
 
+// What a worker needs from the shell, set on the main thread when the record is made.
+struct TWorkerContext {
+    const std::atomic<bool>* stopping = nullptr;  // the orderly end asks every worker to stop
+    const TShellPorts* ports = nullptr;           // null: no screen, no listeners
+    std::function<void()> ended;                  // called once as the worker returns
+    std::vector<IContactListener*> listeners;     // the frame's contact listeners besides gestures
+};
+
 // One record per device appearance; records are never unlinked while the process runs.
 struct MtDevNode {
     MtDevNode* next = nullptr;
@@ -45,6 +53,8 @@ struct MtDevNode {
     // Set with the run flag's clearing on removal: the worker then leaves the device as it is,
     // also during the orderly end.
     std::atomic<bool> removed{false};
+
+    TWorkerContext worker;  // written before the worker starts, then read-only
 
     // Main thread only.
     int deviceNumber = 0;                   // 1, 2, ... in order of creation (names the device)
