@@ -1,0 +1,27 @@
+// Where the frames' events and contacts go besides the backend's own devices: the dry run's JSON
+// lines (standard output or a file). Later outputs that listen to the contact stream are added
+// here and chained after the backend's listeners.
+#pragma once
+
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "DeviceJsonSink.h"
+#include "DriverOptions.h"
+#include "ShellBackend.h"
+
+class CDriverOutputs final : public IShellBackend {
+public:
+    explicit CDriverOutputs(const DriverOptions& options) : m_options(options) {}
+
+    // Opens the JSON output of a dry run; its lines replace the backend's event sink.
+    bool Open(TShellPorts* ports, TBackendFailure* failure) override;
+
+private:
+    const DriverOptions& m_options;
+    std::ofstream m_file;
+    std::unique_ptr<CJsonLinesWriter> m_writer;
+    std::map<int, std::unique_ptr<CDeviceJsonSink>> m_jsonSinks;  // main thread
+};

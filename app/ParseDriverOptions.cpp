@@ -1,0 +1,96 @@
+#include "ParseDriverOptions.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+namespace {
+
+constexpr const char* kDescription =
+    "irframed: user-space gesture driver for USB infrared multi-touch frames.\n\n"
+    "Finds every attached frame (USB ids AAEC:C020, AAEC:C021, 202E:0006), reads the\n"
+    "calibration stored in it, tracks the contacts and posts mouse, shortcut and scroll\n"
+    "events through a virtual uinput device. Runs until stopped (SIGTERM, Ctrl-C), until a\n"
+    "newer instance of the same user starts, or until the machine wakes from sleep (the\n"
+    "systemd user unit then starts it again).\n\n"
+    "With --simulate it runs against emulated frames that play gesture scripts instead of\n"
+    "real devices, and ends once every script has been played.\n";
+
+constexpr const char* kFooter =
+    "Examples:\n"
+    "  irframed                                   serve the attached frames\n"
+    "  irframed --dry-run                         print events as JSON lines instead\n"
+    "  irframed --simulate examples/09-one-finger-tap.gesture --dry-run\n"
+    "  irframed --simulate a.gesture --simulate b.gesture@2s --fault 2:poll:6@10 --dry-run\n\n"
+    "Exit status: 0 after an orderly end or a wake from sleep, 1 when the driver cannot\n"
+    "start (no uinput, an unreadable script), 2 on a usage error (a bad option or script).";
+
+// "VVVV:PPPP" in hexadecimal.
+bool ParseUsbId(const std::string& text, uint16_t* vendor, uint16_t* product) {
+    unsigned v = 0, p = 0;
+    char tail = 0;
+    if (std::sscanf(text.c_str(), "%4x:%4x%c", &v, &p, &tail) != 2) return false;
+    *vendor = static_cast<uint16_t>(v);
+    *product = static_cast<uint16_t>(p);
+    return true;
+}
+
+int UsageError(const std::string& line) {
+    std::fprintf(stderr, "irframed: %s\n", line.c_str());
+    return kExitUsage;
+}
+
+}  // namespace
+
+std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options) {
+    DriverOptions& opt = *options;
+    std::string simulateId;
+    CLI::App app(kDescription, "irframed");
+    app.footer(kFooter);
+    app.get_formatter()->column_width(34);
+    app.add_flag("-n,--dry-run", opt.dryRun,
+                 "Print each synthetic event as a JSON line instead of posting it through "
+                 "uinput");
+    app.add_option("-o,--output", opt.output,
+                   "With --dry-run: write the JSON lines to FILE ('-': standard output)")
+        ->type_name("FILE");
+    app.add_option("-s,--simulate", opt.simulate,
+                   "Run against an emulated frame playing the gesture script FILE, plugged in "
+                   "DELAY (e.g. 500ms, 2s) after start; repeat for several frames")
+        ->type_name("FILE[@DELAY]");
+    app.add_option("--fault", opt.faults,
+                   "Make simulated frame N (default 1) fail: config:C (C configuration reads), "
+                   "frame:C (C first-frame reads), poll:C@K (C polls after K scripted frames)")
+        ->type_name("[N:]KIND:COUNT[@K]");
+    app.add_option("--simulate-id", simulateId,
+                   "USB vendor:product of the simulated frames (default AAEC:C020)")
+        ->type_name("VVVV:PPPP");
+    app.add_flag("--realtime", opt.realtime,
+                 "Pace simulated frames in real time instead of on an instant virtual clock");
+    app.add_option("--screen", opt.screen,
+                   "Screen size in points when no X server answers (default 1920x1080); "
+                   "simulation always uses it")
+        ->type_name("WxH");
+    app.add_option("--keys", opt.keys,
+                   "Shortcut mapping: 'literal' (Command as Super, the same keys) or 'desktop' "
+                   "(each gesture's shortcut as a Linux desktop binds it)")
+        ->type_name("PROFILE");
+    app.add_option("--uinput", opt.uinputPath, "The uinput device node")->type_name("PATH");
+    app.add_flag("--no-single-instance", opt.noSingleInstance,
+                 "Neither end a running instance nor listen for later ones");
+    app.set_version_flag("-V,--version", "irframed 0.1");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    }
+
+    if (!opt.Simulating() && (!opt.faults.empty() || opt.realtime || !simulateId.empty())) {
+        return UsageError("--fault, --realtime and --simulate-id need --simulate");
+    }
+    if (!opt.dryRun && opt.output != "-") return UsageError("--output needs --dry-run");
+    if (!simulateId.empty() &&
+        !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {
+        return UsageError("--simulate-id '" + simulateId + "' is not VVVV:PPPP in hexadecimal");
+    }
+    return std::nullopt;
+}

@@ -1,0 +1,16 @@
+// The driver's command line: parsing, checks that need no device, and the exit status of a
+// run that ends here (help, version, a usage error).
+#pragma once
+
+#include <optional>
+
+#include "DriverOptions.h"
+
+// Exit statuses of the driver.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitCannotStart = 1;  // no uinput, an unreadable file, ...
+inline constexpr int kExitUsage = 2;        // a bad option or script
+
+// Fills `options` from the command line. Returns the exit status when the run ends here (help
+// and version give 0, mistakes 2 with a line on standard error); nothing when it goes on.
+std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options);

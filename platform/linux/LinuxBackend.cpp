@@ -1,0 +1,64 @@
+#include "LinuxBackend.h"
+
+#include <unistd.h>
+
+#include "HidrawDevice.h"
+#include "MtDevLog.h"
+
+bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
+    std::optional<TScreenSize> screenOption;
+    if (!m_options.screen.empty()) {
+        screenOption = ParseScreenSize(m_options.screen);
+        if (!screenOption) {
+            *failure = {2, "--screen '" + m_options.screen +
+                               "' is not WIDTHxHEIGHT (e.g. 1920x1080)"};
+            return false;
+        }
+    }
+    const std::optional<TKeyProfile> profile = ParseKeyProfile(m_options.keys);
+    if (!profile) {
+        *failure = {2, "--keys '" + m_options.keys + "': use 'literal' or 'desktop'"};
+        return false;
+    }
+
+    // The X server's primary output, unless this is a simulation (kept deterministic).
+    std::string whyNoX = "simulation";
+    std::optional<TDisplayGeometry> fromX;
+    if (!m_options.Simulating()) fromX = QueryXrandrGeometry(nullptr, &whyNoX);
+    const TDisplayGeometry geometry = ResolveDisplayGeometry(fromX, screenOption, whyNoX);
+    TLogSystem("screen %.0fx%.0f (%s)", geometry.main.width, geometry.main.height,
+               geometry.source.c_str());
+    m_screen = std::make_unique<CLinuxScreen>(geometry);
+    ports->screen = m_screen.get();
+
+    if (!m_options.dryRun) {
+        std::string error;
+        m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *profile, &error);
+        if (!m_uinput) {
+            *failure = {1, error};
+            return false;
+        }
+        TLogSystem("virtual input device %s (keys: %s)", m_uinput->DeviceNode().c_str(),
+                   KeyProfileName(*profile));
+        ports->sinkForDevice = [sink = m_uinput.get()](int) -> CEventSink* { return sink; };
+    }
+
+    if (!m_options.Simulating()) {
+        const TUdevSource source = ChooseMonitorSource();
+        TLogSystem("discovery through udev (%s events)", UdevSourceName(source));
+        m_udev = std::make_unique<CUdevHidManagerFactory>(m_loop.Event(), source);
+        ports->hidManagers = m_udev.get();
+    }
+
+    m_notifications = std::make_unique<CLinuxNotificationCenter>(
+        m_loop.Event(), m_options.SingleInstance()
+                            ? CUserNotificationChannel::DefaultSocketName(getuid())
+                            : "");
+    ports->notifications = m_notifications.get();
+    ports->loop = &m_loop;
+    return true;
+}
+
+std::unique_ptr<CMtHidDevice> CLinuxBackend::AdoptHidPort(int fd) {
+    return CHidrawDevice::Adopt(fd);
+}

@@ -1,0 +1,25 @@
+// Everything the driver was asked to do, as parsed from its command line. The agent and the
+// backends read it; only the option parser writes it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct DriverOptions {
+    bool dryRun = false;           // JSON lines instead of uinput events
+    std::string output = "-";      // where the JSON lines go; "-" is standard output
+    std::vector<std::string> simulate;  // FILE[@DELAY] per emulated frame
+    std::vector<std::string> faults;    // [N:]KIND:COUNT[@K]
+    uint16_t simulateVendor = 0xAAEC;   // USB ids of the emulated frames
+    uint16_t simulateProduct = 0xC020;
+    bool realtime = false;         // pace emulated frames in real time
+    std::string screen;            // WxH given on the command line; empty when not given
+    std::string keys = "literal";  // the shortcut profile
+    std::string uinputPath = "/dev/uinput";
+    bool noSingleInstance = false;
+
+    bool Simulating() const { return !simulate.empty(); }
+    // Whether this run takes part in the single-instance exchange with other real instances.
+    bool SingleInstance() const { return !Simulating() && !noSingleInstance; }
+};

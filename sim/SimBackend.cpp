@@ -1,0 +1,118 @@
+#include "SimBackend.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "MtDevLog.h"
+
+namespace {
+
+// "[N:]KIND:COUNT[@AFTER]": a fault for simulated frame N (1 when not given).
+bool ParseFaultOption(const std::string& text, int* device, TSimFault* fault) {
+    *device = 1;
+    std::string_view rest = text;
+    const size_t colon = rest.find(':');
+    if (colon != std::string_view::npos && colon > 0 &&
+        rest.substr(0, colon).find_first_not_of("0123456789") == std::string_view::npos) {
+        if (colon > 4) return false;
+        *device = std::stoi(std::string(rest.substr(0, colon)));
+        rest = rest.substr(colon + 1);
+    }
+    const std::optional<TSimFault> parsed = ParseSimFault(rest);
+    if (!parsed || *device < 1) return false;
+    *fault = *parsed;
+    return true;
+}
+
+bool LoadScript(const std::string& path, CGestureScript* script, std::string* error) {
+    std::ifstream in(path);
+    if (!in) {
+        *error = "cannot read gesture script '" + path + "': " + std::strerror(errno);
+        return false;
+    }
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string parseError;
+    if (!CGestureScript::Parse(text, script, &parseError)) {
+        *error = path + ": " + parseError;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+CSimBackend::CSimBackend(IMainLoop& loop, const DriverOptions& options,
+                         CSimDevice::PortFactory makePort)
+    : m_loop(loop), m_options(options), m_makePort(std::move(makePort)) {}
+
+CSimBackend::~CSimBackend() = default;
+
+bool CSimBackend::LoadSpecs(std::vector<TSimDeviceSpec>* specs, TBackendFailure* failure) const {
+    for (const std::string& argument : m_options.simulate) {
+        TSimDeviceSpec spec;
+        std::string path, error;
+        if (!ParseSimulateArgument(argument, &path, &spec.plugDelayMillis, &error) ||
+            !LoadScript(path, &spec.script, &error)) {
+            *failure = {error.rfind("cannot read", 0) == 0 ? 1 : 2, error};
+            return false;
+        }
+        spec.name = path;
+        spec.vendorId = m_options.simulateVendor;
+        spec.productId = m_options.simulateProduct;
+        specs->push_back(std::move(spec));
+    }
+    for (const std::string& text : m_options.faults) {
+        int device = 0;
+        TSimFault fault;
+        if (!ParseFaultOption(text, &device, &fault) ||
+            static_cast<size_t>(device) > specs->size()) {
+            *failure = {2, "--fault '" + text +
+                               "': expected [N:]config:C, [N:]frame:C or [N:]poll:C[@K] with N "
+                               "a simulated frame (1.." +
+                               std::to_string(specs->size()) + ")"};
+            return false;
+        }
+        (*specs)[static_cast<size_t>(device) - 1].faults.push_back(fault);
+    }
+    return true;
+}
+
+bool CSimBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
+    std::vector<TSimDeviceSpec> specs;
+    if (!LoadSpecs(&specs, failure)) return false;
+
+    // Without --realtime the frames run on per-frame virtual timelines.
+    if (!m_options.realtime) {
+        m_timelines = std::make_unique<CSimTimelineClock>();
+        m_installedClock.emplace(*m_timelines);
+    }
+    m_hub = std::make_unique<CSimDeviceHub>(m_loop, m_timelines.get());
+    for (TSimDeviceSpec& spec : specs) m_hub->Add(std::move(spec));
+    std::string error;
+    if (!m_hub->Start(m_makePort, &error)) {
+        *failure = {1, error};
+        return false;
+    }
+    ports->hidManagers = m_hub.get();
+    return true;
+}
+
+void CSimBackend::Stopping() {
+    if (m_hub) m_hub->AbortAll();
+}
+
+void CSimBackend::OnFinished(std::function<void()> finished) {
+    if (!m_hub) return;
+    m_hub->OnAllDone([finished = std::move(finished)] {
+        TLogSystem("every simulated frame has been played");
+        finished();
+    });
+}
+
+void CSimBackend::Close() {
+    // Before the records go: whether a frame was closed says what its worker did.
+    if (!m_hub) return;
+    for (const auto& device : m_hub->Devices()) TLogSystem("%s", device->Summary().c_str());
+}

@@ -1,0 +1,34 @@
+// The simulation backend: emulated frames that play gesture scripts stand in for discovery,
+// on a virtual clock unless the run is paced in real time. It ends the run once every frame has
+// been played, and reports one summary line per frame.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "DriverOptions.h"
+#include "ShellBackend.h"
+#include "SimDevice.h"
+
+class CSimBackend final : public IShellBackend {
+public:
+    // `makePort` makes the HID port over an emulated frame's host end (Linux: a hidraw-like
+    // port); the loop and the options must outlive the backend.
+    CSimBackend(IMainLoop& loop, const DriverOptions& options, CSimDevice::PortFactory makePort);
+    ~CSimBackend() override;
+
+    bool Open(TShellPorts* ports, TBackendFailure* failure) override;
+    void Stopping() override;
+    void OnFinished(std::function<void()> finished) override;
+    void Close() override;
+
+private:
+    bool LoadSpecs(std::vector<TSimDeviceSpec>* specs, TBackendFailure* failure) const;
+
+    IMainLoop& m_loop;
+    const DriverOptions& m_options;
+    CSimDevice::PortFactory m_makePort;
+    std::unique_ptr<CSimTimelineClock> m_timelines;
+    std::optional<TScopedClock> m_installedClock;  // uninstalled with the backend
+    std::unique_ptr<CSimDeviceHub> m_hub;
+};
