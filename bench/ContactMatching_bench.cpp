@@ -5,10 +5,12 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <memory>
 #include <vector>
 
 #include "CTouchPointContainer.h"
 #include "ContactMatching.h"
+#include "ContactPublisher.h"
 #include "EventSink.h"
 #include "MtDevLog.h"
 
@@ -37,8 +39,30 @@ struct Rig {
         point.status = status;
         point.x = point.x == 10000 ? 10010 : 10000;  // a small drag back and forth
         stamp += kFrameUnits;
-        tracker.DealFrame(&point, stamp);
+        if (stream) {
+            frame.points = &point;
+            stream->Publish(frame, stamp);
+        } else {
+            tracker.DealFrame(&point, stamp);
+        }
     }
+
+    // The worker's road: the frame goes through the contact stream to the gestures alone.
+    struct TGestures final : IContactListener {
+        explicit TGestures(CContactTracker& t) : tracker(t) {}
+        void OnContacts(const TContactFrame& f) override {
+            tracker.DealFrame(f.points, f.timeStamp);
+        }
+        CContactTracker& tracker;
+    };
+    void ThroughStream() {
+        gestures = std::make_unique<TGestures>(tracker);
+        stream = std::make_unique<CContactPublisher>(
+            1, std::vector<IContactListener*>{gestures.get()});
+    }
+    std::unique_ptr<TGestures> gestures;
+    std::unique_ptr<CContactPublisher> stream;
+    _HARDWARE_FRAME_SDK frame{};
 
     // A touch already down and pressed, its path holding `samples` samples.
     void HoldWithPath(size_t samples) {
@@ -101,6 +125,29 @@ void BM_FrameHeldDrag500Auto(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_FrameHeldDrag500Auto);
+
+// The same two frames as the worker runs them: through the contact stream, the gestures its
+// only listener. Compare with BM_FramePath1 and BM_FrameHeldDrag500Auto.
+void BM_StreamFramePath1(benchmark::State& state) {
+    Rig rig;
+    rig.ThroughStream();
+    rig.Frame(0);
+    rig.Frame(0);
+    for (auto _ : state) rig.Frame(0);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_StreamFramePath1);
+
+void BM_StreamFrameHeldDrag500(benchmark::State& state) {
+    Rig rig;
+    rig.ThroughStream();
+    rig.Frame(0);
+    rig.Frame(1);
+    rig.HoldWithPath(499);
+    for (auto _ : state) rig.Frame(1);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_StreamFrameHeldDrag500);
 
 // Two or four fingers resting on the frame, each moving 10 units back and forth a frame: far
 // below every two- and four-finger threshold, so no gesture fires and the paths are never
