@@ -48,6 +48,8 @@ unsigned int test(void* arg) {
         return context.stopping != nullptr && context.stopping->load();
     };
     TLogSystem("Thread Running");
+    const std::string name =
+        pDev->hidDevice != nullptr ? DescribeHidIdentity(pDev->hidDevice->Identity()) : "";
 
     if (pDev->controller.OpenDevice(pDev->devPath) != 0) {
         TLogSystem("opendevice err");
@@ -64,6 +66,10 @@ unsigned int test(void* arg) {
         TSleepMicros(kRetryPauseMicros);
         if (++failed >= kConfigReadTries) {
             TLogSystem("GETCFG_ERR");
+            TLog(TLogLevel::Warning,
+                 "frame %d (%s): configuration not read after %d tries; the frame is closed. "
+                 "Unplug it and plug it in again",
+                 pDev->deviceNumber, name.c_str(), kConfigReadTries);
             pDev->controller.CloseDevice(0);
             return 0;
         }
@@ -81,6 +87,10 @@ unsigned int test(void* arg) {
         if (++failed >= kFirstFrameTries) {
             // The run flag stays set on this path.
             TLogSystem("GETFRAME_ERR");
+            TLog(TLogLevel::Warning,
+                 "frame %d (%s): no touch report after %d tries; the frame is closed. "
+                 "Unplug it and plug it in again",
+                 pDev->deviceNumber, name.c_str(), kFirstFrameTries);
             pDev->controller.CloseDevice(0);
             return 0;
         }
@@ -111,7 +121,12 @@ unsigned int test(void* arg) {
     CContactPublisher stream(pDev->deviceNumber, std::move(listeners));
     pDev->container.SetScreenBoard(static_cast<float>(board.width),
                                    static_cast<float>(board.height));
-    stream.Ready(TContactSource{pDev->deviceNumber, {}, 0, 0, config.get(), &geometry});
+    const TMtHidIdentity identity =
+        pDev->hidDevice != nullptr ? pDev->hidDevice->Identity() : TMtHidIdentity{};
+    stream.Ready(TContactSource{pDev->deviceNumber, name, identity.vendorId, identity.productId,
+                                config.get(), &geometry});
+    TLog(TLogLevel::Debug, "frame %d ready: logical %dx%d, raw %dx%d", pDev->deviceNumber,
+         geometry.logicalWidth, geometry.logicalHeight, geometry.rawWidth, geometry.rawHeight);
 
     TLogSystem("STEP 5");
     timeval unused;
@@ -131,13 +146,23 @@ unsigned int test(void* arg) {
             (void)TGetTickCount();
             if (k >= kFramePollTries) {
                 TLogSystem("pDev->faildCount==0");
+                TLog(TLogLevel::Warning,
+                     "frame %d (%s) stopped answering (%d polls in a row failed) and was closed. "
+                     "Unplug it and plug it in again",
+                     pDev->deviceNumber, name.c_str(), kFramePollTries);
                 pDev->controller.CloseDevice(0);
                 pDev->container.releaseClick();
                 TLogSystem("THREAD QUIT");
                 return 0;
             }
             const DEV_ERR result = pDev->controller.GetFrameSdk(frame);
-            if (result == DE_OK) break;
+            if (result == DE_OK) {
+                if (k > 0 && TLogEnabled(TLogLevel::Info)) {
+                    TLog(TLogLevel::Info, "frame %d answers again after %d failed poll(s)",
+                         pDev->deviceNumber, k);
+                }
+                break;
+            }
             TLogSystem("getsdk->err:%d", static_cast<int>(result));
         }
         const int64_t stamp = CurrentFrameTimeStamp();

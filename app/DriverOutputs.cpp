@@ -17,11 +17,6 @@ bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
             return false;
         }
         out = &m_file;
-    } else {
-        // Standard output belongs to the JSON lines: every log line goes to standard error.
-        TSetLogSink([](TLogChannel, std::string_view line) {
-            std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
-        });
     }
     m_writer = std::make_unique<CJsonLinesWriter>(*out);
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {

@@ -83,11 +83,15 @@ void removeDevice(CMtHidDevice* device) {
     node->isRunning.store(false);
     node->container.releaseClick();
     TLogSystem("TOUCH DEV RELEASE");
+    TLog(TLogLevel::Info, "frame %d removed: %s", node->deviceNumber,
+         DescribeHidIdentity(device->Identity()).c_str());
 }
 
 void hidDeviceAdd(void*, int, void*, CMtHidDevice* device) {
     TLogSystem("hid add");
     MtDevNode* node = insertDevNode(device);
+    TLog(TLogLevel::Info, "frame %d found: %s", node->deviceNumber,
+         DescribeHidIdentity(device->Identity()).c_str());
     {
         std::lock_guard<std::mutex> lock(g_workersMutex);
         ++g_liveWorkers;
@@ -185,7 +189,7 @@ void LoadEvent::restartProgram() {
 }
 
 void LoadEvent::reqestWithWindowExist() {
-    TLogSystem("another instance started: ending this one");
+    TLog(TLogLevel::Info, "another instance started: ending this one");
     Terminate(0);
 }
 
@@ -232,7 +236,8 @@ bool LoadEvent::Terminate(int status) {
     const bool ended = WaitForWorkers(kWorkerStopMillis);
     if (!ended) {
         // A worker stuck in a transaction: at least no button stays held.
-        TLogSystem("%d worker(s) did not stop in time", LiveWorkerCount());
+        TLog(TLogLevel::Warning, "%d frame worker(s) did not stop within %d s: held buttons "
+             "are released from here", LiveWorkerCount(), kWorkerStopMillis / 1000);
         ReleaseAllClicks();
     }
     if (m_ports.loop != nullptr) m_ports.loop->Quit(status);

@@ -1,7 +1,10 @@
 #include "ParseDriverOptions.h"
 
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -32,6 +35,19 @@ bool ParseUsbId(const std::string& text, uint16_t* vendor, uint16_t* product) {
     *vendor = static_cast<uint16_t>(v);
     *product = static_cast<uint16_t>(p);
     return true;
+}
+
+// JOURNAL_STREAM is "DEVICE:INODE" of the stream systemd connected; it only counts while our
+// standard error is still that stream.
+bool StderrIsJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    if (stream == nullptr) return false;
+    unsigned long long device = 0, inode = 0;
+    if (std::sscanf(stream, "%llu:%llu", &device, &inode) != 2) return false;
+    struct stat st {};
+    if (fstat(2, &st) != 0) return false;
+    return static_cast<unsigned long long>(st.st_dev) == device &&
+           static_cast<unsigned long long>(st.st_ino) == inode;
 }
 
 int UsageError(const std::string& line) {
@@ -77,6 +93,11 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_option("--uinput", opt.uinputPath, "The uinput device node")->type_name("PATH");
     app.add_flag("--no-single-instance", opt.noSingleInstance,
                  "Neither end a running instance nor listen for later ones");
+    app.add_flag("-v,--verbose", opt.verbose,
+                 "Say more on standard error: -v info, -vv debug (every trace line)");
+    app.add_option("--log-level", opt.logLevel,
+                   "error, warning, info (the default) or debug; overrides -v")
+        ->type_name("LEVEL");
     app.set_version_flag("-V,--version", "irframed 0.1");
     try {
         app.parse(argc, argv);
@@ -88,9 +109,22 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
         return UsageError("--fault, --realtime and --simulate-id need --simulate");
     }
     if (!opt.dryRun && opt.output != "-") return UsageError("--output needs --dry-run");
+    if (!opt.logLevel.empty() && !ParseLogLevel(opt.logLevel)) {
+        return UsageError("--log-level '" + opt.logLevel +
+                          "': use error, warning, info or debug");
+    }
     if (!simulateId.empty() &&
         !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {
         return UsageError("--simulate-id '" + simulateId + "' is not VVVV:PPPP in hexadecimal");
     }
     return std::nullopt;
+}
+
+TLogLevel EffectiveLogLevel(const DriverOptions& options) {
+    if (const std::optional<TLogLevel> level = ParseLogLevel(options.logLevel)) return *level;
+    return options.verbose >= 2 ? TLogLevel::Debug : TLogLevel::Info;
+}
+
+void ApplyLogOptions(const DriverOptions& options) {
+    TSetLogOutput(EffectiveLogLevel(options), StderrIsJournal());
 }

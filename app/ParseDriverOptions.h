@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "DriverOptions.h"
+#include "MtDevLog.h"
 
 // Exit statuses of the driver.
 inline constexpr int kExitOk = 0;
@@ -14,3 +15,9 @@ inline constexpr int kExitUsage = 2;        // a bad option or script
 // Fills `options` from the command line. Returns the exit status when the run ends here (help
 // and version give 0, mistakes 2 with a line on standard error); nothing when it goes on.
 std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options);
+
+// The level the options ask for: --log-level, else info raised by -v (-vv: debug).
+TLogLevel EffectiveLogLevel(const DriverOptions& options);
+// Sets the log writer from the options; under systemd (JOURNAL_STREAM names our standard
+// error) each line carries its journal priority.
+void ApplyLogOptions(const DriverOptions& options);

@@ -29,6 +29,7 @@ int Fail(const std::string& message, int status) {
 int main(int argc, char** argv) {
     DriverOptions options;
     if (const std::optional<int> status = ParseDriverOptions(argc, argv, &options)) return *status;
+    ApplyLogOptions(options);
 
     // The loop first: it blocks SIGTERM and SIGINT for every thread started after it.
     std::string error;
@@ -51,7 +52,7 @@ int main(int argc, char** argv) {
 
     LoadEvent shell(ports);
     loop->OnTerminationSignal([&](int signal) {
-        TLogSystem("%s: stopping", signal == SIGINT ? "SIGINT" : "SIGTERM");
+        TLog(TLogLevel::Info, "%s: stopping", signal == SIGINT ? "SIGINT" : "SIGTERM");
         for (const std::unique_ptr<IShellBackend>& backend : backends) backend->Stopping();
         shell.Terminate(kExitOk);
     });

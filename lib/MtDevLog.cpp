@@ -1,5 +1,6 @@
 #include "MtDevLog.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -9,15 +10,22 @@ namespace {
 
 std::mutex g_logMutex;
 TLogSink g_sink;
+// Read without the lock on every line, so that a dropped debug line costs no formatting.
+std::atomic<bool> g_hasSink{false};
+std::atomic<int> g_threshold{static_cast<int>(TLogLevel::Info)};
+std::atomic<bool> g_journalPrefix{false};
 
-void DefaultSink(TLogChannel channel, std::string_view line) {
-    FILE* out = channel == TLogChannel::System ? stderr : stdout;
-    std::fwrite(line.data(), 1, line.size(), out);
-    std::fputc('\n', out);
-    std::fflush(out);
+void DefaultWriter(TLogLevel level, std::string_view line) {
+    if (g_journalPrefix.load(std::memory_order_relaxed)) {
+        std::fprintf(stderr, "<%d>", static_cast<int>(level));
+    }
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
 }
 
-void Emit(TLogChannel channel, const char* format, va_list args) {
+void Emit(TLogLevel level, TLogChannel channel, const char* format, va_list args) {
+    if (!TLogEnabled(level)) return;
     char small[256];
     va_list copy;
     va_copy(copy, args);
@@ -37,8 +45,8 @@ void Emit(TLogChannel channel, const char* format, va_list args) {
     std::lock_guard<std::mutex> lock(g_logMutex);
     if (g_sink) {
         g_sink(channel, line);
-    } else {
-        DefaultSink(channel, line);
+    } else if (static_cast<int>(level) <= g_threshold.load(std::memory_order_relaxed)) {
+        DefaultWriter(level, line);
     }
 }
 
@@ -48,19 +56,59 @@ TLogSink TSetLogSink(TLogSink sink) {
     std::lock_guard<std::mutex> lock(g_logMutex);
     TLogSink previous = std::move(g_sink);
     g_sink = std::move(sink);
+    g_hasSink.store(static_cast<bool>(g_sink));
     return previous;
+}
+
+void TSetLogOutput(TLogLevel threshold, bool journalPrefix) {
+    g_threshold.store(static_cast<int>(threshold));
+    g_journalPrefix.store(journalPrefix);
+}
+
+TLogLevel TLogThreshold() {
+    return static_cast<TLogLevel>(g_threshold.load());
+}
+
+bool TLogEnabled(TLogLevel level) {
+    return g_hasSink.load(std::memory_order_relaxed) ||
+           static_cast<int>(level) <= g_threshold.load(std::memory_order_relaxed);
+}
+
+std::optional<TLogLevel> ParseLogLevel(std::string_view name) {
+    if (name == "error" || name == "3") return TLogLevel::Error;
+    if (name == "warning" || name == "warn" || name == "4") return TLogLevel::Warning;
+    if (name == "info" || name == "6") return TLogLevel::Info;
+    if (name == "debug" || name == "7") return TLogLevel::Debug;
+    return std::nullopt;
+}
+
+const char* LogLevelName(TLogLevel level) {
+    switch (level) {
+        case TLogLevel::Error: return "error";
+        case TLogLevel::Warning: return "warning";
+        case TLogLevel::Info: return "info";
+        case TLogLevel::Debug: return "debug";
+    }
+    return "info";
+}
+
+void TLog(TLogLevel level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    Emit(level, TLogChannel::System, format, args);
+    va_end(args);
 }
 
 void TLogSystem(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    Emit(TLogChannel::System, format, args);
+    Emit(TLogLevel::Debug, TLogChannel::System, format, args);
     va_end(args);
 }
 
 void TLogStdout(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    Emit(TLogChannel::Stdout, format, args);
+    Emit(TLogLevel::Debug, TLogChannel::Stdout, format, args);
     va_end(args);
 }

@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 // ---------------------------------------------------------------------------------------------
@@ -39,9 +40,25 @@ enum class TMtHidRun {
     Gone,       // the device went away (or is not open)
 };
 
+// What the platform knows of a device, for messages and tools; empty where it does not know.
+struct TMtHidIdentity {
+    std::string node;  // "/dev/hidraw3", or "simulated:<script>" for an emulated frame
+    uint16_t vendorId = 0;
+    uint16_t productId = 0;
+    std::string product;  // the device's product string
+    std::string serial;
+};
+
+// "/dev/hidraw3 (AAEC:C020 "IR Touch", serial 1234)", leaving out what is not known.
+std::string DescribeHidIdentity(const TMtHidIdentity& identity);
+
 class CMtHidDevice {
 public:
     virtual ~CMtHidDevice() = default;
+
+    // Set by discovery before the device is handed out, read-only afterwards.
+    void SetIdentity(TMtHidIdentity identity) { m_identity = std::move(identity); }
+    const TMtHidIdentity& Identity() const { return m_identity; }
 
     // kMtHidSuccess when the device is open for reports.
     virtual int Open() = 0;
@@ -57,6 +74,9 @@ public:
     virtual void BeginWait(unsigned timeoutMs) = 0;
     virtual TMtHidRun RunWait() = 0;
     virtual void EndWait() = 0;
+
+private:
+    TMtHidIdentity m_identity;
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -18,6 +18,8 @@ struct DriverOptions {
     std::string keys = "literal";  // the shortcut profile
     std::string uinputPath = "/dev/uinput";
     bool noSingleInstance = false;
+    std::string logLevel;  // --log-level; empty when not given
+    int verbose = 0;       // how many times -v was given
 
     bool Simulating() const { return !simulate.empty(); }
     // Whether this run takes part in the single-instance exchange with other real instances.

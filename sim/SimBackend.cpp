@@ -106,7 +106,7 @@ void CSimBackend::Stopping() {
 void CSimBackend::OnFinished(std::function<void()> finished) {
     if (!m_hub) return;
     m_hub->OnAllDone([finished = std::move(finished)] {
-        TLogSystem("every simulated frame has been played");
+        TLog(TLogLevel::Info, "every simulated frame has been played");
         finished();
     });
 }
@@ -114,5 +114,5 @@ void CSimBackend::OnFinished(std::function<void()> finished) {
 void CSimBackend::Close() {
     // Before the records go: whether a frame was closed says what its worker did.
     if (!m_hub) return;
-    for (const auto& device : m_hub->Devices()) TLogSystem("%s", device->Summary().c_str());
+    for (const auto& device : m_hub->Devices()) TLog(TLogLevel::Info, "%s", device->Summary().c_str());
 }

@@ -198,6 +198,8 @@ bool CSimDevice::Start(const PortFactory& makePort, std::string* error) {
         return false;
     }
     m_port = std::make_unique<CPort>(*this, std::move(inner));
+    m_port->SetIdentity({"simulated:" + m_spec.name, m_spec.vendorId, m_spec.productId,
+                         "emulated frame " + std::to_string(m_number), ""});
     return true;
 }
 

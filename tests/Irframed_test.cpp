@@ -104,7 +104,8 @@ protected:
     TRun Run(Lines args, bool dryRun = true, const std::string& signalWhen = "") {
         const std::string out = m_dir + "/out.json";
         const std::string err = m_dir + "/err.txt";
-        Lines argv{IRFRAMED_PATH};
+        // Every trace line: several cases count the system's own lines.
+        Lines argv{IRFRAMED_PATH, "-vv"};
         if (dryRun) {
             argv.insert(argv.end(), {"--dry-run", "--output", out});
         }

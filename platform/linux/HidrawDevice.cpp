@@ -55,10 +55,11 @@ int CHidrawDevice::Open() {
         if (fd < 0) {
             // The worker only logs that the device did not open; say why, and what helps.
             const int error = errno;
-            TLogSystem("cannot open %s: %s%s", m_path.c_str(), std::strerror(error),
-                       error == EACCES || error == EPERM
-                           ? " (install packaging/70-irframe.rules, then replug the frame)"
-                           : "");
+            TLog(TLogLevel::Warning, "cannot open %s: %s%s", m_path.c_str(), std::strerror(error),
+                 error == EACCES || error == EPERM
+                     ? " (install the udev rules 70-irframe.rules, then replug the frame; "
+                       "getfacl the node to see who may open it)"
+                     : "");
         }
     }
     if (fd < 0) return kMtHidError;

@@ -26,7 +26,7 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     std::optional<TDisplayGeometry> fromX;
     if (!m_options.Simulating()) fromX = QueryXrandrGeometry(nullptr, &whyNoX);
     const TDisplayGeometry geometry = ResolveDisplayGeometry(fromX, screenOption, whyNoX);
-    TLogSystem("screen %.0fx%.0f (%s)", geometry.main.width, geometry.main.height,
+    TLog(TLogLevel::Info, "screen %.0fx%.0f (%s)", geometry.main.width, geometry.main.height,
                geometry.source.c_str());
     m_screen = std::make_unique<CLinuxScreen>(geometry);
     ports->screen = m_screen.get();
@@ -38,14 +38,14 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
             *failure = {1, error};
             return false;
         }
-        TLogSystem("virtual input device %s (keys: %s)", m_uinput->DeviceNode().c_str(),
+        TLog(TLogLevel::Info, "virtual input device %s (keys: %s)", m_uinput->DeviceNode().c_str(),
                    KeyProfileName(*profile));
         ports->sinkForDevice = [sink = m_uinput.get()](int) -> CEventSink* { return sink; };
     }
 
     if (!m_options.Simulating()) {
         const TUdevSource source = ChooseMonitorSource();
-        TLogSystem("discovery through udev (%s events)", UdevSourceName(source));
+        TLog(TLogLevel::Debug, "discovery through udev (%s events)", UdevSourceName(source));
         m_udev = std::make_unique<CUdevHidManagerFactory>(m_loop.Event(), source);
         ports->hidManagers = m_udev.get();
     }

@@ -19,8 +19,9 @@ void CLinuxNotificationCenter::ObserveDistributed(const std::string& name,
     if (m_channel->IsListening()) return;
     std::string error;
     if (!m_channel->Listen(m_event, [this](const std::string& got) { Deliver(got); }, &error)) {
-        TLogSystem("instance channel unavailable (%s); a later instance will not replace this one",
-                   error.c_str());
+        TLog(TLogLevel::Warning,
+             "instance channel unavailable (%s); a later instance will not replace this one",
+             error.c_str());
     }
 }
 
@@ -32,7 +33,8 @@ void CLinuxNotificationCenter::StopObservingDistributed() {
 void CLinuxNotificationCenter::ObserveWake(std::function<void()> observer) {
     std::string error;
     if (!m_sleepWatcher.Start(m_event, std::move(observer), &error, m_busAddress)) {
-        TLogSystem("no wake notification (%s); the driver goes on without it", error.c_str());
+        TLog(TLogLevel::Info, "no wake notification (%s); the driver goes on without it",
+             error.c_str());
     }
 }
 

@@ -145,7 +145,10 @@ std::optional<THidrawDevice> CUdevHidMatcher::Describe(udev_device* device) cons
     if (syspath == nullptr || devnode == nullptr || hidId == nullptr) return std::nullopt;
     const auto id = ParseHidId(hidId);
     if (!id || !m_presence.Matches(*id)) return std::nullopt;
-    return THidrawDevice{syspath, devnode, *id};
+    const char* name = udev_device_get_property_value(hid, "HID_NAME");
+    const char* serial = udev_device_get_property_value(hid, "HID_UNIQ");
+    return THidrawDevice{syspath, devnode, *id, name != nullptr ? name : "",
+                         serial != nullptr ? serial : ""};
 }
 
 int CUdevHidMatcher::OnPending(sd_event_source* source, void* self) {
@@ -186,7 +189,7 @@ int CUdevHidMatcher::OnMonitor(sd_event_source*, int, uint32_t, void* self) {
             // The hid parent may already be gone: the syspath alone identifies the device.
             if (matcher->m_presence.Remove(syspath)) {
                 const char* devnode = udev_device_get_devnode(device);
-                THidrawDevice gone{syspath, devnode != nullptr ? devnode : "", {}};
+                THidrawDevice gone{syspath, devnode != nullptr ? devnode : "", {}, {}, {}};
                 if (matcher->m_removed) matcher->m_removed(gone);
             }
         }

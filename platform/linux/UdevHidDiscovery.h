@@ -46,6 +46,8 @@ struct THidrawDevice {
     std::string syspath;  // /sys/devices/.../hidraw/hidrawN: the identity of one appearance
     std::string devnode;  // /dev/hidrawN
     THidId id;
+    std::string name;    // HID_NAME of the "hid" parent: the product string
+    std::string serial;  // HID_UNIQ of the "hid" parent, where the device has one
 };
 
 // The devices of one matching row that are present. Deduplicates: a device that enumeration and

@@ -35,7 +35,8 @@ int CUdevHidManager::Open() {
     if (!m_matcher) return -1;
     std::string error;
     if (!m_matcher->Open(m_factory.Event(), m_factory.Source(), &error)) {
-        TLogSystem("udev: %s", error.c_str());
+        TLog(TLogLevel::Warning, "udev: %s; frames plugged in later will not be seen",
+             error.c_str());
         return -1;
     }
     return 0;
@@ -43,6 +44,8 @@ int CUdevHidManager::Open() {
 
 void CUdevHidManager::Matched(const THidrawDevice& device) {
     CHidrawDevice* object = m_factory.NewDevice(device.devnode);
+    object->SetIdentity({device.devnode, static_cast<uint16_t>(device.id.vendor),
+                         static_cast<uint16_t>(device.id.product), device.name, device.serial});
     m_present[device.syspath] = object;
     if (m_matched != nullptr) m_matched(m_matchedContext, 0, this, object);
 }

@@ -180,13 +180,14 @@ void CUinputEventSink::Post(const TInputEvent& event) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const std::vector<TEvdevEvent> events = m_translator.Translate(event);
     if (events.empty()) {
-        TLogSystem("uinput: no evdev equivalent for %s", DescribeInputEvent(event).c_str());
+        TLog(TLogLevel::Debug, "uinput: no evdev equivalent for %s",
+             DescribeInputEvent(event).c_str());
         return;
     }
     for (const TEvdevEvent& e : events) {
         const int r = libevdev_uinput_write_event(m_uinput, e.type, e.code, e.value);
         if (r < 0) {
-            TLogSystem("uinput: write failed: %s", std::strerror(-r));
+            TLog(TLogLevel::Warning, "uinput: write failed: %s", std::strerror(-r));
             return;
         }
     }
