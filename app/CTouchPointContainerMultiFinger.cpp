@@ -65,8 +65,8 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
                                     ? ScaledLatest(contacts[0])
                                     : ScalePoint(0.0f, 0.0f);
         PostLeftMouse(TInputEventType::LeftMouseUp, at);
-        fingerMode = 4;
-        buttonState = 3;
+        fingerMode = kFingerModeFour;
+        buttonState = kButtonReleased;
         ClearTouchPointLists(contacts);
         localGesture = TFS_ONE_FINGER_UP;
         return localGesture;
@@ -76,7 +76,7 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
     if (outcome == TFS_NONE) outcome = FourCompatibleFingersZoom(contacts);
     if (outcome == TFS_NONE) {
         // Nothing yet: the paths keep growing.
-        fingerMode = 4;
+        fingerMode = kFingerModeFour;
         localGesture = TFS_NONE;
         return TFS_NONE;
     }
@@ -96,7 +96,7 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
     // One shortcut per touch: the latch holds while the fingers stay down.
     holdStatus = isDown;
     ClearTouchPointLists(contacts);
-    fingerMode = 4;
+    fingerMode = kFingerModeFour;
     localGesture = outcome;
     return outcome;
 }

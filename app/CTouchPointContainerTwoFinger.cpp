@@ -47,16 +47,16 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
                                     ? ScaledLatest(contacts[0])
                                     : ScalePoint(0.0f, 0.0f);
         PostLeftMouse(TInputEventType::LeftMouseUp, at);
-        fingerMode = 2;
-        buttonState = 3;
+        fingerMode = kFingerModeTwo;
+        buttonState = kButtonReleased;
         ClearTouchPointLists(contacts);
         touchStartTick = now;
         return TFS_ONE_FINGER_UP;
     }
 
-    if (fingerMode == 4) {
+    if (fingerMode == kFingerModeFour) {
         // A four-finger gesture is being lifted finger by finger.
-        fingerMode = 2;
+        fingerMode = kFingerModeTwo;
         ClearTouchPointLists(contacts);
         return TFS_NONE;
     }
@@ -92,7 +92,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
         outcome = TwoFingersRoll(contacts);
         if (outcome == TFS_NONE) {
             if (contacts.size() != 2) {
-                fingerMode = 2;
+                fingerMode = kFingerModeTwo;
                 return TFS_NONE;
             }
             outcome = TwoFingersZoomRotation(contacts);
@@ -108,7 +108,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
     switch (outcome) {
         case TFS_NONE:
             // Nothing yet: the paths keep growing.
-            fingerMode = 2;
+            fingerMode = kFingerModeTwo;
             return TFS_NONE;
         case TFS_TWO_FINGERS_UP:
         case TFS_TWO_FINGERS_DOWN: {
@@ -169,7 +169,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
     // Every recognised gesture restarts the paths, so the next one is measured afresh.
     gestureSent = 1;
     ClearTouchPointLists(contacts);
-    fingerMode = 2;
+    fingerMode = kFingerModeTwo;
     localGesture = outcome;
     return outcome;
 }
