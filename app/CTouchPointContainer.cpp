@@ -303,6 +303,16 @@ void CTouchPointContainer::releaseClick() {
     TLogSystem("releaseclick");
 }
 
+void CTouchPointContainer::ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode) {
+    const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
+                                ? ScaledLatest(contacts[0])
+                                : ScalePoint(0.0f, 0.0f);
+    PostLeftMouse(TInputEventType::LeftMouseUp, at);
+    fingerMode = mode;
+    buttonState = kButtonReleased;
+    ClearTouchPointLists(contacts);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Event posting
 

@@ -141,6 +141,9 @@ public:
 
 private:
     void Post(const TInputEvent& event);
+    // A multi-finger handler found the left button held: release it at the first contact's
+    // latest position (or 0, 0), enter the handler's finger mode and restart the paths.
+    void ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode);
 
     mutable std::recursive_mutex m_lock;
     CEventSink* m_sink;

@@ -61,13 +61,7 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
 
     if (IsButtonHeld()) {
         // More fingers landed during a one-finger press or drag: end the mouse action only.
-        const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
-                                    ? ScaledLatest(contacts[0])
-                                    : ScalePoint(0.0f, 0.0f);
-        PostLeftMouse(TInputEventType::LeftMouseUp, at);
-        fingerMode = kFingerModeFour;
-        buttonState = kButtonReleased;
-        ClearTouchPointLists(contacts);
+        ReleaseHeldButton(contacts, kFingerModeFour);
         localGesture = TFS_ONE_FINGER_UP;
         return localGesture;
     }

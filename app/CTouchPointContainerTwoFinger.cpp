@@ -43,13 +43,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
     if (IsButtonHeld()) {
         // A second finger landed during a one-finger press or drag: end the mouse action only.
         const int64_t now = CurrentTick();
-        const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
-                                    ? ScaledLatest(contacts[0])
-                                    : ScalePoint(0.0f, 0.0f);
-        PostLeftMouse(TInputEventType::LeftMouseUp, at);
-        fingerMode = kFingerModeTwo;
-        buttonState = kButtonReleased;
-        ClearTouchPointLists(contacts);
+        ReleaseHeldButton(contacts, kFingerModeTwo);
         touchStartTick = now;
         return TFS_ONE_FINGER_UP;
     }
