@@ -17,9 +17,6 @@ bool FirstContacts(const CTouchPointList& contacts, std::array<const CTouchPoint
     return true;
 }
 
-// Four-direction code of a bearing: 6 up, 8 right, 10 down, 12 left.
-int Direction4(int bearing) { return CTouchPointInfo::GetMovingDirection(bearing) & ~1; }
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------

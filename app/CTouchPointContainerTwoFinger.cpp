@@ -28,9 +28,6 @@ bool StartsAtRightEdge(const CTouchPointInfo* contact, float screenWidth) {
     return fromEdge < kBorderEdgePoints;
 }
 
-// Four-direction code of a bearing: 6 up, 8 right, 10 down, 12 left.
-int Direction4(int bearing) { return CTouchPointDeal::OneFignerMovingDirection(bearing) & ~1; }
-
 }  // namespace
 
 TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointList& contacts,
