@@ -114,16 +114,16 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
     const TScreenPoint at = ScalePoint(last.x, last.y);
     TLogStdout("point.x:%spoint.y:%s", TFixed(at.x).text, TFixed(at.y).text);
 
-    if (fingerMode != 1) {
+    if (fingerMode != kFingerModeOne) {
         // A new touch only arms; it never presses on its first frame.
         TELO_FINGER_STATUS result = TFS_NONE;
         if (IsButtonHeld()) {
             PostLeftMouse(TInputEventType::LeftMouseUp, at);
-            buttonState = 3;
+            buttonState = kButtonReleased;
             result = TFS_ONE_FINGER_UP;
         }
         touchStartTick = CurrentTick();
-        fingerMode = 1;
+        fingerMode = kFingerModeOne;
         TLogSystem("asdasd");
         localGesture = result;
         return result;
@@ -132,20 +132,20 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
     if (isDown) {
         TELO_FINGER_STATUS result = TFS_NONE;
         switch (buttonState) {
-            case 0:
-            case 3:
-                buttonState = 1;
+            case kButtonNeverPressed:
+            case kButtonReleased:
+                buttonState = kButtonPressed;
                 PostLeftMouse(TInputEventType::LeftMouseDown, at);
                 TLogStdout("down");
                 result = TFS_ONE_FINGER_DOWN;
                 break;
-            case 1:
-                buttonState = 2;
+            case kButtonPressed:
+                buttonState = kButtonDragging;
                 PostLeftMouse(TInputEventType::LeftMouseDragged, at);
                 TLogStdout("drag");
                 result = TFS_ONE_FINGER_DRAG;
                 break;
-            case 2:
+            case kButtonDragging:
                 PostLeftMouse(TInputEventType::LeftMouseDragged, at);
                 TLogStdout("drag");
                 result = TFS_ONE_FINGER_DRAG;
@@ -153,7 +153,7 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
             default:
                 break;
         }
-        fingerMode = 1;
+        fingerMode = kFingerModeOne;
         localGesture = result;
         return result;
     }
@@ -176,14 +176,14 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
             lastClickTick = now;
             lastClickX = last.x;
             lastClickY = last.y;
-            fingerMode = 1;
+            fingerMode = kFingerModeOne;
             localGesture = TFS_NONE;
             toSingleClick(contact);
             return TFS_NONE;
         }
         if (isSecondClick()) {
             PostDoubleClick(at);
-            buttonState = 3;
+            buttonState = kButtonReleased;
             TLogStdout("DBClick");
             localGesture = TFS_ONE_FINGER_DBCLICK;
             return localGesture;
@@ -197,7 +197,7 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
     TLogSystem("mouse up start");
     PostLeftMouse(TInputEventType::LeftMouseUp, at);
     if (now - lastClickTick > kDoubleClickTicks) {
-        buttonState = 3;
+        buttonState = kButtonReleased;
         lastClickTick = now;
         lastClickX = last.x;
         lastClickY = last.y;
@@ -207,7 +207,7 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
     }
     if (isSecondClick()) {
         PostDoubleClick(at);
-        buttonState = 3;
+        buttonState = kButtonReleased;
         TLogStdout("1-DBClick");
         localGesture = TFS_ONE_FINGER_DBCLICK;
         return localGesture;
@@ -216,22 +216,22 @@ TELO_FINGER_STATUS CTouchPointContainer::OneFingerTouchType(CTouchPointInfo* con
     // after the up just posted is kept so). The last click is left as it was.
     TELO_FINGER_STATUS result = TFS_NONE;
     switch (buttonState) {
-        case 1:
+        case kButtonPressed:
             PostLeftMouse(TInputEventType::LeftMouseDragged, at);
             TLogStdout("1-drag");
-            buttonState = 2;
+            buttonState = kButtonDragging;
             result = TFS_ONE_FINGER_DRAG;
             break;
-        case 2:
+        case kButtonDragging:
             PostLeftMouse(TInputEventType::LeftMouseUp, at);
             TLogStdout("1-up");
-            buttonState = 3;
+            buttonState = kButtonReleased;
             result = TFS_ONE_FINGER_UP;
             break;
-        case 3:
+        case kButtonReleased:
             PostLeftMouse(TInputEventType::LeftMouseDown, at);
             TLogStdout("1-down");
-            buttonState = 1;
+            buttonState = kButtonPressed;
             result = TFS_ONE_FINGER_DOWN;
             break;
         default:
@@ -270,7 +270,7 @@ void CTouchPointContainer::toSingleClick(CTouchPointInfo* contact) {
         }
         PostLeftMouse(TInputEventType::LeftMouseUp, TScreenPoint{last.x, last.y});
         TLogStdout("3-up");
-        buttonState = 3;
+        buttonState = kButtonReleased;
         return;
     }
 
@@ -288,7 +288,7 @@ void CTouchPointContainer::toSingleClick(CTouchPointInfo* contact) {
         PostClick(at);
         TLogSystem("signleclick");
     }
-    buttonState = 3;
+    buttonState = kButtonReleased;
     lastClickTick = now;
     lastClickX = last.x;
     lastClickY = last.y;
@@ -299,8 +299,18 @@ void CTouchPointContainer::releaseClick() {
     std::lock_guard<std::recursive_mutex> lock(m_lock);
     if (!IsButtonHeld()) return;
     PostLeftMouse(TInputEventType::LeftMouseUp, TScreenPoint{0.0, 0.0});
-    buttonState = 3;
+    buttonState = kButtonReleased;
     TLogSystem("releaseclick");
+}
+
+void CTouchPointContainer::ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode) {
+    const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
+                                ? ScaledLatest(contacts[0])
+                                : ScalePoint(0.0f, 0.0f);
+    PostLeftMouse(TInputEventType::LeftMouseUp, at);
+    fingerMode = mode;
+    buttonState = kButtonReleased;
+    ClearTouchPointLists(contacts);
 }
 
 // ---------------------------------------------------------------------------------------------

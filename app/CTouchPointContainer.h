@@ -27,6 +27,20 @@
 #include "CTouchPointInfo.h"
 #include "EventSink.h"
 
+// Values of CTouchPointContainer::buttonState, the synthetic left button. It counts as held
+// when pressed or dragging.
+inline constexpr uint32_t kButtonNeverPressed = 0;
+inline constexpr uint32_t kButtonPressed = 1;
+inline constexpr uint32_t kButtonDragging = 2;
+inline constexpr uint32_t kButtonReleased = 3;
+
+// Values of CTouchPointContainer::fingerMode, the finger count of the gesture in progress.
+// Five contacts are handled as four; three leave it alone.
+inline constexpr uint32_t kFingerModeNone = 0;  // no gesture yet
+inline constexpr uint32_t kFingerModeOne = 1;
+inline constexpr uint32_t kFingerModeTwo = 2;
+inline constexpr uint32_t kFingerModeFour = 4;
+
 // A position on the screen, in points.
 struct TScreenPoint {
     double x;
@@ -87,8 +101,9 @@ public:
     TScreenPoint ScalePoint(float x, float y) const;
     // The scaled position of a contact's latest sample.
     TScreenPoint ScaledLatest(const CTouchPointInfo* contact) const;
-    // buttonState 1 (pressed) or 2 (dragging).
-    bool IsButtonHeld() const { return buttonState == 1 || buttonState == 2; }
+    bool IsButtonHeld() const {
+        return buttonState == kButtonPressed || buttonState == kButtonDragging;
+    }
 
     // A left-button event (moved, down, up, dragged) at a point, to the HID tap. Fn-flagged
     // unless told otherwise.
@@ -120,12 +135,15 @@ public:
     float lastClickY = 0.0f;
     float screenWidth = 0.0f;     // screen size in points (SetScreenBoard)
     float screenHeight = 0.0f;
-    uint32_t fingerMode = 0;      // finger count of the gesture in progress: 1, 2 or 4
-    uint32_t buttonState = 0;     // left button: 0 never pressed, 1 pressed, 2 dragging, 3 released
+    uint32_t fingerMode = kFingerModeNone;       // finger count of the gesture in progress
+    uint32_t buttonState = kButtonNeverPressed;  // the synthetic left button
     int32_t gestureSent = 0;      // 1 once a shortcut, scroll or tap was posted; read by nothing
 
 private:
     void Post(const TInputEvent& event);
+    // A multi-finger handler found the left button held: release it at the first contact's
+    // latest position (or 0, 0), enter the handler's finger mode and restart the paths.
+    void ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode);
 
     mutable std::recursive_mutex m_lock;
     CEventSink* m_sink;

@@ -17,9 +17,6 @@ bool FirstContacts(const CTouchPointList& contacts, std::array<const CTouchPoint
     return true;
 }
 
-// Four-direction code of a bearing: 6 up, 8 right, 10 down, 12 left.
-int Direction4(int bearing) { return CTouchPointInfo::GetMovingDirection(bearing) & ~1; }
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -61,13 +58,7 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
 
     if (IsButtonHeld()) {
         // More fingers landed during a one-finger press or drag: end the mouse action only.
-        const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
-                                    ? ScaledLatest(contacts[0])
-                                    : ScalePoint(0.0f, 0.0f);
-        PostLeftMouse(TInputEventType::LeftMouseUp, at);
-        fingerMode = 4;
-        buttonState = 3;
-        ClearTouchPointLists(contacts);
+        ReleaseHeldButton(contacts, kFingerModeFour);
         localGesture = TFS_ONE_FINGER_UP;
         return localGesture;
     }
@@ -76,7 +67,7 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
     if (outcome == TFS_NONE) outcome = FourCompatibleFingersZoom(contacts);
     if (outcome == TFS_NONE) {
         // Nothing yet: the paths keep growing.
-        fingerMode = 4;
+        fingerMode = kFingerModeFour;
         localGesture = TFS_NONE;
         return TFS_NONE;
     }
@@ -96,7 +87,7 @@ TELO_FINGER_STATUS CTouchPointContainer::FourFingerTouchType(const CTouchPointLi
     // One shortcut per touch: the latch holds while the fingers stay down.
     holdStatus = isDown;
     ClearTouchPointLists(contacts);
-    fingerMode = 4;
+    fingerMode = kFingerModeFour;
     localGesture = outcome;
     return outcome;
 }

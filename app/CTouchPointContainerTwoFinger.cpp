@@ -28,9 +28,6 @@ bool StartsAtRightEdge(const CTouchPointInfo* contact, float screenWidth) {
     return fromEdge < kBorderEdgePoints;
 }
 
-// Four-direction code of a bearing: 6 up, 8 right, 10 down, 12 left.
-int Direction4(int bearing) { return CTouchPointDeal::OneFignerMovingDirection(bearing) & ~1; }
-
 }  // namespace
 
 TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointList& contacts,
@@ -43,20 +40,14 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
     if (IsButtonHeld()) {
         // A second finger landed during a one-finger press or drag: end the mouse action only.
         const int64_t now = CurrentTick();
-        const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
-                                    ? ScaledLatest(contacts[0])
-                                    : ScalePoint(0.0f, 0.0f);
-        PostLeftMouse(TInputEventType::LeftMouseUp, at);
-        fingerMode = 2;
-        buttonState = 3;
-        ClearTouchPointLists(contacts);
+        ReleaseHeldButton(contacts, kFingerModeTwo);
         touchStartTick = now;
         return TFS_ONE_FINGER_UP;
     }
 
-    if (fingerMode == 4) {
+    if (fingerMode == kFingerModeFour) {
         // A four-finger gesture is being lifted finger by finger.
-        fingerMode = 2;
+        fingerMode = kFingerModeTwo;
         ClearTouchPointLists(contacts);
         return TFS_NONE;
     }
@@ -92,7 +83,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
         outcome = TwoFingersRoll(contacts);
         if (outcome == TFS_NONE) {
             if (contacts.size() != 2) {
-                fingerMode = 2;
+                fingerMode = kFingerModeTwo;
                 return TFS_NONE;
             }
             outcome = TwoFingersZoomRotation(contacts);
@@ -108,7 +99,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
     switch (outcome) {
         case TFS_NONE:
             // Nothing yet: the paths keep growing.
-            fingerMode = 2;
+            fingerMode = kFingerModeTwo;
             return TFS_NONE;
         case TFS_TWO_FINGERS_UP:
         case TFS_TWO_FINGERS_DOWN: {
@@ -169,7 +160,7 @@ TELO_FINGER_STATUS CTouchPointContainer::TwoFingersTouchType(const CTouchPointLi
     // Every recognised gesture restarts the paths, so the next one is measured afresh.
     gestureSent = 1;
     ClearTouchPointLists(contacts);
-    fingerMode = 2;
+    fingerMode = kFingerModeTwo;
     localGesture = outcome;
     return outcome;
 }

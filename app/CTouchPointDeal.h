@@ -64,6 +64,9 @@ public:
     static int GetAngle(float x1, float x2, float y1, float y2);
     // Sector code 6..13 of a bearing.
     static int OneFignerMovingDirection(int bearing);
+    // Four-direction code of a bearing: its sector with the low bit cleared, DIRECTION_UP,
+    // _RIGHT, _DOWN or _LEFT.
+    static int Direction4(int bearing) { return OneFignerMovingDirection(bearing) & ~1; }
     // Angular difference 0..180 of two bearings.
     static int CompareWithAngle(int a, int b);
     // Area of the axis-aligned bounding box of four points.

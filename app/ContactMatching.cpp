@@ -62,7 +62,8 @@ void checkTouchPoint(const _HARDWARE_SDK_POINT* points, CTouchPointList* list) {
 }
 
 int64_t FrameTimeStamp(const timeval& tv) {
-    return static_cast<int64_t>(tv.tv_sec) * 4000000 + static_cast<int64_t>(tv.tv_usec);
+    return static_cast<int64_t>(tv.tv_sec) * kStampUnitsPerSecond +
+           static_cast<int64_t>(tv.tv_usec);
 }
 
 int64_t CurrentFrameTimeStamp() {

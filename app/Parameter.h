@@ -29,10 +29,6 @@ inline constexpr uint64_t kRetryPauseMicros = 300; // pause after each failed at
 inline constexpr int kFramePollTries = 6;          // consecutive failed polls that end a worker
 inline constexpr uint32_t kFrameBufferBytes = 10240;  // contact storage of the worker's frame record
 
-// Frame time stamps: seconds are weighted by this, not by a million, and plain microseconds are
-// added. Every time threshold of contact matching assumes this unit.
-inline constexpr int64_t kStampMicrosPerSecond = 4'000'000;
-
 // Notification names.
 inline constexpr const char* kNotifyWindowExist = "isWindowExist";
 inline constexpr const char* kNotifyOpenThread = "openThread";

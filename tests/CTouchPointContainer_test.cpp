@@ -48,8 +48,8 @@ TEST(OneFinger, PressDragRelease) {
     EXPECT_EQ(results, (std::vector<TELO_FINGER_STATUS>{TFS_NONE, TFS_ONE_FINGER_DOWN,
                                                         TFS_ONE_FINGER_DRAG, TFS_ONE_FINGER_UP}));
     EXPECT_EQ(eventsAfterFrame, (std::vector<size_t>{0, 1, 2, 3}));
-    EXPECT_EQ(h.container.buttonState, 3u);
-    EXPECT_EQ(h.container.fingerMode, 1u);
+    EXPECT_EQ(h.container.buttonState, kButtonReleased);
+    EXPECT_EQ(h.container.fingerMode, kFingerModeOne);
     EXPECT_TRUE(h.tracker.Tracked().empty());
 
     // The next one-finger touch presses on its first frame: only a new finger count re-arms.
@@ -141,7 +141,7 @@ TEST_P(SecondTapTest, Outcome) {
     } else if (nearClick <= 200 && std::abs(lift - down) <= 100) {
         EXPECT_EQ(h.TakeEvents(), Concat({pressAndUp, DoubleClick(h, lift, 2000)}));
         EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_DBCLICK);
-        EXPECT_EQ(h.container.buttonState, 3u);
+        EXPECT_EQ(h.container.buttonState, kButtonReleased);
         EXPECT_EQ(h.container.lastClickTick, first);
         const std::vector<TLoggedLine> logs = h.TakeLogs();
         char distances[2][64];
@@ -157,7 +157,7 @@ TEST_P(SecondTapTest, Outcome) {
         EXPECT_EQ(h.TakeEvents(),
                   Concat({pressAndUp, Events{h.Left(T::LeftMouseDragged, lift, 2000)}}));
         EXPECT_EQ(h.tracker.LastGesture(), TFS_ONE_FINGER_DRAG);
-        EXPECT_EQ(h.container.buttonState, 2u);
+        EXPECT_EQ(h.container.buttonState, kButtonDragging);
         EXPECT_EQ(h.container.lastClickTick, first);  // left as it was
         EXPECT_EQ(h.container.lastClickX, 1000.0f);
     }
@@ -183,11 +183,11 @@ TEST(OneFinger, ShortTouchesToggleZoom) {
     EXPECT_EQ(h.container.touchStartTick, 0);
     EXPECT_EQ(h.container.gestureSent, 1);
     for (const char* key : {"9", "0"}) {
-        h.container.fingerMode = 2;  // as a two-finger gesture leaves it
+        h.container.fingerMode = kFingerModeTwo;  // as a two-finger gesture leaves it
         h.Play("wait 1s\ndown 1 1000 2000\nup 1\n");
         EXPECT_EQ(h.TakeEvents(), CGestureHarness::Shortcut(key, EVENT_FLAG_COMMAND)) << key;
     }
-    EXPECT_EQ(h.container.buttonState, 0u);  // never pressed
+    EXPECT_EQ(h.container.buttonState, kButtonNeverPressed);
 }
 
 // Verify how a long touch that ends before it pressed is finished: moved 50 units or more, it is
@@ -203,7 +203,7 @@ TEST(OneFinger, LongTouchEndsByDistanceMoved) {
                       moved.Left(T::LeftMouseDragged, 1050, 2000),
                       CGestureHarness::LeftUnscaled(T::LeftMouseUp, 1050, 2000)}));
     EXPECT_EQ(moved.TakeLines(TLogChannel::Stdout).back(), "3-up");
-    EXPECT_EQ(moved.container.buttonState, 3u);
+    EXPECT_EQ(moved.container.buttonState, kButtonReleased);
 
     CGestureHarness still;
     still.Play("down 1 1000 2000\nwait 1s\nup 1 1049 2000\n");
@@ -227,7 +227,7 @@ TEST(OneFinger, ReleaseClick) {
     EXPECT_EQ(h.TakeEvents(),
               (Events{TInputEvent::Mouse(T::LeftMouseUp, 0, 0, EVENT_FLAG_SECONDARY_FN)}));
     EXPECT_EQ(h.TakeLogs(), (std::vector<TLoggedLine>{{TLogChannel::System, "releaseclick"}}));
-    EXPECT_EQ(h.container.buttonState, 3u);
+    EXPECT_EQ(h.container.buttonState, kButtonReleased);
     h.container.releaseClick();
     EXPECT_TRUE(h.TakeEvents().empty());
 }

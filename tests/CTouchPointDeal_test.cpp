@@ -56,20 +56,27 @@ TEST(CTouchPointDeal, DistanceAreaTruncate) {
 struct Sector {
     int bearing;
     int code;
+    int direction4;
 };
 
 class SectorTable : public testing::TestWithParam<Sector> {};
 
-// Verify the eight sectors and their boundaries.
+// Verify the eight sectors and their boundaries, and how they pair into four directions.
 TEST_P(SectorTable, Code) {
     EXPECT_EQ(CTouchPointDeal::OneFignerMovingDirection(GetParam().bearing), GetParam().code);
+    EXPECT_EQ(CTouchPointDeal::Direction4(GetParam().bearing), GetParam().direction4);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SectorTable,
-                         testing::Values(Sector{0, 7}, Sector{44, 7}, Sector{45, 8}, Sector{90, 9},
-                                         Sector{135, 10}, Sector{180, 11}, Sector{225, 12},
-                                         Sector{270, 13}, Sector{314, 13}, Sector{315, 6},
-                                         Sector{359, 6}, Sector{-1, 6}, Sector{INT_MIN, 6}));
+INSTANTIATE_TEST_SUITE_P(
+    All, SectorTable,
+    testing::Values(Sector{0, 7, DIRECTION_UP}, Sector{44, 7, DIRECTION_UP},
+                    Sector{45, 8, DIRECTION_RIGHT}, Sector{90, 9, DIRECTION_RIGHT},
+                    Sector{134, 9, DIRECTION_RIGHT}, Sector{135, 10, DIRECTION_DOWN},
+                    Sector{180, 11, DIRECTION_DOWN}, Sector{224, 11, DIRECTION_DOWN},
+                    Sector{225, 12, DIRECTION_LEFT}, Sector{270, 13, DIRECTION_LEFT},
+                    Sector{314, 13, DIRECTION_LEFT}, Sector{315, 6, DIRECTION_UP},
+                    Sector{359, 6, DIRECTION_UP}, Sector{-1, 6, DIRECTION_UP},
+                    Sector{INT_MIN, 6, DIRECTION_UP}));
 
 struct AngleDifference {
     int a, b, difference;

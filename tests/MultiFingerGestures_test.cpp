@@ -156,12 +156,12 @@ TEST(FourFingerSweepLatch, ReleaseFirstThenHoldStatusFollowsIsDown) {
         }
     };
     sweep();
-    h.container.buttonState = 1;
+    h.container.buttonState = kButtonPressed;
     EXPECT_EQ(h.container.DealPoints(hand, true), TFS_ONE_FINGER_UP);
     EXPECT_EQ(h.TakeEvents(), (Events{h.Left(TInputEventType::LeftMouseUp, 19000, 8000)}));
     EXPECT_TRUE(AllPathsEmpty(hand));
-    EXPECT_EQ(h.container.fingerMode, 4u);
-    EXPECT_EQ(h.container.buttonState, 3u);
+    EXPECT_EQ(h.container.fingerMode, kFingerModeFour);
+    EXPECT_EQ(h.container.buttonState, kButtonReleased);
     EXPECT_FALSE(h.container.holdStatus);
     sweep();
     EXPECT_EQ(h.container.DealPoints(hand, false), TFS_FOUR_FINGERS_LEFT);
@@ -291,8 +291,8 @@ TEST(FourFingerTransitions, TwoFingerFrameAfterFourOnlyClears) {
         events.push_back(h.sink.Count());
     });
     ASSERT_EQ(fingerMode.size(), 24u);
-    EXPECT_EQ(fingerMode[11], 4u);  // the lift frame: no two-finger frame yet
-    EXPECT_EQ(fingerMode[12], 2u);  // the first two-finger frame
+    EXPECT_EQ(fingerMode[11], kFingerModeFour);  // the lift frame: no two-finger frame yet
+    EXPECT_EQ(fingerMode[12], kFingerModeTwo);  // the first two-finger frame
     // Counted from the lift frame, 550 units were reached at frame 21; only the four-finger
     // shortcut is there at frame 22...
     EXPECT_EQ(events[22], 2u);

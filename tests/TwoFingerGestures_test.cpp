@@ -248,8 +248,8 @@ TEST(TwoFingerTransitions, SecondFingerDuringDragOnlyReleases) {
                                       h.Left(T::LeftMouseDragged, 10300, 10000),
                                       h.Left(T::LeftMouseDragged, 10300, 10000),
                                       h.Left(T::LeftMouseUp, 10200, 10000)}));
-    EXPECT_EQ(h.container.buttonState, 3u);
-    EXPECT_EQ(h.container.fingerMode, 2u);
+    EXPECT_EQ(h.container.buttonState, kButtonReleased);
+    EXPECT_EQ(h.container.fingerMode, kFingerModeTwo);
 }
 
 struct ModeCase {
@@ -278,14 +278,15 @@ TEST_P(TwoFingerMode, ShortCircuitsClassification) {
               c.released ? Events{h.Left(T::LeftMouseUp, 18000, 10000)} : Events{});
     EXPECT_TRUE(c0.PathEmpty() && c1.PathEmpty());
     EXPECT_EQ(h.container.touchStartTick, c.released ? h.Tick() : 5);
-    EXPECT_EQ(h.container.buttonState, c.released ? 3u : c.buttonState);
-    EXPECT_EQ(h.container.fingerMode, 2u);
+    EXPECT_EQ(h.container.buttonState, c.released ? kButtonReleased : c.buttonState);
+    EXPECT_EQ(h.container.fingerMode, kFingerModeTwo);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, TwoFingerMode,
-    testing::Values(ModeCase{"ButtonHeld", 2, 1, TFS_ONE_FINGER_UP, true},
-                    ModeCase{"FourFingerLift", 3, 4, TFS_NONE, false}),
+    testing::Values(
+        ModeCase{"ButtonHeld", kButtonDragging, kFingerModeOne, TFS_ONE_FINGER_UP, true},
+        ModeCase{"FourFingerLift", kButtonReleased, kFingerModeFour, TFS_NONE, false}),
     [](const testing::TestParamInfo<ModeCase>& info) { return info.param.name; });
 
 struct LiftTimingCase {
@@ -305,7 +306,7 @@ TEST_P(TwoFingerLiftTiming, DecidesByTicks) {
     CTouchPointInfo c0(1, 10000, 10000, 0, 0, 0), c1(2, 14000, 10000, 0, 0, 0);
     c0.Update(10000, 10000, 1);
     c1.Update(14000, 10000, 1);
-    h.container.fingerMode = 2;
+    h.container.fingerMode = kFingerModeTwo;
     h.container.touchStartTick = h.Tick() - c.sinceLastLift;
     h.container.twoFingerTick = h.Tick() - c.sinceLastFrame;
     EXPECT_EQ(h.container.DealPoints({&c0, &c1}, false), c.outcome);
@@ -384,7 +385,7 @@ TEST(TwoFingerTransitions, ThreeContactsStopAfterRoll) {
     ASSERT_EQ(CTouchPointDeal::TwoFingersZoomRotation({&c0, &c1}), TFS_TWO_FINGERS_ZOOM_OUT);
     EXPECT_EQ(h.container.TwoFingersTouchType({&c0, &c1, &c2}, true), TFS_NONE);
     EXPECT_EQ(c0.PathSize(), 2u);
-    EXPECT_EQ(h.container.fingerMode, 2u);
+    EXPECT_EQ(h.container.fingerMode, kFingerModeTwo);
     EXPECT_TRUE(h.TakeEvents().empty());
 }
 
