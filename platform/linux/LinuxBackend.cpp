@@ -7,6 +7,7 @@
 
 bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     TScreenRequest request;
+    request.output = m_options.display;
     if (!m_options.screen.empty()) {
         request.placement = ParseScreenPlacement(m_options.screen);
         if (!request.placement) {
