@@ -83,9 +83,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_flag("--realtime", opt.realtime,
                  "Pace simulated frames in real time instead of on an instant virtual clock");
     app.add_option("--screen", opt.screen,
-                   "Screen size in points when no X server answers (default 1920x1080); "
-                   "simulation always uses it")
-        ->type_name("WxH");
+                   "Screen size in points, and its place on the desktop, when no X server "
+                   "answers (default 1920x1080); simulation always uses it")
+        ->type_name("WxH[+X+Y]");
+    app.add_option("--display", opt.display,
+                   "Map the gestures into this XRandR output (e.g. HDMI-1) instead of the "
+                   "primary one")
+        ->type_name("NAME");
     app.add_option("--keys", opt.keys,
                    "Shortcut mapping: 'literal' (Command as Super, the same keys) or 'desktop' "
                    "(each gesture's shortcut as a Linux desktop binds it)")

@@ -29,6 +29,11 @@ void SetCell(_HARDWARE_SDK_POINT* point, uint8_t group, uint8_t id) {
     point->cell[1] = id;
 }
 
+// Raw positions are widened with sign: a frame reports a contact just beyond its low edge as
+// 0xFFFF, which is -1 there and must not land beyond the opposite edge.
+int32_t RawX(const _HARDWARE_SDK_POINT* p) { return static_cast<int16_t>(p->rawX); }
+int32_t RawY(const _HARDWARE_SDK_POINT* p) { return static_cast<int16_t>(p->rawY); }
+
 // Float to int32 truncated toward zero, saturating where the value does not fit.
 int32_t TruncToInt32(float value) {
     if (std::isnan(value)) return 0;
@@ -234,8 +239,8 @@ void CCalibrateSystem::CalFramePoint(_HARDWARE_FRAME_SDK* frame) {
                                             CAL_SLOT_LOW_STATUS | CAL_SLOT_SEEN);
         }
 
-        const int x = p->rawX;
-        const int y = p->rawY;
+        const int x = RawX(p);
+        const int y = RawY(p);
         if ((s->state & CAL_SLOT_CHOSEN) == 0) {
             s->state |= CAL_SLOT_CHOSEN;
             if (_CAL_COORDINATE_INFO* button = UpdateBtnCoords(x, y)) {
@@ -320,8 +325,8 @@ void CCalibrateSystem::WriteHid(_HARDWARE_FRAME_SDK* frame, bool rotate) {
         p->y = info->y.AsInt();
 
         // Span of the contact's rectangle, through the same mapping.
-        const int x0 = p->rawX - p->rawW / 2;
-        const int y0 = p->rawY - p->rawH / 2;
+        const int x0 = RawX(p) - p->rawW / 2;
+        const int y0 = RawY(p) - p->rawH / 2;
         const int corners[4][2] = {{x0, y0},
                                    {x0 + p->rawW, y0},
                                    {x0 + p->rawW, y0 + p->rawH},
@@ -355,8 +360,8 @@ void CCalibrateSystem::WriteFloat(_HARDWARE_FRAME_SDK* frame, FloatForm form) {
         _CAL_COORDINATE_INFO* info = s->info;
         if (form == FloatForm::Desktop) {
             if (info == nullptr) {
-                p->x = Sub(1366, Div(Mul(p->rawX, 1366), rawWidth));
-                p->y = Div(Mul(p->rawY, 768), rawHeight);
+                p->x = Sub(1366, Div(Mul(RawX(p), 1366), rawWidth));
+                p->y = Div(Mul(RawY(p), 768), rawHeight);
             } else {
                 p->x = TruncToInt32(s->x);
                 p->y = TruncToInt32(s->y);
@@ -390,8 +395,8 @@ void CCalibrateSystem::GetDesktopCoords(_HARDWARE_FRAME_SDK* frame) {
 void CCalibrateSystem::GetSDKCoords(_HARDWARE_FRAME_SDK* frame) {
     if (frame == nullptr) return;
     for (_HARDWARE_SDK_POINT* p = frame->points; p != nullptr; p = p->next) {
-        p->x = p->rawX;
-        p->y = p->rawY;
+        p->x = RawX(p);
+        p->y = RawY(p);
         p->z = p->area;
         p->width = p->rawW;
         p->height = p->rawH;
@@ -400,15 +405,15 @@ void CCalibrateSystem::GetSDKCoords(_HARDWARE_FRAME_SDK* frame) {
 
 void CCalibrateSystem::DefaultHidCoords(_HARDWARE_SDK_POINT* point) const {
     // The X-derived edge serves both axes; X is mirrored.
-    point->x = CAL_HID_MIRROR - DefaultHidAxis(point->rawX, halfWidth, edge);
-    point->y = DefaultHidAxis(point->rawY, halfHeight, edge);
+    point->x = CAL_HID_MIRROR - DefaultHidAxis(RawX(point), halfWidth, edge);
+    point->y = DefaultHidAxis(RawY(point), halfHeight, edge);
     point->width = Div(Mul(point->rawW, 32767), rawWidth);
     point->height = Div(Mul(point->rawH, 32767), rawHeight);
 }
 
 void CCalibrateSystem::DefaultFloatCoords(_HARDWARE_SDK_POINT* point) const {
-    point->x = SdkPointFromFloat(1.0f - DefaultFloatAxis(point->rawX, halfWidth, edge));
-    point->y = SdkPointFromFloat(DefaultFloatAxis(point->rawY, halfHeight, edge));
+    point->x = SdkPointFromFloat(1.0f - DefaultFloatAxis(RawX(point), halfWidth, edge));
+    point->y = SdkPointFromFloat(DefaultFloatAxis(RawY(point), halfHeight, edge));
     point->width = Div(Mul(point->rawW, 32767), rawWidth);
     point->height = Div(Mul(point->rawH, 32767), rawHeight);
 }

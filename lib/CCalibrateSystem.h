@@ -71,7 +71,8 @@ public:
     void GetTuioCoords(_HARDWARE_FRAME_SDK* frame);     // float fractions in x, y
     void GetFlashCoords(_HARDWARE_FRAME_SDK* frame);    // as GetTuioCoords
     void GetDesktopCoords(_HARDWARE_FRAME_SDK* frame);  // output units as int32
-    // The device's own units: x, y = rawX, rawY; width, height = rawW, rawH; z = area.
+    // The device's own units: x, y = rawX, rawY widened with sign; width, height = rawW, rawH;
+    // z = area.
     void GetSDKCoords(_HARDWARE_FRAME_SDK* frame);
 
     // Mapping of one raw point through the areas (blended) or the first button panel that

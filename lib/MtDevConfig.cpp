@@ -1,5 +1,6 @@
 #include "MtDevConfig.h"
 
+#include "LittleEndian.h"
 #include "TWideString.h"
 
 #include <algorithm>
@@ -28,23 +29,6 @@ constexpr uint8_t TAG_TEXT = 0x03;
 constexpr uint8_t TAG_REC4 = 0x04;
 constexpr uint8_t TAG_PANELS = 0x80;
 constexpr uint8_t TAG_BACKUP = 0x81;
-
-uint16_t Get16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
-
-uint32_t Get32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-
-void Put16(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-
-void Put32(uint8_t* p, uint32_t v) {
-    Put16(p, v);
-    Put16(p + 2, v >> 16);
-}
 
 enum class KeyKind { Code, Text2, Text3, None };
 
@@ -125,8 +109,8 @@ int KeysInUse(const _HBRECT_CONFIG_FILE& panel) {
 // Record 0x03: two numbers and a text of 1 to 31 units. Any other text leaves `text` as it was.
 void DecodeTextRecord(const uint8_t* content, int length, _HARDWARE_DEV_CONFIG& config) {
     if (length < 9) return;
-    config.textValue1 = Get32(content);
-    config.textValue2 = Get32(content + 4);
+    config.textValue1 = ReadLeU32(content);
+    config.textValue2 = ReadLeU32(content + 4);
     // Only whether the text has 1 to 31 units matters, so at most 32 units are looked at.
     const int units = std::min((length - 8) / 2, DEV_CONFIG_TEXT_CHARS);
     unsigned short copy[DEV_CONFIG_TEXT_CHARS] = {};  // the block's units are not aligned
@@ -144,10 +128,10 @@ void DecodeKeys(const uint8_t* panelBytes, int panelLength, int keys, const uint
     for (int j = 0; j < keys; ++j) {
         const uint8_t* entry = panelBytes + PANEL_HEAD_BYTES + KEY_ENTRY_BYTES * j;
         _HARDWARE_KEY_CONFIG& key = panel.keys[j];
-        key.rect.x = Get16(entry + 4);
-        key.rect.y = Get16(entry + 6);
-        key.rect.width = Get16(entry + 8);
-        key.rect.height = Get16(entry + 10);
+        key.rect.x = ReadLeU16(entry + 4);
+        key.rect.y = ReadLeU16(entry + 6);
+        key.rect.width = ReadLeU16(entry + 8);
+        key.rect.height = ReadLeU16(entry + 10);
         key.type = entry[0];
         const KeyKind kind = KindOf(key.type);
         if (kind == KeyKind::Code) {
@@ -160,7 +144,7 @@ void DecodeKeys(const uint8_t* panelBytes, int panelLength, int keys, const uint
 
         const int need = NumberBytes(kind);
         const int textBytes = entry[1];
-        const int textOffset = Get16(entry + 2);
+        const int textOffset = ReadLeU16(entry + 2);
         if (panelLength - numbers < need || textBytes > MAX_KEY_TEXT_BYTES ||
             textOffset + textBytes > textAreaLength) {
             panel.rows = 0;
@@ -168,12 +152,12 @@ void DecodeKeys(const uint8_t* panelBytes, int panelLength, int keys, const uint
             return;
         }
         if (kind == KeyKind::Text2) {
-            key.keyValue1 = Get32(panelBytes + numbers);
-            key.keyValue2 = Get32(panelBytes + numbers + 4);
+            key.keyValue1 = ReadLeU32(panelBytes + numbers);
+            key.keyValue2 = ReadLeU32(panelBytes + numbers + 4);
         } else {
-            key.keyValue3 = Get32(panelBytes + numbers);
-            key.keyValue1 = Get32(panelBytes + numbers + 4);
-            key.keyValue2 = Get32(panelBytes + numbers + 8);
+            key.keyValue3 = ReadLeU32(panelBytes + numbers);
+            key.keyValue1 = ReadLeU32(panelBytes + numbers + 4);
+            key.keyValue2 = ReadLeU32(panelBytes + numbers + 8);
         }
         numbers += need;
         // The entry's length would only bound the search for the zero unit; the text is taken up
@@ -188,16 +172,16 @@ void ReadPanels(const uint8_t* content, int length, int headerPanels,
                 _HARDWARE_DEV_CONFIG& config, int64_t& count) {
     count = 4 * config.panelCount + 4;
     if (count > length) return;
-    const int textAreaOffset = Get16(content);      // A, counted from `content`
-    const int textAreaLength = Get16(content + 2);  // S
+    const int textAreaOffset = ReadLeU16(content);      // A, counted from `content`
+    const int textAreaLength = ReadLeU16(content + 2);  // S
     if (textAreaOffset + textAreaLength > length || headerPanels == 0) return;
     const uint8_t* textArea = content + textAreaOffset;
 
     for (int i = 0; i < headerPanels; ++i) {
         const int index = 4 + 4 * i;
         if (index + 4 > length) return;  // the index itself runs past the record
-        const int offset = Get16(content + index);    // O
-        const int size = Get16(content + index + 2);  // E
+        const int offset = ReadLeU16(content + index);    // O
+        const int size = ReadLeU16(content + index + 2);  // E
         if (size < PANEL_HEAD_BYTES || offset + size > length) return;
 
         const uint8_t* panelBytes = content + offset;
@@ -290,8 +274,8 @@ int WritePanelRecord(const _HARDWARE_DEV_CONFIG& config, const EncodePlan& plan,
     out[0] = TAG_PANELS;
     uint8_t* content = out + 3;
     const int textAreaOffset = 4 * plan.panels + 4;
-    Put16(content, static_cast<uint32_t>(textAreaOffset));
-    Put16(content + 2, static_cast<uint32_t>(plan.textAreaBytes));
+    WriteLeU16(content, static_cast<uint32_t>(textAreaOffset));
+    WriteLeU16(content + 2, static_cast<uint32_t>(plan.textAreaBytes));
 
     uint8_t* textArea = content + textAreaOffset;
     int textEnd = 0;
@@ -315,10 +299,10 @@ int WritePanelRecord(const _HARDWARE_DEV_CONFIG& config, const EncodePlan& plan,
             const _HARDWARE_KEY_CONFIG& key = panel.keys[k];
             uint8_t* entry = panelBytes + PANEL_HEAD_BYTES + KEY_ENTRY_BYTES * k;
             entry[0] = key.type;
-            Put16(entry + 4, key.rect.x);
-            Put16(entry + 6, key.rect.y);
-            Put16(entry + 8, key.rect.width);
-            Put16(entry + 10, key.rect.height);
+            WriteLeU16(entry + 4, key.rect.x);
+            WriteLeU16(entry + 6, key.rect.y);
+            WriteLeU16(entry + 8, key.rect.width);
+            WriteLeU16(entry + 10, key.rect.height);
             const KeyKind kind = KindOf(key.type);
             if (kind == KeyKind::Code) {
                 entry[1] = key.code0;
@@ -331,22 +315,22 @@ int WritePanelRecord(const _HARDWARE_DEV_CONFIG& config, const EncodePlan& plan,
             const UnitText& t = plan.keyText[p][k];
             const int found = GetStringFile(textArea, plan.textAreaBytes, t.Data(), t.Bytes());
             entry[1] = found >= 0 && t.length != 0 ? static_cast<uint8_t>(t.Bytes()) : 0;
-            Put16(entry + 2, found >= 0 ? static_cast<uint32_t>(found) : 0);
+            WriteLeU16(entry + 2, found >= 0 ? static_cast<uint32_t>(found) : 0);
             if (kind == KeyKind::Text2) {
-                Put32(panelBytes + numbers, key.keyValue1);
-                Put32(panelBytes + numbers + 4, key.keyValue2);
+                WriteLeU32(panelBytes + numbers, key.keyValue1);
+                WriteLeU32(panelBytes + numbers + 4, key.keyValue2);
             } else {
-                Put32(panelBytes + numbers, key.keyValue3);
-                Put32(panelBytes + numbers + 4, key.keyValue1);
-                Put32(panelBytes + numbers + 8, key.keyValue2);
+                WriteLeU32(panelBytes + numbers, key.keyValue3);
+                WriteLeU32(panelBytes + numbers + 4, key.keyValue1);
+                WriteLeU32(panelBytes + numbers + 8, key.keyValue2);
             }
             numbers += NumberBytes(kind);
         }
-        Put16(content + 4 + 4 * p, static_cast<uint32_t>(offset));
-        Put16(content + 4 + 4 * p + 2, static_cast<uint32_t>(numbers));
+        WriteLeU16(content + 4 + 4 * p, static_cast<uint32_t>(offset));
+        WriteLeU16(content + 4 + 4 * p + 2, static_cast<uint32_t>(numbers));
         offset += numbers;
     }
-    Put16(out + 1, static_cast<uint32_t>(offset));
+    WriteLeU16(out + 1, static_cast<uint32_t>(offset));
     return offset + 3;
 }
 
@@ -357,7 +341,7 @@ int WritePanelRecord(const _HARDWARE_DEV_CONFIG& config, const EncodePlan& plan,
 int DecodeDevConfig(const uint8_t* block, int length, _HARDWARE_DEV_CONFIG* config) {
     if (block == nullptr || length < 3) return -1;
     if (block[2] != DEV_CONFIG_BLOCK_TAG) return 0;
-    const int total = Get16(block);
+    const int total = ReadLeU16(block);
     if (total < 4) return -1;
     if (config == nullptr) return total;
 
@@ -374,14 +358,14 @@ int DecodeDevConfig(const uint8_t* block, int length, _HARDWARE_DEV_CONFIG* conf
 
     _HARDWARE_DEV_CONFIG& c = *config;
     c.option0 = block[3];
-    c.flags = Get32(block + 4);
+    c.flags = ReadLeU32(block + 4);
     c.option2 = block[10];
     c.option3 = block[11];
-    c.value0 = Get16(block + 12);
-    c.value1 = Get16(block + 14);
-    c.netAddress = Get32(block + 16);
-    c.port = Get16(block + 20);
-    c.port2 = Get16(block + 22);
+    c.value0 = ReadLeU16(block + 12);
+    c.value1 = ReadLeU16(block + 14);
+    c.netAddress = ReadLeU32(block + 16);
+    c.port = ReadLeU16(block + 20);
+    c.port2 = ReadLeU16(block + 22);
     c.option1 = block[24];
     c.areaCount = static_cast<uint8_t>(areas);
     c.extraCount = static_cast<uint8_t>(extras);
@@ -410,7 +394,7 @@ int DecodeDevConfig(const uint8_t* block, int length, _HARDWARE_DEV_CONFIG* conf
         const uint8_t tag = block[pos];
         const int headBytes = tag < 0x80 ? 2 : 3;
         if (length - pos < headBytes) return DEV_CONFIG_DECODE_OK;
-        const int recordLength = tag < 0x80 ? block[pos + 1] : Get16(block + pos + 1);
+        const int recordLength = tag < 0x80 ? block[pos + 1] : ReadLeU16(block + pos + 1);
         count += recordLength;
         if (count >= length) return DEV_CONFIG_DECODE_OK;
         if (length - pos - headBytes < recordLength) return DEV_CONFIG_DECODE_OK;  // cut short
@@ -420,12 +404,12 @@ int DecodeDevConfig(const uint8_t* block, int length, _HARDWARE_DEV_CONFIG* conf
             case TAG_REC1:
                 if (recordLength == 5) {
                     c.rec1Byte = content[0];
-                    c.rec1Value0 = Get16(content + 1);
-                    c.rec1Value1 = Get16(content + 3);
+                    c.rec1Value0 = ReadLeU16(content + 1);
+                    c.rec1Value1 = ReadLeU16(content + 3);
                 }
                 break;
             case TAG_REC2:
-                if (recordLength == 2) c.rec2Value = Get16(content);
+                if (recordLength == 2) c.rec2Value = ReadLeU16(content);
                 break;
             case TAG_REC4:
                 if (recordLength == 1) c.rec4Byte = content[0];
@@ -458,18 +442,18 @@ int EncodeDevConfig(const _HARDWARE_DEV_CONFIG* config, uint8_t* out) {
     if (out == nullptr) return plan.length;
 
     const _HARDWARE_DEV_CONFIG& c = *config;
-    Put16(out, static_cast<uint32_t>(plan.length));
+    WriteLeU16(out, static_cast<uint32_t>(plan.length));
     out[2] = DEV_CONFIG_BLOCK_TAG;
     out[3] = c.option0;
-    Put32(out + 4, c.flags);
-    Put16(out + 8, 0);
+    WriteLeU32(out + 4, c.flags);
+    WriteLeU16(out + 8, 0);
     out[10] = c.option2;
     out[11] = c.option3;
-    Put16(out + 12, c.value0);
-    Put16(out + 14, c.value1);
-    Put32(out + 16, c.netAddress);
-    Put16(out + 20, c.port);
-    Put16(out + 22, c.port2);
+    WriteLeU16(out + 12, c.value0);
+    WriteLeU16(out + 14, c.value1);
+    WriteLeU32(out + 16, c.netAddress);
+    WriteLeU16(out + 20, c.port);
+    WriteLeU16(out + 22, c.port2);
     out[24] = c.option1;
     out[25] = static_cast<uint8_t>(plan.areas);
     out[26] = static_cast<uint8_t>(plan.extras);
@@ -484,8 +468,8 @@ int EncodeDevConfig(const _HARDWARE_DEV_CONFIG* config, uint8_t* out) {
         out[pos] = TAG_REC1;
         out[pos + 1] = 5;
         out[pos + 2] = c.rec1Byte;
-        Put16(out + pos + 3, c.rec1Value0);
-        Put16(out + pos + 5, c.rec1Value1);
+        WriteLeU16(out + pos + 3, c.rec1Value0);
+        WriteLeU16(out + pos + 5, c.rec1Value1);
         pos += 7;
     }
     if (plan.rec4) {
@@ -497,21 +481,21 @@ int EncodeDevConfig(const _HARDWARE_DEV_CONFIG* config, uint8_t* out) {
     if (plan.rec2) {
         out[pos] = TAG_REC2;
         out[pos + 1] = 2;
-        Put16(out + pos + 2, c.rec2Value);
+        WriteLeU16(out + pos + 2, c.rec2Value);
         pos += 4;
     }
     if (plan.rec3) {
         out[pos] = TAG_TEXT;
         out[pos + 1] = static_cast<uint8_t>(8 + plan.text.Bytes());
-        Put32(out + pos + 2, c.textValue1);
-        Put32(out + pos + 6, c.textValue2);
+        WriteLeU32(out + pos + 2, c.textValue1);
+        WriteLeU32(out + pos + 6, c.textValue2);
         std::memcpy(out + pos + 10, plan.text.Data(), static_cast<size_t>(plan.text.Bytes()));
         pos += 10 + plan.text.Bytes();
     }
     if (c.panelCount != 0) pos += WritePanelRecord(c, plan, out + pos);
     if (c.backupLength != 0 && c.backupLength <= MAX_BACKUP_WRITTEN) {
         out[pos] = TAG_BACKUP;
-        Put16(out + pos + 1, c.backupLength);
+        WriteLeU16(out + pos + 1, c.backupLength);
         std::memcpy(out + pos + 3, c.backup, c.backupLength);
     }
     return plan.length;
@@ -619,14 +603,14 @@ void GetDevConfigOverride(const _HARDWARE_DEV_CONFIG* config,
 
 int EncodeDevConfigOverride(const _HARDWARE_CONFIG_OVERRIDE* override, uint8_t* out) {
     if (out != nullptr) {
-        Put16(out, DEV_CONFIG_OVERRIDE_BYTES);
+        WriteLeU16(out, DEV_CONFIG_OVERRIDE_BYTES);
         out[2] = DEV_CONFIG_BLOCK_TAG;
         out[3] = override->option1;
         out[4] = override->option2;
         out[5] = override->option3;
-        Put16(out + 6, override->value0);
-        Put16(out + 8, override->value1);
-        Put32(out + 10, override->flags);
+        WriteLeU16(out + 6, override->value0);
+        WriteLeU16(out + 8, override->value1);
+        WriteLeU32(out + 10, override->flags);
         for (int i = 0; i < 4; ++i) out[14 + i] = static_cast<uint8_t>(override->edgeAdjust[i]);
     }
     return DEV_CONFIG_OVERRIDE_BYTES;

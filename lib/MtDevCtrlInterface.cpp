@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "MtDevLog.h"
+#include "LittleEndian.h"
 #include "MultiPlatformAPI.h"
 
 namespace {
@@ -47,27 +48,6 @@ thread_local wchar_t t_errorText[MTDEV_ERROR_NAME_CHARS];
 
 bool AcceptedPacketKind(int kind) {
     return kind == 4 || kind == 17 || kind == 27 || kind == 37 || kind == 64;
-}
-
-uint32_t Get32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
-
-uint16_t Get16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] | p[1] << 8);
-}
-
-void Put32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-    p[2] = static_cast<uint8_t>(v >> 16);
-    p[3] = static_cast<uint8_t>(v >> 24);
-}
-
-void Put16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
 }
 
 }  // namespace
@@ -116,7 +96,7 @@ void CMtDevController::MakeCommandPacketLoSpeed(uint8_t* buffer, int length, uin
     if (position > length - 2) position = length - 2;
     buffer[5] = static_cast<uint8_t>(position);
     buffer[position] = command;
-    Put32(buffer + 1, parameter);
+    WriteLeU32(buffer + 1, parameter);
     buffer[length - 1] = 0xFF;
 }
 
@@ -136,7 +116,7 @@ void CMtDevController::MakeCommandPacketHiSpeed(uint8_t* buffer, uint8_t type, u
     }
     buffer[5] = static_cast<uint8_t>(position);
     buffer[position] = command;
-    Put32(buffer + 1, parameter);
+    WriteLeU32(buffer + 1, parameter);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -204,7 +184,7 @@ DEV_ERR CMtDevController::GetLoSpeed(uint8_t command, uint8_t* buffer, int& leng
         }
         if (m_com.ReadHidDevCom(io, m_timeouts.hidReplyMs) != MTDEV_REPORT_BYTES) return DE_DEV_READ;
         if (io[0] != MTDEV_REPLY_ACK || io[1] != MTDEV_REPLY_END) return DE_ERROR;
-        length = static_cast<int>(Get32(io + 2));
+        length = static_cast<int>(ReadLeU32(io + 2));
         FinishTransfer();
         return DE_OK;
     }
@@ -304,7 +284,7 @@ DEV_ERR CMtDevController::SetLoSpeed(uint8_t command, const uint8_t* data, int l
     if (m_com.ReadHidDevCom(io, m_timeouts.hidWriteAckMs) != MTDEV_REPORT_BYTES) return DE_DEV_READ;
     if (io[0] != MTDEV_REPLY_ACK) return DE_UNEXPECTED_READ;
     if (io[1] != MTDEV_REPLY_WRITE_OK) return DE_ERROR;
-    if (Get32(io + 2) != 4) return DE_DEV_FLASH;
+    if (ReadLeU32(io + 2) != 4) return DE_DEV_FLASH;
     TSleepMicros(kWriteSettleMicros);
 
     if (length >= 1) {
@@ -314,7 +294,7 @@ DEV_ERR CMtDevController::SetLoSpeed(uint8_t command, const uint8_t* data, int l
             if (abortFlag.load(std::memory_order_relaxed) != 0) return DE_ERROR;
             const int n = std::min(MTDEV_PIECE_DATA_BYTES, length - offset);
             io[0] = MTDEV_PACKET_DATA;
-            Put32(io + 1, sequence);
+            WriteLeU32(io + 1, sequence);
             io[63] = static_cast<uint8_t>(n);
             std::memcpy(io + 5, data + offset, static_cast<size_t>(n));
             if (m_com.WriteHidDevCom(io, m_timeouts.hidWriteMs) != MTDEV_REPORT_BYTES) {
@@ -324,7 +304,7 @@ DEV_ERR CMtDevController::SetLoSpeed(uint8_t command, const uint8_t* data, int l
                 return DE_DEV_READ;
             }
             if (io[0] != MTDEV_REPLY_ACK || io[1] != MTDEV_REPLY_PIECE_OK) return DE_ERROR;
-            if (Get32(io + 2) != (sequence | MTDEV_PIECE_ACK_MARK)) return DE_DEV_FLASH;
+            if (ReadLeU32(io + 2) != (sequence | MTDEV_PIECE_ACK_MARK)) return DE_DEV_FLASH;
             AddProgress(static_cast<uint32_t>(n));
             offset += n;
             ++sequence;
@@ -507,9 +487,9 @@ DEV_ERR CMtDevController::GetFrameDataLoSpeed(_HARDWARE_FRAME_DATA* raw) {
     // Built by hand: the command at position 27, the caller's capacity, mode and headers.
     uint8_t request[MTDEV_REPORT_BYTES] = {};
     request[0] = MTDEV_PACKET_READ;
-    Put32(request + 1, MTDEV_SIZE_QUERY);
+    WriteLeU32(request + 1, MTDEV_SIZE_QUERY);
     request[5] = 27;
-    Put16(request + 6, raw->capacity);
+    WriteLeU16(request + 6, raw->capacity);
     request[8] = MTDEV_FRAME_DATA_MARK;
     request[9] = raw->frameMode;
     std::memcpy(request + 10, raw->header1, 8);
@@ -524,7 +504,7 @@ DEV_ERR CMtDevController::GetFrameDataLoSpeed(_HARDWARE_FRAME_DATA* raw) {
     if (m_com.ReadHidDevCom(answer, m_timeouts.hidReplyMs) != MTDEV_REPORT_BYTES) return DE_DEV_READ;
     if (answer[0] != MTDEV_REPLY_DATA) return DE_ERROR;
     if (answer[5] != MTDEV_FRAME_DATA_MARK) return DE_BAD_VERSION;
-    raw->frameNo = Get32(answer + 9);
+    raw->frameNo = ReadLeU32(answer + 9);
     raw->frameMode = answer[6];
     std::memcpy(raw->header1, answer + 13, 8);
     std::memcpy(raw->header2, answer + 21, 8);
@@ -533,7 +513,7 @@ DEV_ERR CMtDevController::GetFrameDataLoSpeed(_HARDWARE_FRAME_DATA* raw) {
 
     for (uint32_t piece = 0;; ++piece) {
         if (abortFlag.load(std::memory_order_relaxed) != 0) return DE_ERROR;
-        Put32(request + 1, piece);
+        WriteLeU32(request + 1, piece);
         if (m_com.WriteHidDevCom(request, m_timeouts.hidWriteMs) != MTDEV_REPORT_BYTES) {
             return DE_DEV_WRITE;
         }
@@ -564,7 +544,7 @@ DEV_ERR CMtDevController::GetFrameDataHiSpeed(_HARDWARE_FRAME_DATA* raw) {
     uint8_t packet[MTDEV_HI_PACKET_BYTES] = {};
     packet[0] = MTDEV_PACKET_READ;
     packet[5] = 27;
-    Put16(packet + 6, raw->capacity);
+    WriteLeU16(packet + 6, raw->capacity);
     packet[8] = MTDEV_FRAME_DATA_MARK;
     packet[9] = raw->frameMode;
     std::memcpy(packet + 10, raw->header1, 8);
@@ -580,11 +560,11 @@ DEV_ERR CMtDevController::GetFrameDataHiSpeed(_HARDWARE_FRAME_DATA* raw) {
     const uint8_t* s = raw->storage;
     if (s[0] != MTDEV_FRAME_DATA_MARK) return DE_BAD_VERSION;
     raw->frameMode = s[1];
-    raw->frameNo = Get32(s + 4);
+    raw->frameNo = ReadLeU32(s + 4);
     std::memcpy(raw->header1, s + 8, 8);
     std::memcpy(raw->header2, s + 16, 8);
     raw->dataBytes = static_cast<uint16_t>(
-        std::min<int>(Get16(s + 2), got - MTDEV_FRAME_DATA_HEAD_BYTES));
+        std::min<int>(ReadLeU16(s + 2), got - MTDEV_FRAME_DATA_HEAD_BYTES));
     raw->data = raw->storage + MTDEV_FRAME_DATA_HEAD_BYTES;
     FinishTransfer();
     return DE_OK;
@@ -618,7 +598,7 @@ DEV_ERR CMtDevController::GetScanPatternFile(uint8_t* buffer, int& length) {
     const DEV_ERR result = Read(MTDEV_CMD_SCAN_PATTERN, head, got);
     if (result != DE_OK) return result;
     if (got != 6) return DE_RW_LENGTH;
-    const uint32_t size = Get32(head + 2);
+    const uint32_t size = ReadLeU32(head + 2);
     length = static_cast<int>(size);
     if (size < 6 || size > MTDEV_SCAN_PATTERN_MAX) return DE_BAD_DATA_SIZE;
     return DE_OK;

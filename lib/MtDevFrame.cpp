@@ -2,15 +2,9 @@
 
 #include <cstring>
 
+#include "LittleEndian.h"
+
 namespace {
-
-uint16_t ReadU16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-
-int16_t ReadS16(const uint8_t* p) {
-    return static_cast<int16_t>(ReadU16(p));
-}
 
 // Storage for contact k (1-based), or null when it would end beyond the owner's buffer.
 _HARDWARE_SDK_POINT* PointSlot(const _HARDWARE_FRAME_SDK* frame, int k) {
@@ -31,8 +25,8 @@ void PushFront(_HARDWARE_FRAME_SDK* frame, _HARDWARE_SDK_POINT* point) {
 bool DecodeCompact(const uint8_t* payload, int length, _HARDWARE_FRAME_SDK* frame) {
     if (length < 6) return false;
     const int count = payload[1];
-    const int16_t extentX = ReadS16(payload + 2);
-    const int16_t extentY = ReadS16(payload + 4);
+    const int16_t extentX = ReadLeI16(payload + 2);
+    const int16_t extentY = ReadLeI16(payload + 4);
     frame->rawWidth = static_cast<uint16_t>(extentX);
     frame->rawHeight = static_cast<uint16_t>(extentY);
     frame->logicalWidth = extentX / 4;  // truncates toward zero: -5 gives -1
@@ -45,8 +39,8 @@ bool DecodeCompact(const uint8_t* payload, int length, _HARDWARE_FRAME_SDK* fram
         const uint8_t* src = payload + 6 * k;
         point->id = src[0];
         point->status = src[1];
-        point->rawX = ReadU16(src + 2);
-        point->rawY = ReadU16(src + 4);
+        point->rawX = ReadLeU16(src + 2);
+        point->rawY = ReadLeU16(src + 4);
         point->area = 0;
         point->rawW = 0;
         point->rawH = 0;
@@ -61,10 +55,10 @@ bool DecodeCompact(const uint8_t* payload, int length, _HARDWARE_FRAME_SDK* fram
 bool DecodeExtended(const uint8_t* payload, int length, _HARDWARE_FRAME_SDK* frame) {
     if (length < 10) return false;
     const int count = payload[1];
-    frame->logicalWidth = ReadS16(payload + 2);
-    frame->logicalHeight = ReadS16(payload + 4);
-    frame->rawWidth = ReadU16(payload + 6);
-    frame->rawHeight = ReadU16(payload + 8);
+    frame->logicalWidth = ReadLeI16(payload + 2);
+    frame->logicalHeight = ReadLeI16(payload + 4);
+    frame->rawWidth = ReadLeU16(payload + 6);
+    frame->rawHeight = ReadLeU16(payload + 8);
     if (length < 20 || count == 0) return true;
 
     for (int k = 1;; ++k) {
@@ -73,10 +67,10 @@ bool DecodeExtended(const uint8_t* payload, int length, _HARDWARE_FRAME_SDK* fra
         const uint8_t* src = payload + 10 * k;
         point->id = src[0];
         point->status = src[1];
-        point->rawX = ReadU16(src + 2);
-        point->rawY = ReadU16(src + 4);
-        point->rawW = ReadS16(src + 6);
-        point->rawH = ReadS16(src + 8);
+        point->rawX = ReadLeU16(src + 2);
+        point->rawY = ReadLeU16(src + 4);
+        point->rawW = ReadLeI16(src + 6);
+        point->rawH = ReadLeI16(src + 8);
         point->area = static_cast<int32_t>(point->rawW) * static_cast<int32_t>(point->rawH);
         point->user = nullptr;
         PushFront(frame, point);

@@ -14,7 +14,8 @@ struct DriverOptions {
     uint16_t simulateVendor = 0xAAEC;   // USB ids of the emulated frames
     uint16_t simulateProduct = 0xC020;
     bool realtime = false;         // pace emulated frames in real time
-    std::string screen;            // WxH given on the command line; empty when not given
+    std::string screen;            // WxH or WxH+X+Y given on the command line; empty when not
+    std::string display;           // the XRandR output the gestures map into; empty: primary
     std::string keys = "literal";  // the shortcut profile
     std::string uinputPath = "/dev/uinput";
     bool noSingleInstance = false;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "LittleEndian.h"
 #include "MtDevConfig.h"
 #include "MtDevCtrlInterface.h"
 #include "MtDevPorts.h"
@@ -11,24 +12,6 @@
 namespace {
 
 constexpr uint8_t kGarbageLead = 0x5A;  // first byte of a noise reply: no reply code
-
-uint32_t Get32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
-
-uint16_t Get16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] | p[1] << 8);
-}
-
-void Put32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-void Put16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
 
 std::vector<uint8_t> Report(std::initializer_list<uint8_t> head) {
     std::vector<uint8_t> r(MTDEV_REPORT_BYTES, 0);
@@ -38,7 +21,7 @@ std::vector<uint8_t> Report(std::initializer_list<uint8_t> head) {
 
 std::vector<uint8_t> AckReport(uint8_t code, uint32_t value) {
     std::vector<uint8_t> r = Report({MTDEV_REPLY_ACK, code});
-    Put32(r.data() + 2, value);
+    WriteLeU32(r.data() + 2, value);
     return r;
 }
 
@@ -66,14 +49,14 @@ TEmuFramePayload EmuCompactFrame(int16_t extentX, int16_t extentY,
     const size_t n = std::min<size_t>(contacts.size(), 9);
     p[0] = FRAME_TAG_COMPACT;
     p[1] = static_cast<uint8_t>(n);
-    Put16(&p[2], static_cast<uint16_t>(extentX));
-    Put16(&p[4], static_cast<uint16_t>(extentY));
+    WriteLeU16(&p[2], static_cast<uint16_t>(extentX));
+    WriteLeU16(&p[4], static_cast<uint16_t>(extentY));
     for (size_t k = 0; k < n; ++k) {
         uint8_t* c = &p[6 + 6 * k];
         c[0] = contacts[k].id;
         c[1] = contacts[k].status;
-        Put16(c + 2, contacts[k].x);
-        Put16(c + 4, contacts[k].y);
+        WriteLeU16(c + 2, contacts[k].x);
+        WriteLeU16(c + 4, contacts[k].y);
     }
     return p;
 }
@@ -84,18 +67,18 @@ TEmuFramePayload EmuExtendedFrame(int16_t logicalX, int16_t logicalY, uint16_t r
     const size_t n = std::min<size_t>(contacts.size(), 5);
     p[0] = FRAME_TAG_EXTENDED;
     p[1] = static_cast<uint8_t>(n);
-    Put16(&p[2], static_cast<uint16_t>(logicalX));
-    Put16(&p[4], static_cast<uint16_t>(logicalY));
-    Put16(&p[6], rawX);
-    Put16(&p[8], rawY);
+    WriteLeU16(&p[2], static_cast<uint16_t>(logicalX));
+    WriteLeU16(&p[4], static_cast<uint16_t>(logicalY));
+    WriteLeU16(&p[6], rawX);
+    WriteLeU16(&p[8], rawY);
     for (size_t k = 0; k < n; ++k) {
         uint8_t* c = &p[10 + 10 * k];
         c[0] = contacts[k].id;
         c[1] = contacts[k].status;
-        Put16(c + 2, contacts[k].x);
-        Put16(c + 4, contacts[k].y);
-        Put16(c + 6, static_cast<uint16_t>(contacts[k].width));
-        Put16(c + 8, static_cast<uint16_t>(contacts[k].height));
+        WriteLeU16(c + 2, contacts[k].x);
+        WriteLeU16(c + 4, contacts[k].y);
+        WriteLeU16(c + 6, static_cast<uint16_t>(contacts[k].width));
+        WriteLeU16(c + 8, static_cast<uint16_t>(contacts[k].height));
     }
     return p;
 }
@@ -116,7 +99,7 @@ CMtDevEmulator::CMtDevEmulator() {
     // A scan pattern announces its own total size in bytes 2..5.
     m_scanPattern.resize(70);
     m_scanPattern[0] = MTDEV_CMD_SCAN_PATTERN;
-    Put32(m_scanPattern.data() + 2, static_cast<uint32_t>(m_scanPattern.size()));
+    WriteLeU32(m_scanPattern.data() + 2, static_cast<uint32_t>(m_scanPattern.size()));
     for (size_t i = 6; i < m_scanPattern.size(); ++i) m_scanPattern[i] = static_cast<uint8_t>(i * 3);
     m_status = {0x00, 0x01, 0x02, 0x03, 0x10, 0x20, 0x30, 0x40};
     m_rawFrame.header1 = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -395,7 +378,7 @@ void CMtDevEmulator::HandleLo(const uint8_t* report, size_t length,
     if (report[0] == MTDEV_PACKET_DATA && m_loWriting && length >= MTDEV_REPORT_BYTES) {
         request->stage = TEmuStage::Data;
         request->command = m_loWriteCommand;
-        const uint32_t sequence = Get32(report + 1);
+        const uint32_t sequence = ReadLeU32(report + 1);
         request->parameter = sequence;
         const int n = std::min<int>(report[63], MTDEV_PIECE_DATA_BYTES);
         m_loWriteData.insert(m_loWriteData.end(), report + 5, report + 5 + n);
@@ -410,7 +393,7 @@ void CMtDevEmulator::HandleLo(const uint8_t* report, size_t length,
     const size_t position = report[5];
     if (position >= packetLength) return;
     request->command = report[position];
-    request->parameter = Get32(report + 1);
+    request->parameter = ReadLeU32(report + 1);
 
     switch (report[0]) {
         case MTDEV_PACKET_READ:
@@ -473,7 +456,7 @@ void CMtDevEmulator::LoReadFrom(const std::vector<uint8_t>& data, uint32_t piece
     }
     const std::vector<uint8_t> bytes = Slice(data, offset, static_cast<uint64_t>(m_pieceBytes));
     std::vector<uint8_t> reply = Report({MTDEV_REPLY_DATA});
-    Put32(reply.data() + 1, piece);
+    WriteLeU32(reply.data() + 1, piece);
     std::copy(bytes.begin(), bytes.end(), reply.begin() + 5);
     reply[63] = static_cast<uint8_t>(bytes.size());
     replies->push_back({std::move(reply)});
@@ -484,7 +467,7 @@ void CMtDevEmulator::LoFrameData(uint32_t parameter, std::vector<TEmuReply>* rep
         std::vector<uint8_t> reply = Report({MTDEV_REPLY_DATA});
         reply[5] = MTDEV_FRAME_DATA_MARK;
         reply[6] = m_rawFrame.frameMode;
-        Put32(reply.data() + 9, m_rawFrame.frameNo);
+        WriteLeU32(reply.data() + 9, m_rawFrame.frameNo);
         std::copy(m_rawFrame.header1.begin(), m_rawFrame.header1.end(), reply.begin() + 13);
         std::copy(m_rawFrame.header2.begin(), m_rawFrame.header2.end(), reply.begin() + 21);
         replies->push_back({std::move(reply)});
@@ -526,10 +509,10 @@ void CMtDevEmulator::ApplyHidFault(const TEmuFault& fault, const TEmuRequest& re
                 replies->front().bytes[0] == MTDEV_REPLY_ACK) {
                 std::vector<uint8_t>& b = replies->front().bytes;
                 if (b[1] == MTDEV_REPLY_WRITE_OK) {
-                    Put32(b.data() + 2, 0);  // not the 4 that accepts the write
+                    WriteLeU32(b.data() + 2, 0);  // not the 4 that accepts the write
                     m_loWriting = false;
                 } else if (b[1] == MTDEV_REPLY_PIECE_OK) {
-                    Put32(b.data() + 2, Get32(b.data() + 2) + 1);  // echoes another piece
+                    WriteLeU32(b.data() + 2, ReadLeU32(b.data() + 2) + 1);  // echoes another piece
                     m_loWriting = false;
                 }
             }
@@ -561,7 +544,7 @@ TEmuRequest CMtDevEmulator::ClassifyHi(const uint8_t* data, uint32_t size) const
     }
     if (size != MTDEV_HI_PACKET_BYTES || data == nullptr) return request;
     request.kind = data[0];
-    request.parameter = Get32(data + 1);
+    request.parameter = ReadLeU32(data + 1);
     if (data[5] < MTDEV_HI_PACKET_BYTES) request.command = data[data[5]];
     if (request.kind == MTDEV_PACKET_END) request.stage = TEmuStage::End;
     return request;
@@ -578,14 +561,14 @@ void CMtDevEmulator::HandleHi(const uint8_t* data, uint32_t size, const TEmuRequ
     switch (request.kind) {
         case MTDEV_PACKET_READ: {
             if (request.command == MTDEV_CMD_FRAME_DATA) {
-                const uint16_t capacity = Get16(data + 6);
+                const uint16_t capacity = ReadLeU16(data + 6);
                 // Sized once: growing it by insert trips a false array-bounds warning in
                 // instrumented builds.
                 std::vector<uint8_t> frame(MTDEV_FRAME_DATA_HEAD_BYTES + m_rawFrame.data.size(), 0);
                 frame[0] = MTDEV_FRAME_DATA_MARK;
                 frame[1] = m_rawFrame.frameMode;
-                Put16(frame.data() + 2, static_cast<uint16_t>(m_rawFrame.data.size()));
-                Put32(frame.data() + 4, m_rawFrame.frameNo);
+                WriteLeU16(frame.data() + 2, static_cast<uint16_t>(m_rawFrame.data.size()));
+                WriteLeU32(frame.data() + 4, m_rawFrame.frameNo);
                 std::copy(m_rawFrame.header1.begin(), m_rawFrame.header1.end(), frame.begin() + 8);
                 std::copy(m_rawFrame.header2.begin(), m_rawFrame.header2.end(), frame.begin() + 16);
                 std::copy(m_rawFrame.data.begin(), m_rawFrame.data.end(),

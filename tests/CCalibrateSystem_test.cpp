@@ -389,7 +389,8 @@ TEST_F(CalibrateSystemTest, DefaultHidCoords) {
         {geometry, 8192, 32767 - 8262, 8262},
         {geometry, 24000, 32767 - 24027, 24027},
         {geometry, 32767, 1, 32766},       // t >= c at the high edge
-        {geometry, 65535, 1, 32766},
+        {geometry, 0xFFFF, 32766, 1},      // raw -1: beyond the low edge, not the high one
+        {geometry, 0x8000, 32766, 1},      // raw -32768
         {tiny, 0, 32767 - 16383, 16383},
         {tiny, 1, 1, 32766},
     };
@@ -458,6 +459,62 @@ TEST_F(CalibrateSystemTest, FloatDesktopAndSdkForms) {
     EXPECT_EQ(SdkPointFloat(unmapped[3].x), 1.0f - static_cast<float>(8163 * 0.5 / 16383));
     cal.GetDesktopCoords(unmapped.get());
     EXPECT_EQ(Xy(unmapped[1]), std::make_pair(1366 - 16383 * 1366 / 32767, 16383 * 768 / 32767));
+}
+
+// Raw positions are signed 16-bit values: a frame reports a contact just beyond its low edge
+// as 0xFFFF (-1). Through an area, the contact and the corners of its rectangle stay on that
+// side; the span is that of the signed corners.
+TEST_F(CalibrateSystemTest, RawPositionsWidenedWithSignThroughAnArea) {
+    auto config = WithAreas(kAreasKeep, {DefaultArea()});
+    ASSERT_TRUE(cal.InitCalibrateSys(config.get(), &geometry));
+    struct Case {
+        uint16_t rawX, rawY;
+        int x, y;  // low raw X maps to high output X
+    };
+    const Case cases[] = {
+        {0xFFFF, 16384, 32766, 16383},
+        {16384, 0xFFFF, 16383, 1},
+        {0x8000, 0x8000, 32766, 1},
+        {0xFFFF, 0xFFFF, 32766, 1},
+    };
+    constexpr int16_t kW = 1000, kH = 600;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << std::hex << c.rawX << " " << c.rawY);
+        Frame frame({{1, 2, c.rawX, c.rawY, kW, kH}});
+        Run(frame);
+        EXPECT_EQ(Xy(frame[0]), std::make_pair(c.x, c.y));
+        const int x0 = int16_t(c.rawX) - kW / 2, y0 = int16_t(c.rawY) - kH / 2;
+        auto hid = [&](int x, int y) { return Through(DefaultArea(), cal.Blend(), x, y); };
+        EXPECT_EQ(frame[0].width, hid(x0, y0).hidX - hid(x0 + kW, y0).hidX);
+        EXPECT_EQ(frame[0].height, hid(x0, y0 + kH).hidY - hid(x0, y0).hidY);
+    }
+}
+
+// The same values without areas, in every other form that reads raw positions.
+TEST_F(CalibrateSystemTest, RawPositionsWidenedWithSignWithoutAreas) {
+    ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &geometry));
+    struct Case {
+        uint16_t raw;
+        float fx, fy;                      // fractions, X mirrored
+        std::pair<int, int> desktop, sdk;  // 1366 - r * 1366 / 32767, r * 768 / 32767; r
+    };
+    const Case cases[] = {
+        {0xFFFF, 1.0f, 0.0f, {1366, 0}, {-1, -1}},
+        {0x8000, 1.0f, 0.0f, {2732, -768}, {-32768, -32768}},
+        {0x7FFF, 0.0f, 1.0f, {0, 768}, {32767, 32767}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.raw);
+        Frame frame({{1, 2, c.raw, c.raw}});
+        cal.CalFramePoint(frame.get());
+        cal.GetTuioCoords(frame.get());
+        EXPECT_EQ(SdkPointFloat(frame[0].x), c.fx);
+        EXPECT_EQ(SdkPointFloat(frame[0].y), c.fy);
+        cal.GetDesktopCoords(frame.get());
+        EXPECT_EQ(Xy(frame[0]), c.desktop);
+        cal.GetSDKCoords(frame.get());
+        EXPECT_EQ(Xy(frame[0]), c.sdk);
+    }
 }
 
 TEST(CalibrateSystem, WarningBits) {

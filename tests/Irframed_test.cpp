@@ -398,6 +398,8 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
     const std::string bad = Script("bad", "down 1 16000 16000\nwiggle 1\n");
     const Case cases[] = {
         {{"--simulate", tap, "--screen", "wide"}, 2, "is not WIDTHxHEIGHT"},
+        {{"--simulate", tap, "--screen", "1920x1080+10"}, 2, "is not WIDTHxHEIGHT"},
+        {{"--simulate", tap, "--display", "HDMI-1"}, 2, "'HDMI-1' cannot be looked up"},
         {{"--simulate", tap, "--keys", "emacs"}, 2, "use 'literal' or 'desktop'"},
         {{"--simulate", m_dir + "/missing"}, 1, "cannot read gesture script"},
         {{"--simulate", bad}, 2, "line 2"},
@@ -411,6 +413,20 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         EXPECT_THAT(run.logText, HasSubstr(c.message));
         EXPECT_TRUE(run.events.empty());
     }
+}
+
+// Verify that events stay in the chosen screen's own points wherever it lies on the desktop:
+// the virtual pointer, not the gestures, adds the screen's place.
+TEST_F(Irframed, PlacedScreenKeepsScreenPoints) {
+    const std::string tap = Script("tap", kTap);
+    const TRun here = Run({"--simulate", tap, "--screen", "1920x1080"});
+    const TRun there =
+        Run({"--simulate", tap, "--screen", "1920x1080+2560+0", "--display", "HDMI-1"});
+    EXPECT_EQ(there.status, 0) << there.logText;
+    ASSERT_FALSE(there.events.empty());
+    EXPECT_EQ(there.events, here.events);
+    EXPECT_THAT(there.logText, HasSubstr("screen 1920x1080 (--screen as output HDMI-1 at "
+                                         "+2560+0 of 4480x1080 (simulation))"));
 }
 
 // Verify that without uinput the driver says what to do and fails.

@@ -45,6 +45,37 @@ TEST(EvdevTranslator, AbsoluteAxes) {
     EXPECT_EQ(none.AbsoluteX(100), 0);
 }
 
+// Verify that a screen point lands on the chosen output of a two-output desktop (1920x1080 at
+// 0,0 and 2560x1440 at 1920,0): the axes span the 4480x1440 desktop, the point is offset by the
+// output's origin.
+TEST(EvdevTranslator, PointerOnTheChosenOutput) {
+    const std::vector<TDisplayOutput> outputs = {{"eDP-1", {0, 0, 1920, 1080}, true},
+                                                 {"HDMI-1", {1920, 0, 2560, 1440}, false}};
+    struct Case {
+        const char* output;
+        double x, y;
+        int32_t absX, absY;
+    };
+    const Case cases[] = {
+        {"eDP-1", 0, 0, 0, 0},
+        {"eDP-1", 1920, 1080, 14043, 24575},  // 32767 * 3/7, 32767 * 3/4
+        {"HDMI-1", 0, 0, 14043, 0},
+        {"HDMI-1", 1280, 720, 23405, 16384},  // 32767 * 5/7, 16383.5 rounded
+        {"HDMI-1", 2560, 1440, 32767, 32767},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.output << " " << c.x << "," << c.y);
+        std::string error;
+        const auto geometry = ChooseOutputGeometry(outputs, c.output, 4480, 1440, &error);
+        ASSERT_TRUE(geometry.has_value()) << error;
+        CEvdevTranslator t(*geometry, TKeyProfile::Literal);
+        const auto move = TInputEvent::Mouse(TInputEventType::MouseMoved, c.x, c.y, 0);
+        const std::vector<TEvdevEvent> expected = {
+            {EV_ABS, ABS_X, c.absX}, {EV_ABS, ABS_Y, c.absY}, kSyn};
+        EXPECT_EQ(t.Translate(move), expected);
+    }
+}
+
 struct TMouseCase {
     TInputEventType type;
     TMouseButton button;

@@ -6,12 +6,14 @@
 #include "MtDevLog.h"
 
 bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
-    std::optional<TScreenSize> screenOption;
+    TScreenRequest request;
+    request.output = m_options.display;
     if (!m_options.screen.empty()) {
-        screenOption = ParseScreenSize(m_options.screen);
-        if (!screenOption) {
+        request.placement = ParseScreenPlacement(m_options.screen);
+        if (!request.placement) {
             *failure = {2, "--screen '" + m_options.screen +
-                               "' is not WIDTHxHEIGHT (e.g. 1920x1080)"};
+                               "' is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y (e.g. 1920x1080, "
+                               "2560x1440+1920+0)"};
             return false;
         }
     }
@@ -21,25 +23,31 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
         return false;
     }
 
-    // The X server's primary output, unless this is a simulation (kept deterministic).
+    // The X server's outputs, unless this is a simulation (kept deterministic).
     std::string whyNoX = "simulation";
-    std::optional<TDisplayGeometry> fromX;
-    if (!m_options.Simulating()) fromX = QueryXrandrGeometry(nullptr, &whyNoX);
-    const TDisplayGeometry geometry = ResolveDisplayGeometry(fromX, screenOption, whyNoX);
+    std::optional<TXrandrDesktop> fromX;
+    if (!m_options.Simulating()) fromX = QueryXrandrDesktop(nullptr, &whyNoX);
+    std::string error;
+    const std::optional<TDisplayGeometry> resolved =
+        ResolveDisplayGeometry(fromX, request, whyNoX, &error);
+    if (!resolved) {
+        *failure = {2, error};
+        return false;
+    }
+    const TDisplayGeometry& geometry = *resolved;
     TLog(TLogLevel::Info, "screen %.0fx%.0f (%s)", geometry.main.width, geometry.main.height,
                geometry.source.c_str());
     m_screen = std::make_unique<CLinuxScreen>(geometry);
     ports->screen = m_screen.get();
 
     if (!m_options.dryRun) {
-        std::string error;
         m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *profile, &error);
         if (!m_uinput) {
             *failure = {1, error};
             return false;
         }
-        TLog(TLogLevel::Info, "virtual input device %s (keys: %s)", m_uinput->DeviceNode().c_str(),
-                   KeyProfileName(*profile));
+        TLog(TLogLevel::Info, "virtual input device %s (keys: %s)",
+             m_uinput->DeviceNode().c_str(), KeyProfileName(*profile));
         ports->sinkForDevice = [sink = m_uinput.get()](int) -> CEventSink* { return sink; };
     }
 

@@ -1,6 +1,6 @@
-// The Linux backend: the screen (XRandR or --screen), the virtual input device (uinput, unless
-// this is a dry run), discovery of real frames through udev (unless the frames are emulated) and
-// the notification centre (the per-user instance channel and logind's wake).
+// The Linux backend: the screen (an XRandR output, or --screen), the virtual input device
+// (uinput, unless this is a dry run), discovery of real frames through udev (unless the frames
+// are emulated) and the notification centre (the per-user instance channel and logind's wake).
 #pragma once
 
 #include <memory>

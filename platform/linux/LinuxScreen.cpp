@@ -9,15 +9,41 @@
 
 namespace {
 
-constexpr TScreenSize kDefaultScreen{1920, 1080};
+constexpr TScreenPlacement kDefaultScreen{1920, 1080, 0, 0};
 
-std::optional<int> ParseDimension(std::string_view text) {
+// Digits only (no sign), at most 5 of them, within [low, 65535].
+std::optional<int> ParseNumber(std::string_view text, int low) {
     if (text.empty() || text.size() > 5) return std::nullopt;
+    if (text.front() < '0' || text.front() > '9') return std::nullopt;
     int value = 0;
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    if (value < 1 || value > 65535) return std::nullopt;
+    if (value < low || value > 65535) return std::nullopt;
     return value;
+}
+
+// "WxH+X+Y" as xrandr prints it.
+std::string Describe(const TScreenRect& r) {
+    char text[96];
+    std::snprintf(text, sizeof text, "%.0fx%.0f+%.0f+%.0f", r.width, r.height, r.x, r.y);
+    return text;
+}
+
+std::string Where(const TScreenRect& r, double desktopWidth, double desktopHeight) {
+    char text[96];
+    std::snprintf(text, sizeof text, " at +%.0f+%.0f of %.0fx%.0f", r.x, r.y, desktopWidth,
+                  desktopHeight);
+    return text;
+}
+
+// A fraction for a udev property: six decimals, without trailing zeros ("0.75", "1", "0").
+std::string Fraction(double value) {
+    char text[48];
+    std::snprintf(text, sizeof text, "%.6f", value);
+    std::string s = text;
+    s.erase(s.find_last_not_of('0') + 1);
+    if (s.back() == '.') s.pop_back();
+    return s;
 }
 
 // The handful of X calls the query needs, resolved at run time.
@@ -115,16 +141,29 @@ std::optional<TScreenRect> OutputRect(TXlib& x, Display* display, XRRScreenResou
 
 }  // namespace
 
-std::optional<TScreenSize> ParseScreenSize(std::string_view text) {
+std::optional<TScreenPlacement> ParseScreenPlacement(std::string_view text) {
     const size_t cross = text.find('x');
     if (cross == std::string_view::npos) return std::nullopt;
-    const auto width = ParseDimension(text.substr(0, cross));
-    const auto height = ParseDimension(text.substr(cross + 1));
+    const size_t plus = text.find('+', cross);
+    const std::string_view size = text.substr(0, plus);
+    const auto width = ParseNumber(size.substr(0, cross), 1);
+    const auto height = ParseNumber(size.substr(cross + 1), 1);
     if (!width || !height) return std::nullopt;
-    return TScreenSize{*width, *height};
+    TScreenPlacement placement{*width, *height, 0, 0};
+    if (plus == std::string_view::npos) return placement;
+
+    const std::string_view offsets = text.substr(plus + 1);
+    const size_t second = offsets.find('+');
+    if (second == std::string_view::npos) return std::nullopt;
+    const auto x = ParseNumber(offsets.substr(0, second), 0);
+    const auto y = ParseNumber(offsets.substr(second + 1), 0);
+    if (!x || !y) return std::nullopt;
+    placement.x = *x;
+    placement.y = *y;
+    return placement;
 }
 
-std::optional<TDisplayGeometry> QueryXrandrGeometry(const char* displayName, std::string* why) {
+std::optional<TXrandrDesktop> QueryXrandrDesktop(const char* displayName, std::string* why) {
     TXlib x;
     if (!x.Load(why)) return std::nullopt;
     Display* display = x.openDisplay(displayName);
@@ -136,53 +175,104 @@ std::optional<TDisplayGeometry> QueryXrandrGeometry(const char* displayName, std
     const int screen = x.defaultScreen(display);
     const Window root = x.rootWindow(display, screen);
 
-    TDisplayGeometry geometry;
-    geometry.desktopWidth = x.displayWidth(display, screen);
-    geometry.desktopHeight = x.displayHeight(display, screen);
-    geometry.main = TScreenRect{0, 0, geometry.desktopWidth, geometry.desktopHeight};
-    geometry.source = "the X screen";
+    TXrandrDesktop desktop;
+    desktop.width = x.displayWidth(display, screen);
+    desktop.height = x.displayHeight(display, screen);
 
     int eventBase = 0, errorBase = 0;
     if (x.xrandr != nullptr && x.queryExtension(display, &eventBase, &errorBase)) {
         if (XRRScreenResources* resources = x.getResources(display, root); resources != nullptr) {
-            std::string name;
-            std::optional<TScreenRect> rect;
-            if (RROutput primary = x.getOutputPrimary(display, root); primary != 0) {
-                rect = OutputRect(x, display, resources, primary, &name);
-            }
-            for (int i = 0; !rect && i < resources->noutput; ++i) {
-                rect = OutputRect(x, display, resources, resources->outputs[i], &name);
-            }
-            if (rect) {
-                geometry.main = *rect;
-                geometry.source = "XRandR output " + name;
+            const RROutput primary = x.getOutputPrimary(display, root);
+            for (int i = 0; i < resources->noutput; ++i) {
+                TDisplayOutput output;
+                const RROutput id = resources->outputs[i];
+                if (auto rect = OutputRect(x, display, resources, id, &output.name)) {
+                    output.rect = *rect;
+                    output.primary = id == primary;
+                    desktop.outputs.push_back(std::move(output));
+                }
             }
             x.freeResources(resources);
         }
     }
     x.setErrorHandler(previousHandler);
     x.closeDisplay(display);
-    if (geometry.main.width <= 0 || geometry.main.height <= 0) {
+    if (desktop.width <= 0 || desktop.height <= 0) {
         *why = "the X server reported no screen size";
         return std::nullopt;
     }
-    char where[96];
-    std::snprintf(where, sizeof where, " at +%.0f+%.0f of %.0fx%.0f", geometry.main.x,
-                  geometry.main.y, geometry.desktopWidth, geometry.desktopHeight);
-    geometry.source += where;
+    return desktop;
+}
+
+std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayOutput>& outputs,
+                                                     const std::string& wanted,
+                                                     double desktopWidth, double desktopHeight,
+                                                     std::string* error) {
+    const TDisplayOutput* chosen = nullptr;
+    for (const TDisplayOutput& output : outputs) {
+        const bool match = wanted.empty() ? output.primary : output.name == wanted;
+        if (match) {
+            chosen = &output;
+            break;
+        }
+    }
+    if (chosen == nullptr && wanted.empty() && !outputs.empty()) chosen = &outputs.front();
+
+    TDisplayGeometry geometry;
+    geometry.desktopWidth = desktopWidth;
+    geometry.desktopHeight = desktopHeight;
+    if (chosen != nullptr) {
+        geometry.main = chosen->rect;
+        geometry.source = "XRandR output " + chosen->name;
+    } else if (wanted.empty()) {
+        geometry.main = TScreenRect{0, 0, desktopWidth, desktopHeight};
+        geometry.source = "the X screen";
+    } else {
+        std::string list;
+        for (const TDisplayOutput& output : outputs) {
+            list += (list.empty() ? "" : ", ") + output.name + " " + Describe(output.rect) +
+                    (output.primary ? " (primary)" : "");
+        }
+        *error = "no XRandR output named '" + wanted + "'; " +
+                 (list.empty() ? "the X server reports no lit output" : "the outputs are: " + list);
+        return std::nullopt;
+    }
+    geometry.source += Where(geometry.main, desktopWidth, desktopHeight);
     return geometry;
 }
 
-TDisplayGeometry ResolveDisplayGeometry(const std::optional<TDisplayGeometry>& fromX,
-                                        const std::optional<TScreenSize>& fromOption,
-                                        const std::string& whyNoX) {
-    if (fromX) return *fromX;
-    const TScreenSize size = fromOption ? *fromOption : kDefaultScreen;
+std::optional<TDisplayGeometry> ResolveDisplayGeometry(const std::optional<TXrandrDesktop>& fromX,
+                                                       const TScreenRequest& request,
+                                                       const std::string& whyNoX,
+                                                       std::string* error) {
+    if (fromX) {
+        return ChooseOutputGeometry(fromX->outputs, request.output, fromX->width, fromX->height,
+                                    error);
+    }
+    if (!request.output.empty() && !request.placement) {
+        *error = "output '" + request.output + "' cannot be looked up (" + whyNoX +
+                 "); give its place with --screen WxH+X+Y";
+        return std::nullopt;
+    }
+    const TScreenPlacement p = request.placement.value_or(kDefaultScreen);
     TDisplayGeometry geometry;
-    geometry.main = TScreenRect{0, 0, static_cast<double>(size.width),
-                                static_cast<double>(size.height)};
-    geometry.desktopWidth = size.width;
-    geometry.desktopHeight = size.height;
-    geometry.source = std::string(fromOption ? "--screen" : "the default") + " (" + whyNoX + ")";
+    geometry.main = TScreenRect{static_cast<double>(p.x), static_cast<double>(p.y),
+                                static_cast<double>(p.width), static_cast<double>(p.height)};
+    geometry.desktopWidth = geometry.main.x + geometry.main.width;
+    geometry.desktopHeight = geometry.main.y + geometry.main.height;
+    geometry.source = request.placement ? "--screen" : "the default";
+    if (!request.output.empty()) geometry.source += " as output " + request.output;
+    if (p.x != 0 || p.y != 0) {
+        geometry.source += Where(geometry.main, geometry.desktopWidth, geometry.desktopHeight);
+    }
+    geometry.source += " (" + whyNoX + ")";
     return geometry;
+}
+
+std::string LibinputCalibrationLine(const TDisplayGeometry& geometry) {
+    const double w = geometry.desktopWidth, h = geometry.desktopHeight;
+    if (!(w > 0) || !(h > 0)) return "";
+    const TScreenRect& r = geometry.main;
+    return "ENV{LIBINPUT_CALIBRATION_MATRIX}=\"" + Fraction(r.width / w) + " 0 " +
+           Fraction(r.x / w) + " 0 " + Fraction(r.height / h) + " " + Fraction(r.y / h) + "\"";
 }
