@@ -1,11 +1,17 @@
 #include "DeviceJsonSink.h"
 
+#include <cerrno>
 #include <ostream>
 
 void CJsonLinesWriter::WriteLine(const std::string& line) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_broken) return;
+    errno = 0;
     m_out << line << '\n';
     m_out.flush();
+    if (m_out) return;
+    m_broken = true;
+    if (m_failed) m_failed(errno != 0 ? errno : EIO);
 }
 
 std::string CDeviceJsonSink::ToJsonLine(const TInputEvent& event, int deviceNumber) {

@@ -4,6 +4,7 @@
 // in the order they were posted.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <mutex>
 #include <string>
@@ -12,13 +13,18 @@
 
 class CJsonLinesWriter {
 public:
-    explicit CJsonLinesWriter(std::ostream& out) : m_out(out) {}
+    // `failed` runs once, on the writing thread, when a line cannot be written (a full disk, a
+    // closed pipe), with the errno of the failure; later lines are dropped.
+    explicit CJsonLinesWriter(std::ostream& out, std::function<void(int error)> failed = {})
+        : m_out(out), m_failed(std::move(failed)) {}
     // Writes the line and a newline, and flushes.
     void WriteLine(const std::string& line);
 
 private:
     std::mutex m_mutex;
     std::ostream& m_out;
+    std::function<void(int error)> m_failed;
+    bool m_broken = false;
 };
 
 class CDeviceJsonSink final : public CEventSink {

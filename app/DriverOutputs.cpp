@@ -18,11 +18,27 @@ bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
         }
         out = &m_file;
     }
-    m_writer = std::make_unique<CJsonLinesWriter>(*out);
+    m_ports = ports;
+    m_writer = std::make_unique<CJsonLinesWriter>(*out, [this](int error) { WriteFailed(error); });
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {
         std::unique_ptr<CDeviceJsonSink>& sink = m_jsonSinks[deviceNumber];
         if (!sink) sink = std::make_unique<CDeviceJsonSink>(*m_writer, deviceNumber);
         return sink.get();
     };
     return true;
+}
+
+void CDriverOutputs::OnFinished(std::function<void(int status)> finished) {
+    m_finished = std::move(finished);
+}
+
+void CDriverOutputs::WriteFailed(int error) {
+    const std::string where =
+        m_options.output == "-" ? "standard output" : "'" + m_options.output + "'";
+    TLog(TLogLevel::Error,
+         "irframed: cannot write the JSON lines to %s: %s; ending (free some space, or keep "
+         "the reader of the pipe running)",
+         where.c_str(), std::strerror(error));
+    if (m_ports == nullptr || m_ports->loop == nullptr || !m_finished) return;
+    m_ports->loop->Post([finished = m_finished] { finished(1); });
 }

@@ -18,9 +18,15 @@ public:
 
     // Opens the JSON output of a dry run; its lines replace the backend's event sink.
     bool Open(TShellPorts* ports, TBackendFailure* failure) override;
+    // A JSON line that cannot be written ends the run with status 1.
+    void OnFinished(std::function<void(int status)> finished) override;
 
 private:
+    void WriteFailed(int error);  // any thread
+
     const DriverOptions& m_options;
+    const TShellPorts* m_ports = nullptr;
+    std::function<void(int status)> m_finished;
     std::ofstream m_file;
     std::unique_ptr<CJsonLinesWriter> m_writer;
     std::map<int, std::unique_ptr<CDeviceJsonSink>> m_jsonSinks;  // main thread

@@ -30,6 +30,8 @@ int main(int argc, char** argv) {
     DriverOptions options;
     if (const std::optional<int> status = ParseDriverOptions(argc, argv, &options)) return *status;
     ApplyLogOptions(options);
+    // A closed pipe on standard output is a write error to report, not a silent death.
+    std::signal(SIGPIPE, SIG_IGN);
 
     // The loop first: it blocks SIGTERM and SIGINT for every thread started after it.
     std::string error;
@@ -57,7 +59,7 @@ int main(int argc, char** argv) {
         shell.Terminate(kExitOk);
     });
     for (const std::unique_ptr<IShellBackend>& backend : backends) {
-        backend->OnFinished([&shell] { shell.Terminate(kExitOk); });
+        backend->OnFinished([&shell](int status) { shell.Terminate(status); });
     }
     shell.init();
     const int status = loop->Run();

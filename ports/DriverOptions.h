@@ -24,5 +24,6 @@ struct DriverOptions {
 
     bool Simulating() const { return !simulate.empty(); }
     // Whether this run takes part in the single-instance exchange with other real instances.
-    bool SingleInstance() const { return !Simulating() && !noSingleInstance; }
+    // Runs by hand beside the service (a dry run, emulated frames) take no part in it.
+    bool SingleInstance() const { return !Simulating() && !dryRun && !noSingleInstance; }
 };

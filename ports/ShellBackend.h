@@ -22,8 +22,9 @@ public:
     // The driver was asked to end (a signal): stop whatever plays.
     virtual void Stopping() {}
     // `finished` runs on the main loop once the backend has nothing more to do (the emulated
-    // frames have all been played). Real frames never finish.
-    virtual void OnFinished(std::function<void()> finished) { (void)finished; }
+    // frames have all been played: status 0) or cannot go on (status 1). Real frames never
+    // finish.
+    virtual void OnFinished(std::function<void(int status)> finished) { (void)finished; }
     // The main loop has returned and every worker has ended: last report lines.
     virtual void Close() {}
 };

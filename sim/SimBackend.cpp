@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -26,16 +27,42 @@ bool ParseFaultOption(const std::string& text, int* device, TSimFault* fault) {
     return true;
 }
 
-bool LoadScript(const std::string& path, CGestureScript* script, std::string* error) {
-    std::ifstream in(path);
-    if (!in) {
-        *error = "cannot read gesture script '" + path + "': " + std::strerror(errno);
+// Larger than any script a person writes or a recording of several minutes makes.
+constexpr size_t kMaxScriptBytes = 64u << 20;
+
+bool ReadScriptFile(const std::string& path, std::string* text, std::string* error) {
+    const auto cannot = [&](const std::string& why) {
+        *error = "cannot read gesture script '" + path + "': " + why;
         return false;
+    };
+    std::error_code ec;
+    const std::filesystem::file_status status = std::filesystem::status(path, ec);
+    if (ec) return cannot(ec.message());
+    if (std::filesystem::is_directory(status)) {
+        return cannot("it is a directory; name a .gesture file in it");
     }
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return cannot(std::strerror(errno));
+    char buffer[65536];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        text->append(buffer, static_cast<size_t>(in.gcount()));
+        if (text->size() > kMaxScriptBytes) return cannot("larger than 64 MiB");
+    }
+    if (in.bad()) return cannot(std::strerror(errno));
+    return true;
+}
+
+bool LoadScript(const std::string& path, CGestureScript* script, std::string* error) {
+    std::string text;
+    if (!ReadScriptFile(path, &text, error)) return false;
     std::string parseError;
     if (!CGestureScript::Parse(text, script, &parseError)) {
         *error = path + ": " + parseError;
+        return false;
+    }
+    if (script->Frames().empty()) {
+        *error = path + ": the script plays no frame; write at least one 'down' line "
+                        "(docs/gesture-scripts.md)";
         return false;
     }
     return true;
@@ -103,11 +130,11 @@ void CSimBackend::Stopping() {
     if (m_hub) m_hub->AbortAll();
 }
 
-void CSimBackend::OnFinished(std::function<void()> finished) {
+void CSimBackend::OnFinished(std::function<void(int status)> finished) {
     if (!m_hub) return;
     m_hub->OnAllDone([finished = std::move(finished)] {
         TLog(TLogLevel::Info, "every simulated frame has been played");
-        finished();
+        finished(0);
     });
 }
 

@@ -19,7 +19,7 @@ public:
 
     bool Open(TShellPorts* ports, TBackendFailure* failure) override;
     void Stopping() override;
-    void OnFinished(std::function<void()> finished) override;
+    void OnFinished(std::function<void(int status)> finished) override;
     void Close() override;
 
 private:

@@ -406,6 +406,10 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         {{"--simulate", tap, "--fault", "2:poll:6"}, 2, "with N a simulated frame (1..1)"},
         {{"--simulate", tap + "@soon"}, 2, "bad plug-in delay"},
         {{"--fault", "config:1"}, 2, "need --simulate"},
+        {{"--simulate", m_dir}, 1, "it is a directory"},
+        {{"--simulate", Script("empty", "")}, 2, "plays no frame"},
+        {{"--simulate", Script("comments", "# nothing\n\n")}, 2, "plays no frame"},
+        {{"--simulate", tap, "--log-level", "loud"}, 2, "use error, warning, info or debug"},
     };
     for (const Case& c : cases) {
         const TRun run = Run(c.args);
@@ -413,6 +417,37 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         EXPECT_THAT(run.logText, HasSubstr(c.message));
         EXPECT_TRUE(run.events.empty());
     }
+}
+
+// A JSON line that cannot be written ends the run with status 1 and one line saying why: a
+// full disk, and a reader that went away (a closed pipe, not a silent SIGPIPE death).
+TEST_F(Irframed, OutputWriteErrorsEndTheRun) {
+    const std::string drag = Script("drag", kHeldDrag);
+    const TRun full = Run({"--dry-run", "--output", "/dev/full", "--simulate", drag}, false);
+    EXPECT_EQ(full.status, 1) << full.logText;
+    EXPECT_THAT(full.logText, HasSubstr("cannot write the JSON lines to '/dev/full'"));
+
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[0]);  // nobody will read
+    const std::string err = m_dir + "/err.txt";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    Lines argv{IRFRAMED_PATH, "--dry-run", "--simulate", drag};
+    std::vector<char*> cargv;
+    for (std::string& a : argv) cargv.push_back(a.data());
+    cargv.push_back(nullptr);
+    pid_t pid = -1;
+    ASSERT_EQ(posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    int wstatus = 0;
+    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
+    ASSERT_TRUE(WIFEXITED(wstatus)) << "ended by signal " << WTERMSIG(wstatus);
+    EXPECT_EQ(WEXITSTATUS(wstatus), 1);
+    EXPECT_THAT(ReadFile(err), HasSubstr("cannot write the JSON lines to standard output"));
 }
 
 // Verify that events stay in the chosen screen's own points wherever it lies on the desktop:
