@@ -1,4 +1,5 @@
-# What `cmake --install` puts where, the man pages and the version header.
+# What `cmake --install` puts where, the man pages, the version header, and the Debian package
+# (CPack's DEB generator, driven by scripts/package.sh). docs/installed-files.md lists every file.
 #
 # Included at the end of the top-level CMakeLists.txt, once the programs are defined. Paths that
 # udev, systemd and kmod read are under lib/ of the prefix; they read both /usr/lib and
@@ -92,3 +93,38 @@ install(FILES README.md packaging/copyright ${CMAKE_BINARY_DIR}/packaging/change
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${doc_pages} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
 install(FILES ${example_scripts} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+# --- The Debian package: irframe_<version>_<arch>.deb.
+file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/packaging/deb/conffiles
+     CONTENT "${CMAKE_INSTALL_FULL_SYSCONFDIR}/irframe/irframe.toml\n")
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME irframe)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "${IRFRAME_MAINTAINER}")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "gesture driver for USB infrared multi-touch frames")
+# The extended description as dpkg shows it: lines of at most 80 columns.
+string(CONCAT CPACK_PACKAGE_DESCRIPTION
+    "irframed serves USB infrared touch frames (touch overlays on displays and\n"
+    "projection walls; USB ids AAEC:C020, AAEC:C021 and 202E:0006) as a service of\n"
+    "the logged-in user. It reads the calibration stored in each frame, tracks the\n"
+    "contacts, recognises one- to four-finger gestures and posts mouse, shortcut\n"
+    "and scroll events through uinput, so that every application on X11 or Wayland\n"
+    "is driven by touch.\n"
+    ".\n"
+    "The package holds the driver, udev rules that give the logged-in user access\n"
+    "to the frames and to uinput, a systemd user unit, man pages and example\n"
+    "gesture scripts.")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The screen size comes from libX11 and libXrandr, loaded at run time when present.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libx11-6, libxrandr2")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/deb/postinst
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/deb/postrm
+    ${CMAKE_BINARY_DIR}/packaging/deb/conffiles)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+include(CPack)
