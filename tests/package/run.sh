@@ -57,7 +57,19 @@ while read -r path; do
 done <"$work/files"
 dpkg-query -W -f='${Conffiles}\n' irframe | grep -q ' /etc/irframe/irframe.toml ' ||
   fail "/etc/irframe/irframe.toml is not a conffile"
-lap "installed $(grep -c . "$work/files") paths"
+# docs/installed-files.md covers every file (its table's first column; * as in the shell).
+mapfile -t documented < <(sed -n 's/^| `\(\/[^`]*\)` |.*/\1/p' docs/installed-files.md)
+[ ${#documented[@]} -gt 0 ] || fail "docs/installed-files.md lists no path"
+while read -r path; do
+  [ -d "$path" ] && continue
+  covered=no
+  for pattern in "${documented[@]}"; do
+    # shellcheck disable=SC2053  # the documented path is a pattern
+    [[ $path == $pattern ]] && { covered=yes; break; }
+  done
+  [ "$covered" = yes ] || fail "installed but not in docs/installed-files.md: $path"
+done <"$work/files"
+lap "installed $(grep -c . "$work/files") paths, each in docs/installed-files.md"
 
 # --- The programs.
 [ "$(irframed --version)" = "irframed $version" ] ||
