@@ -58,6 +58,7 @@ done <"$work/files"
 dpkg-query -W -f='${Conffiles}\n' irframe | grep -q ' /etc/irframe/irframe.toml ' ||
   fail "/etc/irframe/irframe.toml is not a conffile"
 # docs/installed-files.md covers every file (its table's first column; * as in the shell).
+# shellcheck disable=SC2016  # the backquotes are the table's, not the shell's
 mapfile -t documented < <(sed -n 's/^| `\(\/[^`]*\)` |.*/\1/p' docs/installed-files.md)
 [ ${#documented[@]} -gt 0 ] || fail "docs/installed-files.md lists no path"
 while read -r path; do
