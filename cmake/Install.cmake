@@ -26,6 +26,12 @@ foreach(program irframed irframectl)
   endif()
 endforeach()
 install(TARGETS ${IRFRAME_PROGRAMS})
+if(IRFRAME_TESTS AND TARGET irframed)
+  string(REPLACE "." "\\." version_pattern ${PROJECT_VERSION})
+  add_test(NAME IrframedVersion COMMAND irframed --version)
+  set_tests_properties(IrframedVersion PROPERTIES
+                       PASS_REGULAR_EXPRESSION "^irframed ${version_pattern}\n$")
+endif()
 
 # The packaging's top changelog entry should name this version (scripts/package.sh insists).
 file(STRINGS packaging/changelog changelog_top LIMIT_COUNT 1)
