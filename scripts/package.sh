@@ -33,7 +33,7 @@ export CFLAGS CXXFLAGS LDFLAGS
 rm -rf "$build"
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr \
   -DIRFRAME_TESTS=OFF -DIRFRAME_BENCH=OFF -DIRFRAME_HEADER_CHECK=OFF "$@" >/dev/null
-cmake --build "$build" -j "$(nproc)"
+cmake --build "$build" -j "$(nproc)" >&2  # standard output carries only the result
 
 rm -rf "$out"
 mkdir -p "$out"
