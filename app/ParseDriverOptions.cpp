@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "IrframeVersion.h"
+
 namespace {
 
 constexpr const char* kDescription =
@@ -102,7 +104,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_option("--log-level", opt.logLevel,
                    "error, warning, info (the default) or debug; overrides -v")
         ->type_name("LEVEL");
-    app.set_version_flag("-V,--version", "irframed 0.1");
+    app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

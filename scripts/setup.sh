@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
-# Installs everything irframe needs to build, test and run on Debian 12.
+# Installs what irframe needs to build, package and run on Debian 12, and the packages named as
+# arguments (scripts/setup-test.sh names the test-only ones this way).
 # Run as root. Safe to run again: packages already present are not fetched.
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config git
-  libgtest-dev libgmock-dev libbenchmark-dev           # tests, benchmarks
-  clang-14 libclang-rt-14-dev                          # libFuzzer + sanitizers for fuzzing
+  build-essential cmake ninja-build pkg-config git     # build-essential brings dpkg-dev
   libusb-1.0-0-dev                                     # USB bulk command path
   libudev-dev libsystemd-dev                           # hidraw discovery, hot-plug, event loop, D-Bus
   libevdev-dev                                         # uinput synthetic input
   libcli11-dev nlohmann-json3-dev                      # command line, JSON output
   libx11-dev libxrandr-dev                             # screen size from the X server
-  qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
+  scdoc                                                # man pages
+  file                                                 # the Debian package's dependency scan
+  "$@"
 )
 
 missing=()

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Builds and runs every check: a warning-free build with its unit tests, the same tests under
 # AddressSanitizer + UndefinedBehaviorSanitizer, the driver's end-to-end tests under
-# ThreadSanitizer, each fuzz harness for a fixed time, and the driver on a real kernel in a
-# QEMU guest. The last thing printed is the kernel test's "kernel: N passed, N failed" line.
+# ThreadSanitizer, each fuzz harness for a fixed time, the Debian package installed and purged,
+# and the driver on a real kernel in a QEMU guest. The last thing printed is the kernel test's
+# "kernel: N passed, N failed" line. Installs the test-only packages first (as root).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/setup-test.sh
 
 jobs=$(nproc)
 fuzz_seconds=${IRFRAME_FUZZ_SECONDS:-30}
@@ -63,6 +65,9 @@ ctest --test-dir build/asan --output-on-failure -j "$jobs"
 
 step "unit tests"
 ctest --test-dir build/ci --output-on-failure -j "$jobs"
+
+step "package: build, lintian, install, check, purge"
+tests/package/run.sh
 
 step "real-kernel end-to-end test (QEMU guest)"
 tests/kernel/run.sh build/ci

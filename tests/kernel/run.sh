@@ -8,8 +8,8 @@
 #
 # Environment: IRFRAME_KERNEL_TIMEOUT (seconds for the guest, default 180),
 # IRFRAME_KERNEL_WORK (scratch directory, default BUILD_DIR/kernel-guest).
-# Needs qemu-system-x86, busybox-static and cpio (scripts/setup.sh installs them); downloads the
-# kernel package with apt-get at run time.
+# Needs qemu-system-x86, busybox-static and cpio (scripts/setup-test.sh installs them); downloads
+# the kernel package with apt-get at run time.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
@@ -24,9 +24,9 @@ say() { printf 'kernel-test: %s\n' "$*"; }
 die() { printf 'kernel-test: %s\n' "$*" >&2; exit 1; }
 
 for tool in qemu-system-x86_64 cpio apt-get apt-cache dpkg-deb ldd strip timeout; do
-    command -v "$tool" >/dev/null || die "$tool is missing (run scripts/setup.sh)"
+    command -v "$tool" >/dev/null || die "$tool is missing (run scripts/setup-test.sh)"
 done
-[ -x /bin/busybox ] || die "/bin/busybox is missing (run scripts/setup.sh)"
+[ -x /bin/busybox ] || die "/bin/busybox is missing (run scripts/setup-test.sh)"
 ldd /bin/busybox >/dev/null 2>&1 && die "/bin/busybox is not static (install busybox-static)"
 for program in irframed kernel_guest_test; do
     [ -x "$build/$program" ] || die "$build/$program is not built"

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Installs what scripts/test.sh needs beyond building and running: scripts/setup.sh's packages
+# and the test-only ones. scripts/test.sh runs it first.
+set -euo pipefail
+
+test_packages=(
+  libgtest-dev libgmock-dev libbenchmark-dev           # unit tests, benchmarks
+  clang-14 libclang-rt-14-dev                          # libFuzzer + sanitizers for fuzzing
+  qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
+  libinput-tools evemu-tools liblo-tools dbus-daemon   # clients the end-to-end tests drive
+  lintian man-db systemd                               # the package check: lint, man -l, verify
+)
+exec "$(dirname "$0")/setup.sh" "${test_packages[@]}"
