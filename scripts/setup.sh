@@ -11,6 +11,7 @@ packages=(
   libudev-dev libsystemd-dev                           # hidraw discovery, hot-plug, event loop, D-Bus
   libevdev-dev                                         # uinput synthetic input
   libcli11-dev nlohmann-json3-dev                      # command line, JSON output
+  liblo-dev                                            # OSC: the TUIO output's tests read it back
   libx11-dev libxrandr-dev                             # screen size from the X server
   qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
 )
