@@ -15,6 +15,11 @@ packages=(
   libx11-dev libxrandr-dev                             # screen size from the X server
   qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
 )
+# Needed only by the tests: independent tools that end-to-end tests check the driver against.
+test_packages=(
+  liblo-tools                                          # oscdump: reads the TUIO output back
+)
+packages+=("${test_packages[@]}")
 
 missing=()
 for p in "${packages[@]}"; do
