@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <lo/lo.h>
 
+#include <cstring>
 #include <map>
 #include <memory>
 #include <numeric>
@@ -65,19 +66,28 @@ private:
         return 0;
     }
     static int OnEnd(void*) { return 0; }
+    // liblo's arguments are 4-byte aligned; its lo_arg union asks for 8, so read the bytes.
+    template <typename T>
+    static T Arg(const lo_arg* a) {
+        T value;
+        std::memcpy(&value, a, sizeof value);
+        return value;
+    }
+    static std::string Text(const lo_arg* a) { return reinterpret_cast<const char*>(a); }
+
     static int OnMessage(const char*, const char* types, lo_arg** argv, int argc, lo_message,
                          void* self) {
         Bundle& b = static_cast<Receiver*>(self)->bundles.back();
-        const std::string command = &argv[0]->s;
-        if (command == "source" && std::string(types) == "ss") b.source = &argv[1]->s;
+        const std::string command = Text(argv[0]);
+        if (command == "source" && std::string(types) == "ss") b.source = Text(argv[1]);
         if (command == "alive") {
-            for (int i = 1; i < argc; ++i) b.alive.push_back(argv[i]->i);
+            for (int i = 1; i < argc; ++i) b.alive.push_back(Arg<int32_t>(argv[i]));
         }
         if (command == "set" && std::string(types) == "sifffff") {
-            b.sets.push_back({argv[1]->i, argv[2]->f, argv[3]->f, argv[4]->f, argv[5]->f,
-                              argv[6]->f});
+            b.sets.push_back({Arg<int32_t>(argv[1]), Arg<float>(argv[2]), Arg<float>(argv[3]),
+                              Arg<float>(argv[4]), Arg<float>(argv[5]), Arg<float>(argv[6])});
         }
-        if (command == "fseq") b.fseq = argv[1]->i;
+        if (command == "fseq") b.fseq = Arg<int32_t>(argv[1]);
         return 0;
     }
 
