@@ -129,10 +129,9 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     }
     if (app.count("--tuio") != 0) {
         std::string error;
-        const std::optional<TTuioTarget> target = ParseTuioTarget(tuioTarget, &error);
-        if (!target) return UsageError("--tuio: " + error);
+        if (!ParseTuioTarget(tuioTarget, &error)) return UsageError("--tuio: " + error);
         opt.tuio.enabled = true;
-        opt.tuio.target = target;
+        opt.tuio.target = tuioTarget;
     }
     return std::nullopt;
 }

@@ -57,12 +57,17 @@ size_t BundleLimit(size_t bytes) {
 
 TTuioAreaTarget ResolveTuioAreaTarget(const TTuioSettings& settings, int area,
                                       uint32_t frameAddress, uint16_t framePort) {
+    const std::string* text = settings.target.empty() ? nullptr : &settings.target;
     if (area >= 0) {
         if (const auto it = settings.areaTargets.find(area); it != settings.areaTargets.end()) {
-            return {it->second, {}};
+            text = &it->second;
         }
     }
-    if (settings.target) return {settings.target, {}};
+    if (text != nullptr) {
+        TTuioAreaTarget result;
+        result.target = ParseTuioTarget(*text, &result.problem);
+        return result;
+    }
     const std::string device = Dotted(frameAddress) + ":" + std::to_string(framePort);
     if (frameAddress == 0 || framePort == 0) {
         return {std::nullopt, "the frame gives no target (" + device + ")"};

@@ -19,11 +19,13 @@ struct TTuioTarget {
 
 struct TTuioSettings {
     bool enabled = false;
-    // Where every area of every frame sends, in place of the frame's own targets.
-    std::optional<TTuioTarget> target;
+    // Targets as "[HOST:]PORT" texts, read when a frame starts: one that does not parse leaves
+    // its areas without output, with a warning, and the others go on.
+    // Where every area of every frame sends, in place of the frame's own targets; empty: none.
+    std::string target;
     // By calibration area index (0..31, the order of the frame's configuration); ahead of
     // `target`.
-    std::map<int, TTuioTarget> areaTargets;
+    std::map<int, std::string> areaTargets;
     // A target read from the frame that is not on this machine is used only when this is set:
     // the frame's bytes must not send touches across the network on their own.
     bool allowDeviceTargets = false;

@@ -246,9 +246,10 @@ TEST(TuioTargetTest, ParsesHostAndPort) {
 
 TEST(TuioTargetTest, AreaTargetsInOrderOfPrecedence) {
     TTuioSettings s;
-    s.areaTargets[2] = {"10.0.0.9", 4000};
+    s.areaTargets[2] = "10.0.0.9:4000";
+    s.areaTargets[3] = "10.0.0.9:0";
     TTuioSettings all = s;
-    all.target = TTuioTarget{"127.0.0.1", 5000};
+    all.target = "5000";
     TTuioSettings allow;
     allow.allowDeviceTargets = true;
     const struct {
@@ -262,6 +263,7 @@ TEST(TuioTargetTest, AreaTargetsInOrderOfPrecedence) {
         {all, 2, 0x7F000001, 3333, "10.0.0.9:4000"},
         {all, 1, 0x7F000001, 3333, "127.0.0.1:5000"},  // then the setting for all
         {all, -1, 0x7F000001, 3333, "127.0.0.1:5000"},
+        {all, 3, 0x7F000001, 3333, "TUIO target \"10.0.0.9:0\": the port must be"},
         {s, -1, 0x7F000001, 3333, "127.0.0.1:3333"},  // a frame without areas: the record's
         {s, 1, 0x7F000102, 3334, "127.0.1.2:3334"},   // then the frame's, on this machine
         {s, 1, 0xC0A80105, 3333, "192.168.1.5:3333 is not on this machine"},
@@ -442,9 +444,11 @@ TEST_F(TuioOutputTest, RestingCursorsAreRefreshedEverySecondOfFrameTime) {
 // --- targets that cannot be used ------------------------------------------------------------
 
 TEST_F(TuioOutputTest, AnAreaWithoutAUsableTargetIsWarnedOnceAndTheOthersGoOn) {
-    settings.areaTargets[2] = {"unresolvable", 3333};
+    settings.areaTargets[2] = "unresolvable:3333";
+    settings.areaTargets[4] = "unresolvable";
     const auto config = Config({Area(5000, 4000, 0), Area(16384, 4000, 4001),
-                                Area(27000, 4000, 4002), Area(16384, 4000, 4003)});
+                                Area(27000, 4000, 4002), Area(16384, 4000, 4003),
+                                Area(27000, 4000, 4004)});
     config->areas[3].netAddress = 0x0A000001;  // 10.0.0.1: not on this machine
     CTuioOutput& output = Start(config.get());
     for (int64_t t = 0; t < 100'000; t += 10'000) {
@@ -453,7 +457,8 @@ TEST_F(TuioOutputTest, AnAreaWithoutAUsableTargetIsWarnedOnceAndTheOthersGoOn) {
     EXPECT_EQ(Warnings("area 0: the frame gives no target (127.0.0.1:0)"), 1);
     EXPECT_EQ(Warnings("area 2: cannot send to unresolvable:3333"), 1);
     EXPECT_EQ(Warnings("area 3: the frame's target 10.0.0.1:4003 is not on this machine"), 1);
-    EXPECT_EQ(log.size(), 3u);
+    EXPECT_EQ(Warnings("area 4: TUIO target \"unresolvable\": the port must be"), 1);
+    EXPECT_EQ(log.size(), 4u);
     std::vector<std::string> targets;
     for (const auto& t : output.Targets()) targets.push_back(FormatTuioTarget(t));
     EXPECT_THAT(targets, ElementsAre("127.0.0.1:4001"));
@@ -478,8 +483,8 @@ TEST_F(TuioOutputTest, AFailureInsideStopsTheOutputWithoutThrowing) {
 
 TEST_F(TuioOutputTest, TwoAreasSendToTwoPorts) {
     Receiver left, right;
-    settings.areaTargets[0] = {"127.0.0.1", left.Port()};
-    settings.areaTargets[1] = {"127.0.0.1", right.Port()};
+    settings.areaTargets[0] = "127.0.0.1:" + std::to_string(left.Port());
+    settings.areaTargets[1] = "127.0.0.1:" + std::to_string(right.Port());
     CTuioOutput output(settings, sessions, OpenTuioUdpSocket, "test");
     const auto config = Config({Area(8192, 8192, 4000), Area(24576, 8192, 4001)});
     TContactSource source;
