@@ -106,7 +106,7 @@ CTuioOutput::CTuioOutput(const TTuioSettings& settings, std::atomic<int32_t>& se
 CTuioOutput::~CTuioOutput() = default;
 
 void CTuioOutput::Warn(const std::string& text) const {
-    TLogSystem("tuio: frame %d, %s", m_device, text.c_str());
+    TLog(TLogLevel::Warning, "frame %d (%s): TUIO %s", m_device, m_name.c_str(), text.c_str());
 }
 
 void CTuioOutput::OnFrameReady(const TContactSource& source) {
@@ -191,6 +191,7 @@ void CTuioOutput::Ready(const TContactSource& source) {
     m_routes.clear();
     m_streams.clear();
     m_device = source.device;
+    m_name = source.name;
     if (!m_calibration.InitCalibrateSys(source.config, source.geometry)) {
         Warn("no usable frame geometry; nothing is sent");
         return;

@@ -80,6 +80,7 @@ private:
 
     bool m_ready = false;
     int m_device = 0;
+    std::string m_name;  // the frame's, for messages
     CCalibrateSystem m_calibration;
     std::vector<TRoute> m_routes;
     std::vector<std::unique_ptr<TOut>> m_streams;

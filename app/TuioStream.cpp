@@ -7,6 +7,8 @@
 #include <limits>
 #include <string_view>
 
+#include "ContactMatching.h"
+
 namespace {
 
 constexpr std::string_view kAddress = "/tuio/2Dcur";
@@ -100,10 +102,10 @@ private:
 
 int64_t TuioFrameMicros(int64_t timeStamp) {
     // The stamp is not linear in time: each second adds 4,000,000, each microsecond 1.
-    int64_t seconds = timeStamp / 4'000'000;
-    int64_t micros = timeStamp % 4'000'000;
+    int64_t seconds = timeStamp / kStampUnitsPerSecond;
+    int64_t micros = timeStamp % kStampUnitsPerSecond;
     if (micros < 0) {
-        micros += 4'000'000;
+        micros += kStampUnitsPerSecond;
         --seconds;
     }
     return seconds * 1'000'000 + micros;

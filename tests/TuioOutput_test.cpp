@@ -472,11 +472,12 @@ TEST_F(TuioOutputTest, AFailureInsideStopsTheOutputWithoutThrowing) {
                        "test");
     TContactSource source;
     source.device = 3;
+    source.name = "test frame";
     source.geometry = &kGeometry;
     EXPECT_NO_THROW(output.OnFrameReady(source));
     EXPECT_NO_THROW(Feed(output, 0, {{1, kContactDown, 100, 100}}));
     EXPECT_NO_THROW(output.OnFrameEnd(3));
-    EXPECT_EQ(Warnings("tuio: frame 3, output stopped: no sockets today"), 1);
+    EXPECT_EQ(Warnings("frame 3 (test frame): TUIO output stopped: no sockets today"), 1);
 }
 
 // --- through real sockets -------------------------------------------------------------------
