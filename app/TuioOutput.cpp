@@ -142,6 +142,10 @@ void CTuioOutput::OnFrameEnd(int device) {
         Warn("output stopped");
     }
     m_ready = false;
+    // The listener stays for the run (frame numbers are not reused): keep nothing of the frame.
+    m_routes.clear();
+    m_streams.clear();
+    m_calibration.FreeCalibrateSys();
 }
 
 std::vector<TTuioTarget> CTuioOutput::Targets() const {
