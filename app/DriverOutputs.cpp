@@ -8,7 +8,23 @@
 #include "MtDevLog.h"
 
 bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
-    if (!m_options.dryRun) return true;
+    m_ports = ports;
+    if (m_options.dryRun && !OpenJson(ports, failure)) return false;
+    if (m_options.tuio.enabled) OpenTuio(ports);
+    return true;
+}
+
+void CDriverOutputs::OpenTuio(TShellPorts* ports) {
+    m_tuio = std::make_unique<CTuioOutputs>(m_options.tuio);
+    ports->contactListeners = [this, before = ports->contactListeners](int deviceNumber) {
+        std::vector<IContactListener*> listeners;
+        if (before) listeners = before(deviceNumber);
+        listeners.push_back(m_tuio->ForDevice(deviceNumber));
+        return listeners;
+    };
+}
+
+bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
     std::ostream* out = &std::cout;
     if (m_options.output != "-") {
         m_file.open(m_options.output, std::ios::out | std::ios::trunc);
@@ -18,7 +34,6 @@ bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
         }
         out = &m_file;
     }
-    m_ports = ports;
     m_writer = std::make_unique<CJsonLinesWriter>(*out, [this](int error) { WriteFailed(error); });
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {
         std::unique_ptr<CDeviceJsonSink>& sink = m_jsonSinks[deviceNumber];

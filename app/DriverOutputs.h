@@ -1,6 +1,6 @@
 // Where the frames' events and contacts go besides the backend's own devices: the dry run's JSON
-// lines (standard output or a file). Later outputs that listen to the contact stream are added
-// here and chained after the backend's listeners.
+// lines (standard output or a file), and the TUIO output. Outputs that listen to the contact
+// stream are added here and chained after the listeners already in the ports.
 #pragma once
 
 #include <fstream>
@@ -11,18 +11,22 @@
 #include "DeviceJsonSink.h"
 #include "DriverOptions.h"
 #include "ShellBackend.h"
+#include "TuioOutput.h"
 
 class CDriverOutputs final : public IShellBackend {
 public:
     explicit CDriverOutputs(const DriverOptions& options) : m_options(options) {}
 
-    // Opens the JSON output of a dry run; its lines replace the backend's event sink.
+    // Opens the JSON output of a dry run (its lines replace the backend's event sink) and the
+    // TUIO output when asked for.
     bool Open(TShellPorts* ports, TBackendFailure* failure) override;
     // A JSON line that cannot be written ends the run with status 1.
     void OnFinished(std::function<void(int status)> finished) override;
 
 private:
     void WriteFailed(int error);  // any thread
+    bool OpenJson(TShellPorts* ports, TBackendFailure* failure);
+    void OpenTuio(TShellPorts* ports);
 
     const DriverOptions& m_options;
     const TShellPorts* m_ports = nullptr;
@@ -30,4 +34,5 @@ private:
     std::ofstream m_file;
     std::unique_ptr<CJsonLinesWriter> m_writer;
     std::map<int, std::unique_ptr<CDeviceJsonSink>> m_jsonSinks;  // main thread
+    std::unique_ptr<CTuioOutputs> m_tuio;
 };

@@ -25,7 +25,8 @@ constexpr const char* kFooter =
     "  irframed                                   serve the attached frames\n"
     "  irframed --dry-run                         print events as JSON lines instead\n"
     "  irframed --simulate examples/09-one-finger-tap.gesture --dry-run\n"
-    "  irframed --simulate a.gesture --simulate b.gesture@2s --fault 2:poll:6@10 --dry-run\n\n"
+    "  irframed --simulate a.gesture --simulate b.gesture@2s --fault 2:poll:6@10 --dry-run\n"
+    "  irframed --tuio 3333                       also send TUIO cursors to 127.0.0.1:3333\n\n"
     "Exit status: 0 after an orderly end or a wake from sleep, 1 when the driver cannot\n"
     "start (no uinput, an unreadable script), 2 on a usage error (a bad option or script).";
 
@@ -104,7 +105,12 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_option("--log-level", opt.logLevel,
                    "error, warning, info (the default) or debug; overrides -v")
         ->type_name("LEVEL");
-    app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
+    std::string tuioTarget;
+    app.add_option("--tuio", tuioTarget,
+                   "Also send each frame's contacts as TUIO 1.1 cursors (/tuio/2Dcur over "
+                   "OSC/UDP) to HOST:PORT (HOST 127.0.0.1 when left out), for every area")
+        ->type_name("[HOST:]PORT");
+        app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -122,6 +128,12 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     if (!simulateId.empty() &&
         !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {
         return UsageError("--simulate-id '" + simulateId + "' is not VVVV:PPPP in hexadecimal");
+    }
+    if (app.count("--tuio") != 0) {
+        std::string error;
+        if (!ParseTuioTarget(tuioTarget, &error)) return UsageError("--tuio: " + error);
+        opt.tuio.enabled = true;
+        opt.tuio.target = tuioTarget;
     }
     return std::nullopt;
 }

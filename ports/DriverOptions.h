@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "TuioSettings.h"
+
 struct DriverOptions {
     bool dryRun = false;           // JSON lines instead of uinput events
     std::string output = "-";      // where the JSON lines go; "-" is standard output
@@ -21,6 +23,7 @@ struct DriverOptions {
     bool noSingleInstance = false;
     std::string logLevel;  // --log-level; empty when not given
     int verbose = 0;       // how many times -v was given
+    TTuioSettings tuio;    // the TUIO output: --tuio, or the configuration file
 
     bool Simulating() const { return !simulate.empty(); }
     // Whether this run takes part in the single-instance exchange with other real instances.

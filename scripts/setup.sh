@@ -10,6 +10,8 @@ packages=(
   libudev-dev libsystemd-dev                           # hidraw discovery, hot-plug, event loop, D-Bus
   libevdev-dev                                         # uinput synthetic input
   libcli11-dev nlohmann-json3-dev                      # command line, JSON output
+  liblo-dev                                            # OSC: the TUIO output's tests read it back
+  libtomlplusplus-dev                                  # the configuration file
   libx11-dev libxrandr-dev                             # screen size from the X server
   scdoc                                                # man pages
   file                                                 # the Debian package's dependency scan

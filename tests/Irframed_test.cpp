@@ -2,9 +2,12 @@
 // code over socketpairs, discovery, workers, calibration, tracking, gestures) and prints its
 // events as JSON lines, which are compared here. Each gesture family, hot-plug, the worker's
 // retry limits, unplugging with the button held and two frames at once.
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -410,6 +413,7 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         {{"--simulate", Script("empty", "")}, 2, "plays no frame"},
         {{"--simulate", Script("comments", "# nothing\n\n")}, 2, "plays no frame"},
         {{"--simulate", tap, "--log-level", "loud"}, 2, "use error, warning, info or debug"},
+        {{"--simulate", tap, "--tuio", "localhost:0"}, 2, "the port must be a number 1..65535"},
     };
     for (const Case& c : cases) {
         const TRun run = Run(c.args);
@@ -462,6 +466,196 @@ TEST_F(Irframed, PlacedScreenKeepsScreenPoints) {
     EXPECT_EQ(there.events, here.events);
     EXPECT_THAT(there.logText, HasSubstr("screen 1920x1080 (--screen as output HDMI-1 at "
                                          "+2560+0 of 4480x1080 (simulation))"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// TUIO output
+
+// oscdump (liblo-tools), an OSC receiver of its own, listening on a free loopback port and
+// writing one line per message into a file.
+class COscDump {
+public:
+    explicit COscDump(std::string file) : m_file(std::move(file)) {
+        m_socket = socket(AF_INET, SOCK_DGRAM, 0);
+        for (int attempt = 0; attempt < 5 && !Start(); ++attempt) {
+        }
+    }
+    ~COscDump() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+        close(m_socket);
+        std::remove(m_file.c_str());
+    }
+    uint16_t Port() const { return m_port; }
+    bool Listening() const { return m_pid > 0; }
+
+    // Every line received so far: a marker sent now comes after all that was sent before.
+    Lines Received() {
+        const std::string marker = "/marker" + std::to_string(++m_markers);
+        if (!WaitFor(marker)) return {};
+        Lines lines;
+        for (const std::string& line : SplitLines(ReadFile(m_file))) {
+            if (line.find("/marker") == std::string::npos) lines.push_back(line);
+        }
+        return lines;
+    }
+
+private:
+    bool Start() {
+        // A port that was free a moment ago; if someone takes it first, oscdump ends and the
+        // next attempt takes another one.
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int probe = socket(AF_INET, SOCK_DGRAM, 0);
+        socklen_t length = sizeof address;
+        bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+        close(probe);
+        m_port = ntohs(address.sin_port);
+
+        const std::string port = std::to_string(m_port);
+        std::string program = "oscdump", lineBuffered = "-L", portArg = port;
+        char* argv[] = {program.data(), lineBuffered.data(), portArg.data(), nullptr};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        const int spawned = posix_spawnp(&m_pid, "oscdump", &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0) {
+            ADD_FAILURE() << "cannot start oscdump: install liblo-tools (scripts/setup.sh)";
+            m_pid = -1;
+            return true;  // no point in trying again
+        }
+        if (WaitFor("/marker0")) return true;
+        kill(m_pid, SIGTERM);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+        return false;
+    }
+
+    // Sends the OSC message `path` (no arguments) until oscdump has written it. False when
+    // oscdump ended (the port was taken) or never answered.
+    bool WaitFor(const std::string& path) {
+        std::vector<char> message(path.begin(), path.end());
+        message.resize((path.size() + 4) & ~size_t{3}, '\0');
+        message.insert(message.end(), {',', '\0', '\0', '\0'});
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to.sin_port = htons(m_port);
+        // A safety net, not a measurement: oscdump answers in milliseconds.
+        for (int waited = 0; waited < 10'000; waited += 20) {
+            if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
+                m_pid = -1;
+                return false;
+            }
+            if (waited % 200 == 0) {
+                sendto(m_socket, message.data(), message.size(), 0,
+                       reinterpret_cast<sockaddr*>(&to), sizeof to);
+            }
+            if (ReadFile(m_file).find(path + " ") != std::string::npos) return true;
+            usleep(20'000);
+        }
+        ADD_FAILURE() << "oscdump did not answer on port " << m_port;
+        return false;
+    }
+
+    std::string m_file;
+    int m_socket = -1;
+    pid_t m_pid = -1;
+    uint16_t m_port = 0;
+    int m_markers = 0;
+};
+
+// One /tuio/2Dcur bundle from oscdump's lines.
+struct TTuioBundle {
+    std::string source;
+    std::vector<int> alive;
+    std::vector<std::vector<double>> sets;  // session, x, y, X, Y, m
+    int fseq = -1;
+};
+
+// oscdump writes "TIMETAG /tuio/2Dcur TYPES ARGS..."; each bundle starts with its `source`.
+std::vector<TTuioBundle> TuioBundles(const Lines& lines) {
+    std::vector<TTuioBundle> bundles;
+    for (const std::string& line : lines) {
+        std::istringstream in(line);
+        std::string stamp, path, types, command;
+        in >> stamp >> path >> types >> command;
+        if (path != "/tuio/2Dcur") {
+            ADD_FAILURE() << "unexpected message: " << line;
+            continue;
+        }
+        if (command == "\"source\"") bundles.emplace_back();
+        if (bundles.empty()) {
+            ADD_FAILURE() << "a message before the first source: " << line;
+            continue;
+        }
+        TTuioBundle& b = bundles.back();
+        if (command == "\"source\"") {
+            in >> b.source;
+        } else if (command == "\"alive\"") {
+            for (int id; in >> id;) b.alive.push_back(id);
+        } else if (command == "\"set\"") {
+            b.sets.emplace_back();
+            for (double v; in >> v;) b.sets.back().push_back(v);
+        } else if (command == "\"fseq\"") {
+            in >> b.fseq;
+        }
+    }
+    return bundles;
+}
+
+// Verify that --tuio sends a script's touch as TUIO cursors that a receiver of its own reads,
+// and leaves the events unchanged.
+TEST_F(Irframed, TuioOutputSendsTheTouchAsACursor) {
+    // 30 frames 10 ms apart (virtual clock) from (8000, 8000) to (14000, 12000) of 32767.
+    const std::string drag =
+        Script("drag", "rate 100\ndown 1 8000 8000\nmove 1 14000 12000 in 30\nup 1\nhold 1\n");
+    const TRun plain = Run({"--simulate", drag});
+    const std::string plainJson = ReadFile(m_dir + "/out.json");
+    COscDump dump(m_dir + "/oscdump.txt");
+    ASSERT_TRUE(dump.Listening());
+    const TRun run =
+        Run({"--simulate", drag, "--tuio", "127.0.0.1:" + std::to_string(dump.Port())});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    EXPECT_EQ(ReadFile(m_dir + "/out.json"), plainJson);
+    EXPECT_FALSE(plainJson.empty());
+    EXPECT_THAT(run.logText, testing::Not(HasSubstr("TUIO")));  // nothing to warn about
+
+    const std::vector<TTuioBundle> bundles = TuioBundles(dump.Received());
+    ASSERT_GE(bundles.size(), 4u);
+    EXPECT_TRUE(bundles.front().alive.empty());  // the start
+    EXPECT_TRUE(bundles.back().alive.empty());   // after the lift
+    std::vector<std::vector<double>> sets;
+    for (size_t i = 0; i < bundles.size(); ++i) {
+        EXPECT_EQ(bundles[i].source.rfind("\"irframe-1@", 0), 0u) << bundles[i].source;
+        EXPECT_EQ(bundles[i].fseq, static_cast<int>(i + 1));
+        sets.insert(sets.end(), bundles[i].sets.begin(), bundles[i].sets.end());
+    }
+    ASSERT_GE(sets.size(), 30u);  // a set for every frame that moved
+    for (const auto& set : sets) {
+        ASSERT_EQ(set.size(), 6u);
+        EXPECT_EQ(set[0], sets.front()[0]);  // one cursor throughout
+        EXPECT_GE(set[1], 0.0);
+        EXPECT_LE(set[1], 1.0);
+        EXPECT_GE(set[2], 0.0);
+        EXPECT_LE(set[2], 1.0);
+    }
+    // Fractions of the frame where the script put the finger, and its speed in frame widths
+    // and heights per second of frame time: 6000/32767 in 0.3 s, 4000/32767 in 0.3 s.
+    EXPECT_NEAR(sets.front()[1], 8000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets.front()[2], 8000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets.back()[1], 14000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets.back()[2], 12000.0 / 32767, 0.01);
+    const auto& moving = sets[sets.size() / 2];
+    EXPECT_NEAR(moving[3], 6000.0 / 32767 / 0.3, 0.05);
+    EXPECT_NEAR(moving[4], 4000.0 / 32767 / 0.3, 0.05);
 }
 
 // Verify that without uinput the driver says what to do and fails.
