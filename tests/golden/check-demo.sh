@@ -2,15 +2,30 @@
 # The events every gesture family posts, compared byte for byte with tests/golden/demo.out.
 # A difference is either a fault or a deliberate change of what the gestures post: then the
 # golden file is regenerated with examples/demo.sh and the change is reviewed with it.
+# Also checks the log: at the default level at most 3 lines per emulated frame besides the
+# summaries; with -vv every trace line in tests/golden/demo-trace.txt, as often as there.
 # Usage: tests/golden/check-demo.sh IRFRAMED
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 driver=$1
-actual=$(mktemp)
-trap 'rm -f "$actual"' EXIT
-"$here/../../examples/demo.sh" "$driver" >"$actual" 2>/dev/null
-if ! diff -u "$here/demo.out" "$actual"; then
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+"$here/../../examples/demo.sh" "$driver" >"$work/out" 2>"$work/err"
+if ! diff -u "$here/demo.out" "$work/out"; then
   echo "golden: the demo's events differ from tests/golden/demo.out (see the diff above)" >&2
   exit 1
 fi
-echo "golden: $(wc -l <"$actual") event lines identical"
+frames=$(ls "$here"/../../examples/[0-9][0-9]-*.gesture | wc -l)
+logged=$(grep -cv '^simulated frame [0-9]* (' "$work/err" || true)
+if [ "$logged" -gt $((3 * frames)) ]; then
+  echo "golden: $logged log lines at the default level for $frames frames (at most $((3 * frames))):" >&2
+  cat "$work/err" >&2
+  exit 1
+fi
+"$here/../../examples/demo.sh" "$driver" -vv >/dev/null 2>"$work/trace"
+missing=$(comm -23 <(sort "$here/demo-trace.txt") <(sort "$work/trace") | head -n 5)
+if [ -n "$missing" ]; then
+  printf 'golden: trace lines missing with -vv, e.g.:\n%s\n' "$missing" >&2
+  exit 1
+fi
+echo "golden: $(wc -l <"$work/out") event lines identical; $logged log lines for $frames frames"
