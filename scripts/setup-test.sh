@@ -9,5 +9,6 @@ test_packages=(
   qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
   libinput-tools evemu-tools liblo-tools dbus-daemon   # clients the end-to-end tests drive
   lintian man-db systemd                               # the package check: lint, man -l, verify
+  ccache                                               # the four builds of one tree share objects
 )
 exec "$(dirname "$0")/setup.sh" "${test_packages[@]}"
