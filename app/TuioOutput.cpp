@@ -4,10 +4,24 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 
 #include "MtDevLog.h"
 
 namespace {
+
+// Runs one step of the output: a failure stops this output with one warning, never the worker.
+template <typename Step>
+std::optional<std::string> Failure(Step&& step) {
+    try {
+        step();
+        return std::nullopt;
+    } catch (const std::exception& e) {
+        return std::string("output stopped: ") + e.what();
+    } catch (...) {
+        return std::string("output stopped");
+    }
+}
 
 constexpr uint32_t kRecordAddress = 0x7F000001;  // the record's defaults: 127.0.0.1:3333
 constexpr uint16_t kRecordPort = 3333;
@@ -110,37 +124,23 @@ void CTuioOutput::Warn(const std::string& text) const {
 }
 
 void CTuioOutput::OnFrameReady(const TContactSource& source) {
-    try {
-        Ready(source);
-    } catch (const std::exception& e) {
+    if (const std::optional<std::string> why = Failure([&] { Ready(source); })) {
         m_ready = false;
-        Warn(std::string("output stopped: ") + e.what());
-    } catch (...) {
-        m_ready = false;
-        Warn("output stopped");
+        Warn(*why);
     }
 }
 
 void CTuioOutput::OnContacts(const TContactFrame& frame) {
     if (!m_ready) return;
-    try {
-        Contacts(frame);
-    } catch (const std::exception& e) {
+    if (const std::optional<std::string> why = Failure([&] { Contacts(frame); })) {
         m_ready = false;
-        Warn(std::string("output stopped: ") + e.what());
-    } catch (...) {
-        m_ready = false;
-        Warn("output stopped");
+        Warn(*why);
     }
 }
 
 void CTuioOutput::OnFrameEnd(int device) {
     if (!m_ready || device != m_device) return;
-    try {
-        End();
-    } catch (...) {
-        Warn("output stopped");
-    }
+    if (const std::optional<std::string> why = Failure([&] { End(); })) Warn(*why);
     m_ready = false;
     // The listener stays for the run (frame numbers are not reused): keep nothing of the frame.
     m_routes.clear();
