@@ -54,9 +54,14 @@ TEST(UinputTouchscreen, DescribedAsTouchscreen) {
     }
 }
 
-TEST(UinputTouchscreen, NameFitsUinput) {
-    EXPECT_EQ(TouchscreenDeviceName(std::string(200, 'n')).size(), 79u);
-    EXPECT_EQ(TouchscreenDeviceName("x"), "irframe touchscreen x");
+TEST(UinputTouchscreen, NamedAfterTheFrame) {
+    TContactSource source;
+    source.device = 3;
+    EXPECT_EQ(TouchscreenDeviceName(source), "irframe touchscreen frame 3");
+    source.name = "x";
+    EXPECT_EQ(TouchscreenDeviceName(source), "irframe touchscreen x");
+    source.name = std::string(200, 'n');
+    EXPECT_EQ(TouchscreenDeviceName(source).size(), 79u);  // uinput's limit
 }
 
 // Without a uinput node the frame says why once, and its contacts go nowhere.

@@ -33,15 +33,17 @@ void EnableAxis(libevdev* device, uint16_t code, int32_t minimum, int32_t maximu
 
 }  // namespace
 
-std::string TouchscreenDeviceName(const std::string& frameName) {
-    std::string name = "irframe touchscreen " + frameName;
+std::string TouchscreenDeviceName(const TContactSource& source) {
+    std::string name = "irframe touchscreen " +
+                       (source.name.empty() ? "frame " + std::to_string(source.device)
+                                            : source.name);
     if (name.size() > kMaxNameBytes) name.resize(kMaxNameBytes);
     return name;
 }
 
 libevdev* DescribeTouchscreen(const TContactSource& source, const TTouchscreenOptions& options) {
     libevdev* device = libevdev_new();
-    libevdev_set_name(device, TouchscreenDeviceName(source.name).c_str());
+    libevdev_set_name(device, TouchscreenDeviceName(source).c_str());
     libevdev_set_id_bustype(device, BUS_VIRTUAL);
     libevdev_set_id_vendor(device, source.vendorId);
     libevdev_set_id_product(device, source.productId);
@@ -78,7 +80,7 @@ void CUinputTouchscreen::OnFrameReady(const TContactSource& source) {
     Close();
     m_slots = CTouchscreenSlots(m_options.slots);
     m_writeFailed = false;
-    m_name = TouchscreenDeviceName(source.name);
+    m_name = TouchscreenDeviceName(source);
     m_fd = ::open(m_options.uinputPath.c_str(), O_RDWR | O_CLOEXEC);
     if (m_fd < 0) {
         TLogSystem("touchscreen: %s",

@@ -23,8 +23,9 @@ struct TTouchscreenOptions {
     int slots = kTouchscreenSlots;
 };
 
-// "irframe touchscreen <frame name>", cut to what uinput takes (79 bytes).
-std::string TouchscreenDeviceName(const std::string& frameName);
+// "irframe touchscreen <frame name>" ("frame <number>" when the frame has no name), cut to
+// what uinput takes (79 bytes).
+std::string TouchscreenDeviceName(const TContactSource& source);
 
 // The device's description (name, ids, properties, axes with their resolutions); the caller
 // frees it with libevdev_free.
