@@ -419,13 +419,15 @@ private:
     void Run() {
         pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_wake, POLLIN, 0}};
         std::vector<TEvEvent> current;
+        // When the report being read was found readable: taken at its first event, not at the
+        // wake-up, since a reader held up in this loop also reads reports that came meanwhile.
+        uint64_t readable = 0;
         for (;;) {
             if (::poll(fds, 2, -1) < 0) {
                 if (errno == EINTR) continue;
                 return;
             }
             if (fds[1].revents != 0) return;
-            const uint64_t readable = NowNanos();
             input_event ev{};
             for (;;) {
                 int r = libevdev_next_event(m_device, LIBEVDEV_READ_FLAG_NORMAL, &ev);
@@ -436,6 +438,7 @@ private:
                         r = libevdev_next_event(m_device, LIBEVDEV_READ_FLAG_SYNC, &ev);
                     }
                     current.clear();
+                    readable = 0;
                     continue;
                 }
                 if (r == -ENODEV) {
@@ -445,6 +448,7 @@ private:
                     return;
                 }
                 if (r != LIBEVDEV_READ_STATUS_SUCCESS) break;
+                if (readable == 0) readable = NowNanos();
                 if (ev.type == EV_SYN && ev.code == SYN_REPORT) {
                     std::lock_guard<std::mutex> lock(m_mutex);
                     for (const TEvEvent& e : current) {
@@ -453,6 +457,7 @@ private:
                     }
                     m_packets.push_back(TEvPacket{std::move(current), readable});
                     current.clear();
+                    readable = 0;
                     ++m_total;
                     m_changed.notify_all();
                 } else if (ev.type != EV_SYN && ev.type != EV_MSC) {
@@ -1421,10 +1426,14 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
             Str(y) + " in " + Str(n) + "\nup 1\n",
         &script, &why);
     const bool played = parsed && t.t->Play(script) && t.t->WaitPlayed(kPlayMs);
+    // The last frame is written after the script counts as played: its report is awaited
+    // before the recorder goes.
+    if (played) {
+        t.reader->WaitCount(expected.size(), kEventsMs);
+        t.reader->WaitQuiet(kQuietMs);
+    }
     g_latencyRecorder.store(nullptr);
     if (!played) return Fail(parsed ? "frame T did not play the drag" : why);
-    t.reader->WaitCount(expected.size(), kEventsMs);
-    t.reader->WaitQuiet(kQuietMs);
     std::vector<TEvPacket> seen;
     const std::vector<TMtState> states = TakeStates(*t.reader, t.trace, &t.last, &seen);
     if (std::string diff = CompareMtStates(expected, states, kAbs); !diff.empty()) {
@@ -1436,8 +1445,20 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
         ts = Summarize(Delays(seen, frameSent));
     }
     if (ts.frames != seen.size()) {
+        std::string which;
+        std::lock_guard<std::mutex> lock(sentMutex);
+        for (size_t k = 0; k < seen.size() && which.empty(); ++k) {
+            const uint64_t at = k < frameSent.size() ? frameSent[k] : 0;
+            if (at == 0 || seen[k].readNanos < at) {
+                which = "; report " + Str(static_cast<int64_t>(k + 1)) + " " +
+                        (at == 0 ? "has no sent frame"
+                                 : "was read " + Str(static_cast<int64_t>(at - seen[k].readNanos)) +
+                                       " ns before its frame was sent");
+            }
+        }
         return Fail("only " + Str(static_cast<int64_t>(ts.frames)) + " of " +
-                    Str(static_cast<int64_t>(seen.size())) + " touchscreen reports timed");
+                    Str(static_cast<int64_t>(seen.size())) + " touchscreen reports timed" +
+                    which);
     }
     const double ratio = nat.median > 0 ? ts.median / nat.median : 0;
     Say("LATENCY-NATIVE frames=%zu median_us=%.0f p99_us=%.0f max_us=%.0f", nat.frames,
