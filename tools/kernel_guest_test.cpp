@@ -1586,7 +1586,7 @@ void RunTouchscreenCases(TTouchContext& t, const std::string& driverPath,
     t.driver = &driver;
     std::string error;
     if (!driver.Start({driverPath, "--screen", "1920x1080", "--no-single-instance",
-                       "--touchscreen", "--no-gestures"},
+                       "--log-level", "debug", "--touchscreen", "--no-gestures"},
                       &error)) {
         return failAll("cannot start the driver: " + error);
     }
@@ -1628,7 +1628,9 @@ int main(int argc, char** argv) {
     touch.libinput = kLibinputDebugEvents;
     std::string udevd;
     std::string driverPath;
-    std::vector<std::string> driverArgs = {"--screen", "1920x1080", "--no-single-instance"};
+    // Every line at debug level: the cases read the driver's fixed trace lines.
+    std::vector<std::string> driverArgs = {"--screen", "1920x1080", "--no-single-instance",
+                                           "--log-level", "debug"};
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--driver" && i + 1 < argc) {

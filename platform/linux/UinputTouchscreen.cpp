@@ -83,23 +83,23 @@ void CUinputTouchscreen::OnFrameReady(const TContactSource& source) {
     m_name = TouchscreenDeviceName(source);
     m_fd = ::open(m_options.uinputPath.c_str(), O_RDWR | O_CLOEXEC);
     if (m_fd < 0) {
-        TLogSystem("touchscreen: %s",
-                   DescribeUinputError(m_options.uinputPath, "open", errno).c_str());
+        TLog(TLogLevel::Error, "touchscreen: %s",
+             DescribeUinputError(m_options.uinputPath, "open", errno).c_str());
         return;
     }
     m_device = DescribeTouchscreen(source, m_options);
     const int r = libevdev_uinput_create_from_device(m_device, m_fd, &m_uinput);
     if (r < 0) {
-        TLogSystem("touchscreen: %s",
-                   DescribeUinputError(m_options.uinputPath, "create", -r).c_str());
+        TLog(TLogLevel::Error, "touchscreen: %s",
+             DescribeUinputError(m_options.uinputPath, "create", -r).c_str());
         m_uinput = nullptr;
         Close();
         return;
     }
     const char* node = libevdev_uinput_get_devnode(m_uinput);
-    TLogSystem("touchscreen: '%s' on %s (%d x %d mm, %d slots)", m_name.c_str(),
-               node != nullptr ? node : "an unknown node", m_options.size.widthMm,
-               m_options.size.heightMm, m_slots.Slots());
+    TLog(TLogLevel::Info, "touchscreen: '%s' on %s (%d x %d mm, %d slots)", m_name.c_str(),
+         node != nullptr ? node : "an unknown node", m_options.size.widthMm,
+         m_options.size.heightMm, m_slots.Slots());
 }
 
 void CUinputTouchscreen::OnContacts(const TContactFrame& frame) {
@@ -130,13 +130,14 @@ std::string CUinputTouchscreen::DeviceNode() const {
 
 void CUinputTouchscreen::Warn(unsigned warnings) {
     if ((warnings & kTouchscreenClamped) != 0) {
-        TLogSystem("touchscreen '%s': contact values beyond %d..%d clamped (said once)",
-                   m_name.c_str(), kTouchAxisMin, kTouchAxisMax);
+        TLog(TLogLevel::Warning,
+             "touchscreen '%s': contact values beyond %d..%d clamped (said once)",
+             m_name.c_str(), kTouchAxisMin, kTouchAxisMax);
     }
     if ((warnings & kTouchscreenDropped) != 0) {
-        TLogSystem("touchscreen '%s': more contacts than its %d slots, the rest dropped "
-                   "(said once)",
-                   m_name.c_str(), m_slots.Slots());
+        TLog(TLogLevel::Warning,
+             "touchscreen '%s': more contacts than its %d slots, the rest dropped (said once)",
+             m_name.c_str(), m_slots.Slots());
     }
 }
 
@@ -159,8 +160,8 @@ void CUinputTouchscreen::Write() {
         if (r != static_cast<ssize_t>(n * sizeof batch[0])) {
             if (!m_writeFailed) {
                 m_writeFailed = true;
-                TLogSystem("touchscreen '%s': write failed: %s", m_name.c_str(),
-                           r < 0 ? std::strerror(errno) : "short write");
+                TLog(TLogLevel::Warning, "touchscreen '%s': write failed: %s", m_name.c_str(),
+                     r < 0 ? std::strerror(errno) : "short write");
             }
             return;
         }
