@@ -110,7 +110,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "Also send each frame's contacts as TUIO 1.1 cursors (/tuio/2Dcur over "
                    "OSC/UDP) to HOST:PORT (HOST 127.0.0.1 when left out), for every area")
         ->type_name("[HOST:]PORT");
-        app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
+    app.add_flag("--touchscreen", opt.touchscreen,
+                 "Also present each frame as a multitouch touchscreen (uinput) that libinput "
+                 "and the desktops use directly");
+    bool noGestures = false;
+    app.add_flag("--no-gestures", noGestures,
+                 "No mouse and shortcut emulation: only the other outputs (--touchscreen, --tuio)");
+    app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -120,10 +126,14 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     if (!opt.Simulating() && (!opt.faults.empty() || opt.realtime || !simulateId.empty())) {
         return UsageError("--fault, --realtime and --simulate-id need --simulate");
     }
+    opt.gestures = !noGestures;
     if (!opt.dryRun && opt.output != "-") return UsageError("--output needs --dry-run");
     if (!opt.logLevel.empty() && !ParseLogLevel(opt.logLevel)) {
         return UsageError("--log-level '" + opt.logLevel +
                           "': use error, warning, info or debug");
+    }
+    if (opt.dryRun && opt.touchscreen) {
+        return UsageError("--touchscreen makes a uinput device: it cannot go with --dry-run");
     }
     if (!simulateId.empty() &&
         !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {

@@ -24,6 +24,10 @@ struct DriverOptions {
     std::string logLevel;  // --log-level; empty when not given
     int verbose = 0;       // how many times -v was given
     TTuioSettings tuio;    // the TUIO output: --tuio, or the configuration file
+    bool gestures = true;     // the mouse and shortcut emulation; --no-gestures turns it off
+    bool touchscreen = false;  // a uinput touchscreen per frame
+    int touchscreenWidthMm = 0;   // the touch surface's size; 0: the touchscreen's default
+    int touchscreenHeightMm = 0;
 
     bool Simulating() const { return !simulate.empty(); }
     // Whether this run takes part in the single-instance exchange with other real instances.

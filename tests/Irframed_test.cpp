@@ -414,6 +414,7 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         {{"--simulate", Script("comments", "# nothing\n\n")}, 2, "plays no frame"},
         {{"--simulate", tap, "--log-level", "loud"}, 2, "use error, warning, info or debug"},
         {{"--simulate", tap, "--tuio", "localhost:0"}, 2, "the port must be a number 1..65535"},
+        {{"--simulate", tap, "--touchscreen"}, 2, "cannot go with --dry-run"},
     };
     for (const Case& c : cases) {
         const TRun run = Run(c.args);
@@ -665,6 +666,21 @@ TEST_F(Irframed, MissingUinputIsExplained) {
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.logText, HasSubstr("uinput"));
     EXPECT_THAT(run.logText, HasSubstr("modprobe uinput"));
+
+    // Also when the touchscreen is the only output.
+    const TRun touch = Run({"--simulate", Script("tap", kTap), "--uinput", m_dir + "/no-uinput",
+                            "--touchscreen", "--no-gestures"},
+                           /*dryRun=*/false);
+    EXPECT_EQ(touch.status, 1);
+    EXPECT_THAT(touch.logText, HasSubstr("--touchscreen: cannot open"));
+}
+
+// Verify that without the gestures a tap posts nothing, and the frame is still served.
+TEST_F(Irframed, NoGesturesPostNothing) {
+    const TRun run = Run({"--simulate", Script("tap", kTap), "--no-gestures"});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    EXPECT_TRUE(run.events.empty());
+    EXPECT_THAT(run.logText, HasSubstr("4 of 4 scripted frames played"));
 }
 
 }  // namespace

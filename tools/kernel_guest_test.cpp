@@ -16,6 +16,8 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +25,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
@@ -41,8 +44,11 @@
 #include "GestureScript.h"
 #include "MtDevCtrlInterface.h"
 #include "MtEmuUhidFrame.h"
+#include "MtSlotTrace.h"
 #include "MultiPlatformAPI.h"
 #include "SimFrameEncoder.h"
+#include "TouchscreenSlots.h"
+#include "UhidDigitizer.h"
 
 namespace {
 
@@ -250,6 +256,37 @@ private:
     std::atomic<uint64_t> m_stdoutLines{0};
 };
 
+// The event nodes under /dev/input.
+std::vector<std::string> EventNodes() {
+    std::vector<std::string> nodes;
+    DIR* dir = ::opendir("/dev/input");
+    if (dir == nullptr) return nodes;
+    while (dirent* entry = ::readdir(dir)) {
+        if (std::strncmp(entry->d_name, "event", 5) == 0) {
+            nodes.push_back(std::string("/dev/input/") + entry->d_name);
+        }
+    }
+    ::closedir(dir);
+    return nodes;
+}
+
+// The nodes whose device name starts with `prefix`.
+std::vector<std::string> EventNodesNamed(const std::string& prefix) {
+    std::vector<std::string> found;
+    for (const std::string& node : EventNodes()) {
+        const int fd = ::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) continue;
+        libevdev* device = nullptr;
+        if (libevdev_new_from_fd(fd, &device) == 0 && libevdev_get_name(device) != nullptr &&
+            std::string(libevdev_get_name(device)).rfind(prefix, 0) == 0) {
+            found.push_back(node);
+        }
+        if (device != nullptr) libevdev_free(device);
+        ::close(fd);
+    }
+    return found;
+}
+
 // ---------------------------------------------------------------------------------------------
 // The driver's virtual input device, read by a thread of its own so that each report is stamped
 // when it becomes readable.
@@ -267,21 +304,34 @@ public:
         if (m_wake >= 0) ::close(m_wake);
     }
 
-    // Finds the event node whose device has this name (node numbers are not fixed).
-    bool Open(const std::string& name, int timeoutMs, std::string* error) {
+    // Finds the event node whose device has this name, or a name starting with it when
+    // `prefix` (node numbers are not fixed).
+    bool Open(const std::string& name, int timeoutMs, std::string* error, bool prefix = false) {
         for (int waited = 0; waited <= timeoutMs; waited += 100) {
-            if (TryOpen(name)) {
-                m_wake = ::eventfd(0, EFD_CLOEXEC);
-                m_thread = std::thread([this] { Run(); });
+            if (TryOpen(name, prefix)) {
+                Begin();
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
-        *error = "no event node named '" + name + "' under /dev/input";
+        *error = "no event node named '" + name + (prefix ? "...'" : "'") + " under /dev/input";
         return false;
     }
 
+    // Reads this node, whatever its device is called.
+    bool OpenNode(const std::string& node, std::string* error) {
+        if (!TryOpenNode(node, [](const std::string&) { return true; })) {
+            *error = "cannot read " + node;
+            return false;
+        }
+        Begin();
+        return true;
+    }
+
     const std::string& Node() const { return m_node; }
+    std::string Name() const { return m_name; }
+    // The axis as the device declared it (read when it was opened).
+    input_absinfo AbsInfo(uint16_t code) const { return m_absInfo.count(code) ? m_absInfo.at(code) : input_absinfo{}; }
 
     // The reports read since the last call.
     std::vector<TEvPacket> Take() {
@@ -318,42 +368,66 @@ public:
 
     bool Dropped() const { return m_dropped.load(); }
 
+    // Waits until the device went away (its node refuses reads); false on time-out.
+    bool WaitGone(int timeoutMs) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                  [&] { return m_gone; });
+    }
+
 private:
-    bool TryOpen(const std::string& name) {
-        DIR* dir = ::opendir("/dev/input");
-        if (dir == nullptr) return false;
-        bool found = false;
-        while (dirent* entry = ::readdir(dir)) {
-            if (std::strncmp(entry->d_name, "event", 5) != 0) continue;
-            const std::string node = std::string("/dev/input/") + entry->d_name;
-            const int fd = ::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-            if (fd < 0) continue;
-            libevdev* device = nullptr;
-            if (libevdev_new_from_fd(fd, &device) == 0 && libevdev_get_name(device) != nullptr &&
-                name == libevdev_get_name(device)) {
-                m_fd = fd;
-                m_device = device;
-                m_node = node;
-                found = true;
-                break;
+    bool TryOpen(const std::string& name, bool prefix) {
+        for (const std::string& node : EventNodes()) {
+            if (TryOpenNode(node, [&](const std::string& named) {
+                    return prefix ? named.rfind(name, 0) == 0 : named == name;
+                })) {
+                return true;
             }
+        }
+        return false;
+    }
+
+    bool TryOpenNode(const std::string& node,
+                     const std::function<bool(const std::string&)>& wanted) {
+        const int fd = ::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) return false;
+        libevdev* device = nullptr;
+        const char* named = nullptr;
+        if (libevdev_new_from_fd(fd, &device) == 0) named = libevdev_get_name(device);
+        if (named == nullptr || !wanted(named)) {
             if (device != nullptr) libevdev_free(device);
             ::close(fd);
+            return false;
         }
-        ::closedir(dir);
-        return found;
+        m_fd = fd;
+        m_device = device;
+        m_node = node;
+        m_name = named;
+        for (uint16_t code = 0; code <= ABS_MAX; ++code) {
+            if (const input_absinfo* info = libevdev_get_abs_info(device, code)) {
+                m_absInfo[code] = *info;
+            }
+        }
+        return true;
+    }
+
+    void Begin() {
+        m_wake = ::eventfd(0, EFD_CLOEXEC);
+        m_thread = std::thread([this] { Run(); });
     }
 
     void Run() {
         pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_wake, POLLIN, 0}};
         std::vector<TEvEvent> current;
+        // When the report being read was found readable: taken at its first event, not at the
+        // wake-up, since a reader held up in this loop also reads reports that came meanwhile.
+        uint64_t readable = 0;
         for (;;) {
             if (::poll(fds, 2, -1) < 0) {
                 if (errno == EINTR) continue;
                 return;
             }
             if (fds[1].revents != 0) return;
-            const uint64_t readable = NowNanos();
             input_event ev{};
             for (;;) {
                 int r = libevdev_next_event(m_device, LIBEVDEV_READ_FLAG_NORMAL, &ev);
@@ -364,9 +438,17 @@ private:
                         r = libevdev_next_event(m_device, LIBEVDEV_READ_FLAG_SYNC, &ev);
                     }
                     current.clear();
+                    readable = 0;
                     continue;
                 }
+                if (r == -ENODEV) {
+                    std::lock_guard<std::mutex> lock(m_mutex);
+                    m_gone = true;
+                    m_changed.notify_all();
+                    return;
+                }
                 if (r != LIBEVDEV_READ_STATUS_SUCCESS) break;
+                if (readable == 0) readable = NowNanos();
                 if (ev.type == EV_SYN && ev.code == SYN_REPORT) {
                     std::lock_guard<std::mutex> lock(m_mutex);
                     for (const TEvEvent& e : current) {
@@ -375,6 +457,7 @@ private:
                     }
                     m_packets.push_back(TEvPacket{std::move(current), readable});
                     current.clear();
+                    readable = 0;
                     ++m_total;
                     m_changed.notify_all();
                 } else if (ev.type != EV_SYN && ev.type != EV_MSC) {
@@ -389,13 +472,180 @@ private:
     libevdev* m_device = nullptr;
     std::string m_node;
     std::thread m_thread;
+    std::string m_name;
+    std::map<uint16_t, input_absinfo> m_absInfo;
     std::atomic<bool> m_dropped{false};
+    bool m_gone = false;  // guarded by m_mutex
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<TEvPacket> m_packets;
     uint64_t m_total = 0;
     std::map<uint16_t, int32_t> m_abs;
     std::map<uint16_t, bool> m_keys;
+};
+
+// ---------------------------------------------------------------------------------------------
+// libinput's own view of a device: libinput-debug-events run on its node, its lines parsed.
+
+struct TLibinputEvent {
+    std::string type;  // "DEVICE_ADDED", "TOUCH_DOWN", "TOUCH_FRAME", ...
+    int slot = -1;     // touch events but TOUCH_FRAME
+    double xMm = 0;    // TOUCH_DOWN and TOUCH_MOTION
+    double yMm = 0;
+    std::string rest;  // what follows the type
+};
+
+// One line of libinput-debug-events: "-event1   DEVICE_ADDED   name ...",
+// " event1   TOUCH_DOWN   +0.174s	0 (0) 15.26/15.26 (185.15/104.15mm)", " event1   TOUCH_UP ...
+// 0 (0)". Log lines and colour codes come through too; nothing for them.
+std::optional<TLibinputEvent> ParseLibinputLine(const std::string& raw) {
+    std::string line;
+    for (size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == '\033') {
+            while (i < raw.size() && raw[i] != 'm') ++i;  // a colour code
+            continue;
+        }
+        line += raw[i];
+    }
+    char node[32], type[32];
+    int used = 0;
+    if (std::sscanf(line.c_str(), " %31s %31s %n", node, type, &used) != 2) return std::nullopt;
+    const std::string device = node[0] == '-' ? node + 1 : node;
+    if (device.rfind("event", 0) != 0) return std::nullopt;
+    TLibinputEvent event;
+    event.type = type;
+    event.rest = line.substr(static_cast<size_t>(used));
+    if (event.type.rfind("TOUCH_", 0) == 0 && event.type != "TOUCH_FRAME") {
+        double seconds = 0;
+        int seat = 0;
+        if (std::sscanf(event.rest.c_str(), "+%lfs %d (%d)", &seconds, &event.slot, &seat) != 3) {
+            return std::nullopt;
+        }
+        if (event.type == "TOUCH_DOWN" || event.type == "TOUCH_MOTION") {
+            const size_t open = event.rest.rfind('(');
+            if (open == std::string::npos ||
+                std::sscanf(event.rest.c_str() + open, "(%lf/%lfmm)", &event.xMm, &event.yMm) !=
+                    2) {
+                return std::nullopt;
+            }
+        }
+    }
+    return event;
+}
+
+class CLibinputEvents {
+public:
+    ~CLibinputEvents() { Stop(); }
+
+    bool Start(const std::string& program, const std::string& node, std::string* error) {
+        int out[2];
+        if (::pipe2(out, O_CLOEXEC) != 0) {
+            *error = std::string("pipe: ") + std::strerror(errno);
+            return false;
+        }
+        m_pid = ::fork();
+        if (m_pid < 0) {
+            *error = std::string("fork: ") + std::strerror(errno);
+            return false;
+        }
+        if (m_pid == 0) {
+            ::dup2(out[1], STDOUT_FILENO);
+            ::dup2(out[1], STDERR_FILENO);
+            ::execl(program.c_str(), program.c_str(), "--device", node.c_str(),
+                    static_cast<char*>(nullptr));
+            std::fprintf(stderr, "cannot run %s: %s\n", program.c_str(), std::strerror(errno));
+            ::_exit(127);
+        }
+        ::close(out[1]);
+        m_out = out[0];
+        m_thread = std::thread([this] { Pump(); });
+        return true;
+    }
+
+    // Waits until `count` events of `type` came; false on time-out or when libinput ended.
+    bool WaitFor(const std::string& type, size_t count, int timeoutMs) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        auto enough = [&] {
+            return static_cast<size_t>(std::count_if(
+                       m_events.begin(), m_events.end(),
+                       [&](const TLibinputEvent& e) { return e.type == type; })) >= count;
+        };
+        m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                           [&] { return enough() || m_ended; });
+        return enough();
+    }
+
+    // SIGINT: libinput-debug-events leaves its loop; every line it printed is read.
+    void Stop() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGINT);
+            int status = 0;
+            for (int waited = 0; waited < 5'000; waited += 20) {
+                if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                    m_pid = -1;
+                    break;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            if (m_pid > 0) {
+                ::kill(m_pid, SIGKILL);
+                ::waitpid(m_pid, &status, 0);
+                m_pid = -1;
+            }
+        }
+        if (m_thread.joinable()) m_thread.join();
+        if (m_out >= 0) ::close(m_out);
+        m_out = -1;
+    }
+
+    std::vector<TLibinputEvent> Events() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_events;
+    }
+
+    // The touch events (frames included), in order.
+    std::vector<TLibinputEvent> Touches() const {
+        std::vector<TLibinputEvent> touches;
+        for (const TLibinputEvent& e : Events()) {
+            if (e.type.rfind("TOUCH_", 0) == 0) touches.push_back(e);
+        }
+        return touches;
+    }
+
+private:
+    void Pump() {
+        std::string partial;
+        char buffer[4096];
+        for (;;) {
+            const ssize_t n = ::read(m_out, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            partial.append(buffer, static_cast<size_t>(n));
+            size_t end;
+            while ((end = partial.find('\n')) != std::string::npos) {
+                const std::string line = partial.substr(0, end);
+                partial.erase(0, end + 1);
+                if (line.empty()) continue;
+                Say("  libinput| %s", line.c_str());
+                if (std::optional<TLibinputEvent> event = ParseLibinputLine(line)) {
+                    std::lock_guard<std::mutex> lock(m_mutex);
+                    m_events.push_back(std::move(*event));
+                    m_changed.notify_all();
+                }
+            }
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_ended = true;
+        m_changed.notify_all();
+    }
+
+    pid_t m_pid = -1;
+    int m_out = -1;
+    std::thread m_thread;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<TLibinputEvent> m_events;
+    bool m_ended = false;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -422,19 +672,24 @@ struct TContext {
 
 std::string Str(int64_t v) { return std::to_string(v); }
 
-TFrame MakeFrame(TContext& ctx, uint16_t vendor, uint16_t product, const std::string& name) {
+TFrame MakeFrame(const CSimFrameEncoder& encoder, uint16_t vendor, uint16_t product,
+                 const std::string& name) {
     TUhidIdentity identity;
     identity.vendor = vendor;
     identity.product = product;
     identity.name = name;
-    return std::make_unique<CMtEmuUhidFrame>(*ctx.encoder, identity);
+    return std::make_unique<CMtEmuUhidFrame>(encoder, identity);
 }
 
 // Plugs a frame in; empty on success, else why not.
-std::string Plug(TContext& ctx, CMtEmuUhidFrame& frame) {
+std::string Plug(const std::string& uhidPath, CMtEmuUhidFrame& frame) {
     std::string error;
-    if (!frame.Plug(ctx.uhidPath, &error)) return frame.Identity().name + ": " + error;
+    if (!frame.Plug(uhidPath, &error)) return frame.Identity().name + ": " + error;
     return "";
+}
+
+std::string Plug(TContext& ctx, CMtEmuUhidFrame& frame) {
+    return Plug(ctx.uhidPath, frame);
 }
 
 // Waits until the driver holds the frame open and has polled it several times.
@@ -833,12 +1088,535 @@ TResult CaseOrderlyEnd(TContext& ctx) {
     return Pass("exit status 0 after SIGTERM");
 }
 
+// ---------------------------------------------------------------------------------------------
+// The touchscreen output: a second driver with only the touchscreen on and udevd running, so
+// that libinput takes its devices as a desktop would; the kernel's own hid-multitouch is the
+// yardstick of its latency.
+
+constexpr const char* kTouchscreenPrefix = "irframe touchscreen";
+constexpr const char* kLibinputDebugEvents = "/usr/libexec/libinput/libinput-debug-events";
+constexpr const char* kNativeName = "native digitizer";
+
+struct TLatency {
+    size_t frames = 0;
+    double median = 0;  // microseconds
+    double p99 = 0;
+    double max = 0;
+};
+
+TLatency Summarize(std::vector<double> micros) {
+    TLatency l;
+    if (micros.empty()) return l;
+    std::sort(micros.begin(), micros.end());
+    l.frames = micros.size();
+    l.median = micros[micros.size() / 2];
+    l.p99 = micros[std::min(micros.size() - 1, (micros.size() * 99) / 100)];
+    l.max = micros.back();
+    return l;
+}
+
+// Report k read `seen[k].readNanos`, its cause was written at `sent[k]`.
+std::vector<double> Delays(const std::vector<TEvPacket>& seen, const std::vector<uint64_t>& sent) {
+    std::vector<double> micros;
+    for (size_t k = 0; k < seen.size() && k < sent.size(); ++k) {
+        if (sent[k] == 0 || seen[k].readNanos < sent[k]) continue;
+        micros.push_back(static_cast<double>(seen[k].readNanos - sent[k]) / 1000.0);
+    }
+    return micros;
+}
+
+struct TTouchContext {
+    std::string uhidPath;
+    std::string libinput;  // the libinput-debug-events program
+    int latencyFrames = 200;
+    CDriverProcess* driver = nullptr;
+    CMtEmuUhidFrame* t = nullptr;  // served through the whole phase
+    CMtEmuUhidFrame* u = nullptr;  // plugged in and out by the unplug case
+    CEvdevReader* reader = nullptr;  // frame T's touchscreen
+    CMtSlotTrace trace;              // every report read from it so far
+    TMtState last;                   // the state after the last of them
+};
+
+// The states after the reports read since the last call (and they are forgotten).
+std::vector<TMtState> TakeStates(CEvdevReader& reader, CMtSlotTrace& trace, TMtState* last,
+                                 std::vector<TEvPacket>* reports = nullptr) {
+    std::vector<TEvPacket> seen = reader.Take();
+    std::vector<TMtState> states;
+    for (const TEvPacket& p : seen) states.push_back(trace.Feed(p.events));
+    if (!states.empty() && last != nullptr) *last = states.back();
+    if (reports != nullptr) *reports = std::move(seen);
+    return states;
+}
+
+// Each report's touches, slot by slot.
+using TTouches = std::vector<TMtTouch>;
+
+// What a reader must hold after each report: the touches, BTN_TOUCH while any is down and the
+// single-touch axes at the oldest touch (the smallest tracking id here: ids only grow).
+std::vector<TMtState> ExpectedStates(const std::vector<TTouches>& reports, TMtState last) {
+    std::vector<TMtState> states;
+    for (const TTouches& touches : reports) {
+        last.touches = touches;
+        last.touching = !touches.empty();
+        if (!touches.empty()) {
+            const TMtTouch& oldest = *std::min_element(
+                touches.begin(), touches.end(),
+                [](const TMtTouch& a, const TMtTouch& b) { return a.trackingId < b.trackingId; });
+            last.x = oldest.x;
+            last.y = oldest.y;
+        }
+        states.push_back(last);
+    }
+    return states;
+}
+
+// What libinput makes of the same reports: slot by slot a down, a motion or an up, and a frame
+// after each report that changed anything.
+std::vector<TLibinputEvent> ExpectedLibinput(const std::vector<TTouches>& reports,
+                                             const std::function<double(int32_t)>& xMm,
+                                             const std::function<double(int32_t)>& yMm) {
+    std::vector<TLibinputEvent> events;
+    TTouches before;
+    auto find = [](const TTouches& touches, int slot) -> const TMtTouch* {
+        for (const TMtTouch& t : touches) {
+            if (t.slot == slot) return &t;
+        }
+        return nullptr;
+    };
+    for (const TTouches& now : reports) {
+        const size_t start = events.size();
+        for (int slot = 0; slot < kTouchscreenMaxSlots; ++slot) {
+            const TMtTouch* was = find(before, slot);
+            const TMtTouch* is = find(now, slot);
+            if (was != nullptr && (is == nullptr || is->trackingId != was->trackingId)) {
+                events.push_back({"TOUCH_UP", slot, 0, 0, ""});
+            }
+            if (is != nullptr && (was == nullptr || is->trackingId != was->trackingId)) {
+                events.push_back({"TOUCH_DOWN", slot, xMm(is->x), yMm(is->y), ""});
+            } else if (is != nullptr && (is->x != was->x || is->y != was->y)) {
+                events.push_back({"TOUCH_MOTION", slot, xMm(is->x), yMm(is->y), ""});
+            }
+        }
+        if (events.size() > start) events.push_back({"TOUCH_FRAME", -1, 0, 0, ""});
+        before = now;
+    }
+    return events;
+}
+
+std::string DescribeLibinput(const TLibinputEvent& e) {
+    char text[96];
+    if (e.type == "TOUCH_DOWN" || e.type == "TOUCH_MOTION") {
+        std::snprintf(text, sizeof text, "%s %d (%.2f/%.2fmm)", e.type.c_str(), e.slot, e.xMm,
+                      e.yMm);
+    } else if (e.slot >= 0) {
+        std::snprintf(text, sizeof text, "%s %d", e.type.c_str(), e.slot);
+    } else {
+        std::snprintf(text, sizeof text, "%s", e.type.c_str());
+    }
+    return text;
+}
+
+std::string CompareLibinput(const std::vector<TLibinputEvent>& expected,
+                            const std::vector<TLibinputEvent>& seen, double toleranceMm) {
+    for (size_t i = 0; i < std::min(expected.size(), seen.size()); ++i) {
+        const TLibinputEvent& w = expected[i];
+        const TLibinputEvent& g = seen[i];
+        const bool same = w.type == g.type && w.slot == g.slot &&
+                          std::abs(w.xMm - g.xMm) <= toleranceMm &&
+                          std::abs(w.yMm - g.yMm) <= toleranceMm;
+        if (!same) {
+            return "libinput event " + Str(static_cast<int64_t>(i + 1)) + " of " +
+                   Str(static_cast<int64_t>(expected.size())) + ": expected " +
+                   DescribeLibinput(w) + ", saw " + DescribeLibinput(g);
+        }
+    }
+    if (expected.size() != seen.size()) {
+        const size_t common = std::min(expected.size(), seen.size());
+        return "expected " + Str(static_cast<int64_t>(expected.size())) +
+               " libinput touch events, saw " + Str(static_cast<int64_t>(seen.size())) +
+               (seen.size() > common ? "; the first extra is " + DescribeLibinput(seen[common])
+                                     : "; the first missing is " +
+                                           DescribeLibinput(expected[common]));
+    }
+    return "";
+}
+
+// libinput takes only devices that udev tagged; its input_id builtin must have called this
+// one a touchscreen.
+std::string WaitTouchscreenTag(const std::string& node) {
+    struct stat st {};
+    if (::stat(node.c_str(), &st) != 0) return "cannot stat " + node;
+    const std::string path = "/run/udev/data/c" + Str(major(st.st_rdev)) + ":" +
+                             Str(minor(st.st_rdev));
+    std::string text;
+    for (int waited = 0; waited <= kAppearMs; waited += 100) {
+        text.clear();
+        if (FILE* f = std::fopen(path.c_str(), "r")) {
+            char line[256];
+            while (std::fgets(line, sizeof line, f) != nullptr) text += line;
+            std::fclose(f);
+        }
+        if (text.find("E:ID_INPUT_TOUCHSCREEN=1") != std::string::npos) return "";
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    for (char& c : text) c = c == '\n' ? ' ' : c;
+    return "udev did not tag " + node + " ID_INPUT_TOUCHSCREEN=1 (" + path + ": " +
+           (text.empty() ? std::string("none") : text) + ")";
+}
+
+// Starts libinput on a node and waits until it has taken the device as a touchscreen of the
+// configured size.
+std::string StartLibinput(TTouchContext& t, CLibinputEvents& li, const CEvdevReader& reader) {
+    std::string error;
+    if (!li.Start(t.libinput, reader.Node(), &error)) return "libinput: " + error;
+    if (!li.WaitFor("DEVICE_ADDED", 1, kAppearMs)) {
+        return "libinput did not add " + reader.Node();
+    }
+    std::string added;
+    for (const TLibinputEvent& e : li.Events()) {
+        if (e.type == "DEVICE_ADDED") added = e.rest;
+    }
+    if (added.find("cap:t") == std::string::npos) {
+        return "libinput added it without the touch capability: " + added;
+    }
+    // The size libinput reads from the axes' resolution, against the default size.
+    int w = 0, h = 0;
+    const size_t at = added.find(" size ");
+    const TTouchscreenSize size;
+    if (at == std::string::npos || std::sscanf(added.c_str() + at, " size %dx%dmm", &w, &h) != 2 ||
+        std::abs(w - size.widthMm) * 100 > size.widthMm ||
+        std::abs(h - size.heightMm) * 100 > size.heightMm) {
+        return "libinput's size is not " + Str(size.widthMm) + "x" + Str(size.heightMm) +
+               " mm within 1%: " + added;
+    }
+    return "";
+}
+
+struct TMillimetres {
+    std::function<double(int32_t)> x, y;
+    double tolerance;  // the positions' tolerance, in millimetres
+};
+
+TMillimetres Millimetres(const CEvdevReader& reader) {
+    const input_absinfo ax = reader.AbsInfo(ABS_MT_POSITION_X);
+    const input_absinfo ay = reader.AbsInfo(ABS_MT_POSITION_Y);
+    const double rx = std::max(1, ax.resolution), ry = std::max(1, ay.resolution);
+    return {[=](int32_t v) { return (v - ax.minimum) / rx; },
+            [=](int32_t v) { return (v - ay.minimum) / ry; },
+            (kAbs + 0.5) / std::min(rx, ry) + 0.01};
+}
+
+// Two fingers down, moving, lifted one after the other, then a third touch in the freed slot:
+// the slots, tracking ids and positions on the node, and libinput's downs, motions and ups.
+TResult CaseTouchscreenTwoFingers(TTouchContext& t) {
+    if (std::string why = WaitTouchscreenTag(t.reader->Node()); !why.empty()) return Fail(why);
+    CLibinputEvents li;
+    if (std::string why = StartLibinput(t, li, *t.reader); !why.empty()) return Fail(why);
+    t.reader->WaitQuiet(kQuietMs);
+    TakeStates(*t.reader, t.trace, &t.last);
+
+    std::vector<TTouches> reports = {{{0, 0, 8000, 8000}, {1, 1, 16000, 8000}}};
+    for (int y = 9000; y <= 12000; y += 1000) reports.push_back({{0, 0, 8000, y}, {1, 1, 16000, y}});
+    reports.push_back({{1, 1, 16000, 12000}});
+    reports.push_back({});
+    for (int x = 4000; x <= 6000; x += 1000) reports.push_back({{0, 2, x, 20000}});
+    reports.push_back({});
+    const std::vector<TMtState> expected = ExpectedStates(reports, t.last);
+
+    CGestureScript script;
+    std::string why;
+    if (!CGestureScript::Parse("rate 50\n"
+                               "down 1 8000 8000, 2 16000 8000\n"
+                               "move 1 8000 12000, 2 16000 12000 in 4\n"
+                               "up 1\n"
+                               "up 2\n"
+                               "down 3 4000 20000\n"
+                               "move 3 6000 20000 in 2\n"
+                               "up 3\n",
+                               &script, &why)) {
+        return Fail(why);
+    }
+    if (!t.t->Play(script) || !t.t->WaitPlayed(kPlayMs)) return Fail("frame T did not play");
+    t.reader->WaitCount(expected.size(), kEventsMs);
+    t.reader->WaitQuiet(kQuietMs);
+    const std::vector<TMtState> seen = TakeStates(*t.reader, t.trace, &t.last);
+    if (std::string diff = CompareMtStates(expected, seen, kAbs); !diff.empty()) {
+        return Fail("evdev: " + diff);
+    }
+    li.WaitFor("TOUCH_UP", 3, kEventsMs);
+    li.Stop();
+    const TMillimetres mm = Millimetres(*t.reader);
+    if (std::string diff = CompareLibinput(ExpectedLibinput(reports, mm.x, mm.y), li.Touches(),
+                                           mm.tolerance);
+        !diff.empty()) {
+        return Fail(diff);
+    }
+    return Pass("udev tagged it a touchscreen; slots 0 and 1 with tracking ids 0 and 1 down, "
+                "4 moves, lifted one by one, then id 2 in slot 0; libinput: the same downs, "
+                "motions and ups in mm, " + Str(static_cast<int64_t>(seen.size())) + " reports");
+}
+
+// A one-finger drag on the kernel's own driver and on the touchscreen output, each report
+// timed from its write (the digitizer's report, the frame's reply) until its event is readable.
+TResult CaseTouchscreenLatency(TTouchContext& t) {
+    const int n = t.latencyFrames;
+    const int x0 = 5000, y = 16000, step = 50;
+
+    // The kernel's hid-multitouch.
+    CUhidDigitizer digitizer;
+    std::string error;
+    if (!digitizer.Create(t.uhidPath, kNativeName, &error)) return Fail(error);
+    CEvdevReader native;
+    if (!native.Open(kNativeName, kAppearMs, &error, true)) return Fail(error);
+    bool bound = false;
+    if (DIR* dir = ::opendir("/sys/bus/hid/drivers/hid-multitouch")) {
+        while (dirent* entry = ::readdir(dir)) {
+            bound = bound || std::strstr(entry->d_name, ":1D6B:0F10.") != nullptr;
+        }
+        ::closedir(dir);
+    }
+    if (!bound) return Fail("the digitizer is not bound to hid-multitouch");
+    if (!digitizer.WaitOpen(kAppearMs)) return Fail("the digitizer was never opened");
+    std::vector<uint64_t> sent(static_cast<size_t>(n) + 2, 0);
+    for (int k = 0; k <= n + 1; ++k) {
+        TDigitizerContact c{k <= n, 1, static_cast<uint16_t>(x0 + step * std::min(k, n)),
+                            static_cast<uint16_t>(y)};
+        if (!digitizer.Send({c}, &sent[static_cast<size_t>(k)])) return Fail("uhid write failed");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    native.WaitCount(sent.size(), kEventsMs);
+    native.WaitQuiet(kQuietMs);
+    const std::vector<TEvPacket> nativeSeen = native.Take();
+    CMtSlotTrace nativeTrace;
+    for (size_t k = 0; k < nativeSeen.size(); ++k) {
+        const TMtState s = nativeTrace.Feed(nativeSeen[k].events);
+        const bool down = k + 1 < sent.size();
+        const int32_t x = x0 + step * static_cast<int32_t>(std::min<size_t>(k, n));
+        if (s.touches.size() != (down ? 1u : 0u) || (down && s.touches[0].x != x)) {
+            return Fail("hid-multitouch report " + Str(static_cast<int64_t>(k + 1)) +
+                        ": expected " + (down ? "one touch at x " + Str(x) : "no touch") +
+                        ", saw " + DescribeMtState(s));
+        }
+    }
+    const TLatency nat = Summarize(Delays(nativeSeen, sent));
+    if (nativeSeen.size() != sent.size() || nat.frames != sent.size()) {
+        return Fail("hid-multitouch: " + Str(static_cast<int64_t>(nativeSeen.size())) + " of " +
+                    Str(static_cast<int64_t>(sent.size())) + " reports read, " +
+                    Str(static_cast<int64_t>(nat.frames)) + " timed");
+    }
+    digitizer.Destroy();
+
+    // The touchscreen output, on frame T.
+    TakeStates(*t.reader, t.trace, &t.last);
+    std::vector<TTouches> reports;
+    for (int k = 0; k <= n; ++k) reports.push_back({{0, 3, x0 + step * k, y}});
+    reports.push_back({});
+    const std::vector<TMtState> expected = ExpectedStates(reports, t.last);
+    std::mutex sentMutex;
+    std::vector<uint64_t> frameSent(reports.size(), 0);
+    TSentRecorder record = [&](size_t index, uint64_t nanos) {
+        std::lock_guard<std::mutex> lock(sentMutex);
+        if (index < frameSent.size()) frameSent[index] = nanos;
+    };
+    g_latencyRecorder.store(&record);
+    CGestureScript script;
+    std::string why;
+    const bool parsed = CGestureScript::Parse(
+        "rate 50\ndown 1 " + Str(x0) + " " + Str(y) + "\nmove 1 " + Str(x0 + step * n) + " " +
+            Str(y) + " in " + Str(n) + "\nup 1\n",
+        &script, &why);
+    const bool played = parsed && t.t->Play(script) && t.t->WaitPlayed(kPlayMs);
+    // The last frame is written after the script counts as played: its report is awaited
+    // before the recorder goes.
+    if (played) {
+        t.reader->WaitCount(expected.size(), kEventsMs);
+        t.reader->WaitQuiet(kQuietMs);
+    }
+    g_latencyRecorder.store(nullptr);
+    if (!played) return Fail(parsed ? "frame T did not play the drag" : why);
+    std::vector<TEvPacket> seen;
+    const std::vector<TMtState> states = TakeStates(*t.reader, t.trace, &t.last, &seen);
+    if (std::string diff = CompareMtStates(expected, states, kAbs); !diff.empty()) {
+        return Fail("touchscreen: " + diff);
+    }
+    TLatency ts;
+    {
+        std::lock_guard<std::mutex> lock(sentMutex);
+        ts = Summarize(Delays(seen, frameSent));
+    }
+    if (ts.frames != seen.size()) {
+        std::string which;
+        std::lock_guard<std::mutex> lock(sentMutex);
+        for (size_t k = 0; k < seen.size() && which.empty(); ++k) {
+            const uint64_t at = k < frameSent.size() ? frameSent[k] : 0;
+            if (at == 0 || seen[k].readNanos < at) {
+                which = "; report " + Str(static_cast<int64_t>(k + 1)) + " " +
+                        (at == 0 ? "has no sent frame"
+                                 : "was read " + Str(static_cast<int64_t>(at - seen[k].readNanos)) +
+                                       " ns before its frame was sent");
+            }
+        }
+        return Fail("only " + Str(static_cast<int64_t>(ts.frames)) + " of " +
+                    Str(static_cast<int64_t>(seen.size())) + " touchscreen reports timed" +
+                    which);
+    }
+    const double ratio = nat.median > 0 ? ts.median / nat.median : 0;
+    Say("LATENCY-NATIVE frames=%zu median_us=%.0f p99_us=%.0f max_us=%.0f", nat.frames,
+        nat.median, nat.p99, nat.max);
+    Say("LATENCY-TOUCHSCREEN frames=%zu median_us=%.0f p99_us=%.0f max_us=%.0f "
+        "ratio_of_medians=%.2f",
+        ts.frames, ts.median, ts.p99, ts.max, ratio);
+    char text[240];
+    std::snprintf(text, sizeof text,
+                  "%zu reports each, every position in order; written to readable: "
+                  "hid-multitouch median %.2f ms, p99 %.2f ms; touchscreen median %.2f ms, "
+                  "p99 %.2f ms; %.2f times the kernel's",
+                  ts.frames, nat.median / 1000.0, nat.p99 / 1000.0, ts.median / 1000.0,
+                  ts.p99 / 1000.0, ratio);
+    return Pass(text);
+}
+
+// A second frame with a touchscreen of its own goes while two fingers hold: both touches end
+// (lifted, not cancelled) before its device goes, and frame T goes on.
+TResult CaseTouchscreenUnplug(TTouchContext& t) {
+    const std::vector<std::string> before = EventNodesNamed(kTouchscreenPrefix);
+    if (std::string why = Plug(t.uhidPath, *t.u); !why.empty()) return Fail(why);
+    if (std::string why = WaitServed(*t.u); !why.empty()) return Fail(why);
+    std::string node;
+    for (int waited = 0; waited <= kAppearMs && node.empty(); waited += 100) {
+        for (const std::string& n : EventNodesNamed(kTouchscreenPrefix)) {
+            if (std::find(before.begin(), before.end(), n) == before.end()) node = n;
+        }
+        if (node.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    if (node.empty()) return Fail("frame U got no touchscreen of its own");
+    if (std::string why = WaitTouchscreenTag(node); !why.empty()) return Fail(why);
+    CEvdevReader reader;
+    std::string error;
+    if (!reader.OpenNode(node, &error)) return Fail(error);
+    CLibinputEvents li;
+    if (std::string why = StartLibinput(t, li, reader); !why.empty()) return Fail(why);
+
+    const std::vector<TTouches> held = {{{0, 0, 10000, 10000}, {1, 1, 20000, 10000}},
+                                        {{0, 0, 10500, 10000}, {1, 1, 20500, 10000}},
+                                        {{0, 0, 11000, 10000}, {1, 1, 21000, 10000}}};
+    CMtSlotTrace trace;
+    CGestureScript script;
+    std::string why;
+    if (!CGestureScript::Parse("rate 50\ndown 1 10000 10000, 2 20000 10000\n"
+                               "move 1 11000 10000, 2 21000 10000 in 2\nhold 3000\n",
+                               &script, &why)) {
+        return Fail(why);
+    }
+    if (!t.u->Play(script)) return Fail("frame U would not play");
+    reader.WaitCount(held.size(), kEventsMs);
+    reader.WaitQuiet(kQuietMs);
+    TMtState last;
+    std::vector<TMtState> seen = TakeStates(reader, trace, &last);
+    if (std::string diff = CompareMtStates(ExpectedStates(held, TMtState{}), seen, kAbs);
+        !diff.empty()) {
+        return Fail("before the unplug: " + diff);
+    }
+    if (!t.u->Playing()) return Fail("the hold ended before the unplug");
+
+    const size_t lines = t.driver->LineCount();
+    t.u->Unplug();
+    if (!reader.WaitGone(kEventsMs)) return Fail("frame U's touchscreen did not go away");
+    seen = TakeStates(reader, trace, &last);
+    if (std::string diff = CompareMtStates(ExpectedStates({{}}, last), seen, 0); !diff.empty()) {
+        return Fail("after the unplug: " + diff);
+    }
+    if (!li.WaitFor("DEVICE_REMOVED", 1, kEventsMs)) return Fail("libinput never removed it");
+    li.Stop();
+    std::vector<TTouches> all = held;
+    all.push_back({});
+    const TMillimetres mm = Millimetres(reader);
+    if (std::string diff =
+            CompareLibinput(ExpectedLibinput(all, mm.x, mm.y), li.Touches(), mm.tolerance);
+        !diff.empty()) {
+        return Fail(diff);
+    }
+    if (!t.driver->WaitForLines("THREAD QUIT", 1, lines, kAppearMs)) {
+        return Fail("no 'THREAD QUIT' after the unplug");
+    }
+    if (!t.driver->Running()) return Fail("the driver ended with the frame");
+    const uint64_t polls = t.t->Polls();
+    if (!t.t->WaitPollsAbove(polls + kPollsSeen, kAppearMs)) {
+        return Fail("frame T is no longer polled after frame U went");
+    }
+    return Pass("frame U had a touchscreen of its own; unplugged with two fingers down: one "
+                "report ended both slots and BTN_TOUCH, then the device went; libinput: "
+                "TOUCH_UP for both, no cancel, then DEVICE_REMOVED; frame T still polled");
+}
+
+// Runs udevd as a desktop has it (the first driver ran without, on the kernel's own uevents).
+std::string StartUdevd(const std::string& udevd) {
+    const pid_t pid = ::fork();
+    if (pid < 0) return std::string("fork: ") + std::strerror(errno);
+    if (pid == 0) {
+        ::execl(udevd.c_str(), udevd.c_str(), "--daemon", "--resolve-names=never",
+                static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        return udevd + " --daemon failed (wait status " + Str(status) + ")";
+    }
+    for (int waited = 0; waited <= kAppearMs; waited += 100) {
+        if (::access("/run/udev/control", F_OK) == 0) return "";
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return "udevd made no /run/udev/control";
+}
+
+// The touchscreen phase; every case is reported, also when the set-up failed.
+void RunTouchscreenCases(TTouchContext& t, const std::string& driverPath,
+                         const std::string& udevd,
+                         const std::function<void(const char*, const TResult&)>& report) {
+    const char* names[] = {"touchscreen-two-fingers", "touchscreen-latency",
+                           "touchscreen-unplug"};
+    auto failAll = [&](const std::string& why) {
+        for (const char* name : names) report(name, Fail("not run: " + why));
+    };
+    if (!udevd.empty()) {
+        if (std::string why = StartUdevd(udevd); !why.empty()) return failAll(why);
+    }
+    CDriverProcess driver;
+    t.driver = &driver;
+    std::string error;
+    if (!driver.Start({driverPath, "--screen", "1920x1080", "--no-single-instance",
+                       "--log-level", "debug", "--touchscreen", "--no-gestures"},
+                      &error)) {
+        return failAll("cannot start the driver: " + error);
+    }
+    if (std::string why = Plug(t.uhidPath, *t.t); !why.empty()) return failAll(why);
+    if (std::string why = WaitServed(*t.t); !why.empty()) return failAll(why);
+    CEvdevReader reader;
+    t.reader = &reader;
+    if (!reader.Open(kTouchscreenPrefix, kAppearMs, &error, true)) return failAll(error);
+    Say("kernel_guest_test: frame T's touchscreen is %s ('%s')", reader.Node().c_str(),
+        reader.Name().c_str());
+    report(names[0], CaseTouchscreenTwoFingers(t));
+    report(names[1], CaseTouchscreenLatency(t));
+    report(names[2], CaseTouchscreenUnplug(t));
+    const std::optional<int> status = driver.Stop(30'000);
+    if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) {
+        report("touchscreen-orderly-end", Fail("the touchscreen driver did not end with status 0"));
+    }
+    t.t->Unplug();
+}
+
 int Usage(const char* self) {
     std::fprintf(stderr,
-                 "usage: %s --driver PATH [--uhid PATH] [--latency-frames N] [-- DRIVER-ARGS]\n"
+                 "usage: %s --driver PATH [--uhid PATH] [--latency-frames N]\n"
+                 "          [--udevd PATH] [--libinput PATH] [--touch-latency-frames N]\n"
+                 "          [-- DRIVER-ARGS]\n"
                  "Runs the end-to-end cases against irframed on this machine's kernel: needs\n"
-                 "root, /dev/uhid, /dev/uinput and no other irframed running.\n",
-                 self);
+                 "root, /dev/uhid, /dev/uinput, the hid-multitouch module and no other irframed\n"
+                 "running. --udevd starts udevd before the touchscreen cases (where none runs);\n"
+                 "--libinput is the libinput-debug-events program (default %s).\n",
+                 self, kLibinputDebugEvents);
     return 2;
 }
 
@@ -846,8 +1624,13 @@ int Usage(const char* self) {
 
 int main(int argc, char** argv) {
     TContext ctx;
+    TTouchContext touch;
+    touch.libinput = kLibinputDebugEvents;
+    std::string udevd;
     std::string driverPath;
-    std::vector<std::string> driverArgs = {"--screen", "1920x1080", "--no-single-instance"};
+    // Every line at debug level: the cases read the driver's fixed trace lines.
+    std::vector<std::string> driverArgs = {"--screen", "1920x1080", "--no-single-instance",
+                                           "--log-level", "debug"};
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--driver" && i + 1 < argc) {
@@ -856,6 +1639,12 @@ int main(int argc, char** argv) {
             ctx.uhidPath = argv[++i];
         } else if (arg == "--latency-frames" && i + 1 < argc) {
             ctx.latencyFrames = std::clamp(std::atoi(argv[++i]), 10, 5000);
+        } else if (arg == "--touch-latency-frames" && i + 1 < argc) {
+            touch.latencyFrames = std::clamp(std::atoi(argv[++i]), 10, 5000);
+        } else if (arg == "--udevd" && i + 1 < argc) {
+            udevd = argv[++i];
+        } else if (arg == "--libinput" && i + 1 < argc) {
+            touch.libinput = argv[++i];
         } else if (arg == "--") {
             driverArgs.assign(argv + i + 1, argv + argc);
             break;
@@ -869,15 +1658,22 @@ int main(int argc, char** argv) {
     Say("kernel_guest_test: building the frame encoder");
     CSimFrameEncoder encoder;
     ctx.encoder = &encoder;
-    ctx.a = MakeFrame(ctx, 0xAAEC, 0xC020, "frame A");
-    ctx.b = MakeFrame(ctx, 0xAAEC, 0xC021, "frame B");
-    ctx.c = MakeFrame(ctx, 0x202E, 0x0006, "frame C");
-    ctx.d = MakeFrame(ctx, 0xAAEC, 0xC020, "frame D");
-    ctx.e = MakeFrame(ctx, 0xAAEC, 0xC020, "frame E");
-    ctx.f = MakeFrame(ctx, 0xAAEC, 0xC021, "frame F");
-    ctx.d->SetFrameSentHook([](size_t index, uint64_t nanos) {
-        if (TSentRecorder* record = g_latencyRecorder.load()) (*record)(index, nanos);
-    });
+    ctx.a = MakeFrame(encoder, 0xAAEC, 0xC020, "frame A");
+    ctx.b = MakeFrame(encoder, 0xAAEC, 0xC021, "frame B");
+    ctx.c = MakeFrame(encoder, 0x202E, 0x0006, "frame C");
+    ctx.d = MakeFrame(encoder, 0xAAEC, 0xC020, "frame D");
+    ctx.e = MakeFrame(encoder, 0xAAEC, 0xC020, "frame E");
+    ctx.f = MakeFrame(encoder, 0xAAEC, 0xC021, "frame F");
+    TFrame t = MakeFrame(encoder, 0xAAEC, 0xC020, "frame T");
+    TFrame u = MakeFrame(encoder, 0xAAEC, 0xC021, "frame U");
+    for (TFrame* frame : {&ctx.d, &t}) {
+        (*frame)->SetFrameSentHook([](size_t index, uint64_t nanos) {
+            if (TSentRecorder* record = g_latencyRecorder.load()) (*record)(index, nanos);
+        });
+    }
+    touch.uhidPath = ctx.uhidPath;
+    touch.t = t.get();
+    touch.u = u.get();
 
     int passed = 0, failed = 0;
     auto report = [&](const char* name, const TResult& result) {
@@ -932,5 +1728,7 @@ int main(int argc, char** argv) {
     if (reader.Dropped()) report("no-lost-reports", Fail("the kernel dropped reports"));
 
     for (TFrame* frame : {&ctx.a, &ctx.b, &ctx.c, &ctx.d, &ctx.e, &ctx.f}) (*frame)->Unplug();
+
+    RunTouchscreenCases(touch, driverPath, udevd, report);
     return finish();
 }

@@ -1,6 +1,9 @@
 #include "LinuxBackend.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "HidrawDevice.h"
 #include "MtDevLog.h"
@@ -40,7 +43,8 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     m_screen = std::make_unique<CLinuxScreen>(geometry);
     ports->screen = m_screen.get();
 
-    if (!m_options.dryRun) {
+    ports->gestures = m_options.gestures;
+    if (!m_options.dryRun && m_options.gestures) {
         m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *profile, &error);
         if (!m_uinput) {
             *failure = {1, error};
@@ -49,6 +53,33 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
         TLog(TLogLevel::Info, "virtual input device %s (keys: %s)",
              m_uinput->DeviceNode().c_str(), KeyProfileName(*profile));
         ports->sinkForDevice = [sink = m_uinput.get()](int) -> CEventSink* { return sink; };
+    }
+
+    if (m_options.touchscreen) {
+        // Each frame makes its touchscreen when it is ready: a node that cannot be opened is
+        // said now, not once per frame later.
+        const int probe = ::open(m_options.uinputPath.c_str(), O_RDWR | O_CLOEXEC);
+        if (probe < 0) {
+            *failure = {1, "--touchscreen: " +
+                               DescribeUinputError(m_options.uinputPath, "open", errno)};
+            return false;
+        }
+        ::close(probe);
+        TTouchscreenOptions touch;
+        touch.uinputPath = m_options.uinputPath;
+        if (m_options.touchscreenWidthMm > 0) touch.size.widthMm = m_options.touchscreenWidthMm;
+        if (m_options.touchscreenHeightMm > 0) {
+            touch.size.heightMm = m_options.touchscreenHeightMm;
+        }
+        // After the listeners of the outputs opened before this backend.
+        ports->contactListeners = [this, touch, before = ports->contactListeners](int frame) {
+            std::vector<IContactListener*> listeners;
+            if (before) listeners = before(frame);
+            std::unique_ptr<CUinputTouchscreen>& touchscreen = m_touchscreens[frame];
+            if (!touchscreen) touchscreen = std::make_unique<CUinputTouchscreen>(touch);
+            listeners.push_back(touchscreen.get());
+            return listeners;
+        };
     }
 
     if (!m_options.Simulating()) {

@@ -3,6 +3,7 @@
 // are emulated) and the notification centre (the per-user instance channel and logind's wake).
 #pragma once
 
+#include <map>
 #include <memory>
 
 #include "DriverOptions.h"
@@ -12,6 +13,7 @@
 #include "ShellBackend.h"
 #include "UdevHidManager.h"
 #include "UinputEventSink.h"
+#include "UinputTouchscreen.h"
 
 class CLinuxBackend final : public IShellBackend {
 public:
@@ -31,4 +33,5 @@ private:
     std::unique_ptr<CUinputEventSink> m_uinput;
     std::unique_ptr<CUdevHidManagerFactory> m_udev;
     std::unique_ptr<CLinuxNotificationCenter> m_notifications;
+    std::map<int, std::unique_ptr<CUinputTouchscreen>> m_touchscreens;  // by frame; main thread
 };

@@ -7,6 +7,7 @@
 // at the same time.
 #pragma once
 
+#include "EvdevEvent.h"
 #include "EvdevKeyMap.h"
 #include "EventSink.h"
 #include "LinuxScreen.h"
@@ -20,13 +21,6 @@
 
 struct libevdev;
 struct libevdev_uinput;
-
-struct TEvdevEvent {
-    uint16_t type;
-    uint16_t code;
-    int32_t value;
-    bool operator==(const TEvdevEvent&) const = default;
-};
 
 inline constexpr int32_t kUinputAbsMax = 32767;
 // Pixels of a scroll event that make one wheel detent (120 hi-res units).

@@ -8,8 +8,8 @@
 #
 # Environment: IRFRAME_KERNEL_TIMEOUT (seconds for the guest, default 180),
 # IRFRAME_KERNEL_WORK (scratch directory, default BUILD_DIR/kernel-guest).
-# Needs qemu-system-x86, busybox-static and cpio (scripts/setup-test.sh installs them); downloads
-# the kernel package with apt-get at run time.
+# Needs qemu-system-x86, busybox-static, cpio, udev and libinput-tools (scripts/setup-test.sh
+# installs them); downloads the kernel package with apt-get at run time.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
@@ -18,7 +18,10 @@ work=${IRFRAME_KERNEL_WORK:-$build/kernel-guest}
 guest_timeout=${IRFRAME_KERNEL_TIMEOUT:-180}
 pass_status=85  # (0x2a << 1) | 1: the byte the guest writes when every case passed
 marker=IRFRAME-KERNEL-TEST-END
-modules=(hid hid-generic uhid uinput evdev)
+modules=(hid hid-generic hid-multitouch uhid uinput evdev)
+# The touchscreen cases run udevd (so that libinput takes the devices) and libinput itself.
+udevadm=/bin/udevadm
+libinput_debug_events=/usr/libexec/libinput/libinput-debug-events
 
 say() { printf 'kernel-test: %s\n' "$*"; }
 die() { printf 'kernel-test: %s\n' "$*" >&2; exit 1; }
@@ -31,6 +34,9 @@ ldd /bin/busybox >/dev/null 2>&1 && die "/bin/busybox is not static (install bus
 for program in irframed kernel_guest_test; do
     [ -x "$build/$program" ] || die "$build/$program is not built"
 done
+[ -x "$udevadm" ] || die "$udevadm is missing (install udev: run scripts/setup-test.sh)"
+[ -x "$libinput_debug_events" ] ||
+    die "$libinput_debug_events is missing (install libinput-tools: run scripts/setup-test.sh)"
 
 mkdir -p "$work"
 work=$(cd "$work" && pwd)
@@ -70,15 +76,16 @@ say "kernel package $(basename "$deb")"
 kdir=$work/kernel
 rm -rf "$kdir"
 mkdir -p "$kdir"
-# Only the kernel image and the five modules are taken out of the package.
+# Only the kernel image and the six modules are taken out of the package.
 dpkg-deb --fsys-tarfile "$deb" | tar -x -C "$kdir" --wildcards \
     './boot/vmlinuz-*' \
     '*/kernel/drivers/hid/hid.ko' '*/kernel/drivers/hid/hid-generic.ko' \
+    '*/kernel/drivers/hid/hid-multitouch.ko' \
     '*/kernel/drivers/hid/uhid.ko' '*/kernel/drivers/input/misc/uinput.ko' \
     '*/kernel/drivers/input/evdev.ko'
 vmlinuz=$(ls "$kdir"/boot/vmlinuz-* | head -n 1)
 
-# --- The initramfs: busybox, the modules, the two programs and the libraries they load.
+# --- The initramfs: busybox, the modules, the programs and the libraries they load.
 root=$work/root
 rm -rf "$root"
 mkdir -p "$root"/{bin,lib/modules,proc,sys,dev,tmp,run}
@@ -88,13 +95,26 @@ for m in "${modules[@]}"; do
     [ -n "$ko" ] || die "the kernel package has no uncompressed $m.ko"
     cp "$ko" "$root/lib/modules/$m.ko"
 done
-for program in irframed kernel_guest_test; do
-    strip --strip-debug -o "$root/bin/$program" "$build/$program"
-    ldd "$build/$program" | awk '/=> \// { print $3 } /^\t\/.*ld-linux/ { print $1 }' |
+add_libraries() {
+    ldd "$1" | awk '/=> \// { print $3 } /^\t\/.*ld-linux/ { print $1 }' |
         while read -r lib; do
             [ -e "$root$lib" ] || cp --parents -L "$lib" "$root"
         done
+}
+for program in irframed kernel_guest_test; do
+    strip --strip-debug -o "$root/bin/$program" "$build/$program"
+    add_libraries "$build/$program"
 done
+# udevd (udevadm under another name) with the one rule that runs the input_id builtin: it
+# tags the touchscreens; libinput-debug-events with its quirks files.
+cp "$udevadm" "$root/bin/udevadm"
+ln -s udevadm "$root/bin/systemd-udevd"
+add_libraries "$udevadm"
+mkdir -p "$root/usr/lib/udev/rules.d" "$root/usr/share"
+cp /lib/udev/rules.d/60-input-id.rules "$root/usr/lib/udev/rules.d/"
+cp --parents "$libinput_debug_events" "$root"
+add_libraries "$libinput_debug_events"
+cp -r /usr/share/libinput "$root/usr/share/"
 install -m 755 tests/kernel/guest-init.sh "$root/init"
 (cd "$root" && find . | LC_ALL=C sort | cpio -o -H newc --quiet) >"$work/initramfs.cpio"
 say "initramfs $(du -h "$work/initramfs.cpio" | cut -f1), guest timeout ${guest_timeout} s"
@@ -117,7 +137,7 @@ say "guest ended with status $status after $(($(date +%s) - start)) s"
 # line comes last; a guest that did not end as it should counts as one more failure.
 echo
 grep -E '^CASE ' "$console" || true
-grep -E '^LATENCY ' "$console" || true
+grep -E '^LATENCY(-[A-Z]+)? ' "$console" || true
 passed=$(grep -cE '^CASE [^ ]+: PASS' "$console" || true)
 failed=$(grep -cE '^CASE [^ ]+: FAIL' "$console" || true)
 end_line=$(grep -E "^$marker " "$console" | tail -n 1 || true)
