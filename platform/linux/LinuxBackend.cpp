@@ -71,6 +71,13 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
         if (m_options.touchscreenHeightMm > 0) {
             touch.size.heightMm = m_options.touchscreenHeightMm;
         }
+        // The touchscreen's axes span the whole desktop; libinput confines it to the chosen
+        // output through a udev property, which only the user can install.
+        TLog(TLogLevel::Info,
+             "to map the touchscreens to the screen at %.0fx%.0f%+.0f%+.0f, put this in a udev "
+             "rule for them (docs/touchscreen.md): %s",
+             geometry.main.width, geometry.main.height, geometry.main.x, geometry.main.y,
+             LibinputCalibrationLine(geometry).c_str());
         // After the listeners of the outputs opened before this backend.
         ports->contactListeners = [this, touch, before = ports->contactListeners](int frame) {
             std::vector<IContactListener*> listeners;
