@@ -30,6 +30,26 @@ struct TWorkerScope {
     }
 };
 
+// Answers what tools still wait for when the worker ends, however it ends.
+struct TRequestScope {
+    MtDevNode* node;
+    ~TRequestScope() {
+        const bool removed = node->removed.load();
+        const bool stopping = node->worker.stopping != nullptr && node->worker.stopping->load();
+        const bool gone = removed || stopping;
+        node->frame.Close(node->deviceNumber, gone,
+                          removed ? "went away" : stopping ? "was closed as the driver ends"
+                                                           : "stopped answering");
+        if (!gone) node->frame.SetState(node->deviceNumber, TFrameState::Failed);
+    }
+};
+
+// A worker that ends before it polls leaves a frame that failed, unless it was unplugged.
+unsigned int EndFailed(MtDevNode* node) {
+    node->frame.SetState(node->deviceNumber, TFrameState::Failed);
+    return 0;
+}
+
 // The orderly end of the process reached a worker that still owns an open device.
 unsigned int EndForShutdown(MtDevNode* node) {
     node->controller.CloseDevice(0);
@@ -54,8 +74,9 @@ unsigned int test(void* arg) {
     if (pDev->controller.OpenDevice(pDev->devPath) != 0) {
         TLogSystem("opendevice err");
         pDev->controller.CloseDevice(0);
-        return 0;
+        return EndFailed(pDev);
     }
+    pDev->frame.SetState(pDev->deviceNumber, TFrameState::Configuring);
 
     TLogSystem("STEP 1");
     // Tens of kilobytes: on the heap rather than the thread's stack.
@@ -71,7 +92,7 @@ unsigned int test(void* arg) {
                  "Unplug it and plug it in again",
                  pDev->deviceNumber, name.c_str(), kConfigReadTries);
             pDev->controller.CloseDevice(0);
-            return 0;
+            return EndFailed(pDev);
         }
     }
 
@@ -92,7 +113,7 @@ unsigned int test(void* arg) {
                  "Unplug it and plug it in again",
                  pDev->deviceNumber, name.c_str(), kFirstFrameTries);
             pDev->controller.CloseDevice(0);
-            return 0;
+            return EndFailed(pDev);
         }
     }
 
@@ -132,7 +153,27 @@ unsigned int test(void* arg) {
     timeval unused;
     TGetTimeOfDay(&unused);
 
+    // Tools: the frame is running; its requests are carried out between two polls.
+    const int number = pDev->deviceNumber;
+    pDev->frame.SetConfigured(number,
+                              {geometry.logicalWidth, geometry.logicalHeight, geometry.rawWidth,
+                               geometry.rawHeight},
+                              *config);
+    pDev->frame.SetState(number, TFrameState::Running);
+    pDev->frame.OpenForRequests();
+    TRequestScope requests{pDev};
+    // A configuration the frame took from a tool is what it calibrates with from now on.
+    const auto reconfigure = [&](const _HARDWARE_DEV_CONFIG& written) {
+        *config = written;
+        calibration.InitCalibrateSys(config.get(), &geometry);
+        pDev->frame.SetConfigured(number,
+                                  {geometry.logicalWidth, geometry.logicalHeight,
+                                   geometry.rawWidth, geometry.rawHeight},
+                                  *config);
+    };
+
     for (;;) {
+        if (pDev->frame.HasRequest()) pDev->frame.Serve(number, pDev->controller, reconfigure);
         for (int k = 0;; ++k) {
             if (!pDev->isRunning.load()) {
                 if (Stopping() && !pDev->removed.load()) return EndForShutdown(pDev);
@@ -165,6 +206,7 @@ unsigned int test(void* arg) {
             }
             TLogSystem("getsdk->err:%d", static_cast<int>(result));
         }
+        pDev->frame.PollSucceeded(number);
         const int64_t stamp = CurrentFrameTimeStamp();
         calibration.CalFramePoint(frame);
         calibration.GetAbsHIDCoords(frame);

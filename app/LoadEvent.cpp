@@ -61,6 +61,7 @@ MtDevNode* insertDevNode(CMtHidDevice* device) {
     node->worker.stopping = &g_stopWorkers;
     node->worker.ports = g_ports;
     node->worker.ended = &WorkerEnded;
+    if (g_ports != nullptr) node->frame.loop = g_ports->loop;
     if (g_ports != nullptr && g_ports->sinkForDevice) {
         node->container.SetEventSink(g_ports->sinkForDevice(node->deviceNumber));
     }
@@ -85,6 +86,13 @@ void removeDevice(CMtHidDevice* device) {
     TLogSystem("TOUCH DEV RELEASE");
     TLog(TLogLevel::Info, "frame %d removed: %s", node->deviceNumber,
          DescribeHidIdentity(device->Identity()).c_str());
+    if (node->frame.present) {
+        // Tools see the state go to "gone" before the frame leaves the list.
+        node->frame.SetState(node->deviceNumber, TFrameState::Gone);
+        FrameStateChanged(node->deviceNumber);
+        node->frame.present = false;
+        FrameDisappeared(node->deviceNumber);
+    }
 }
 
 void hidDeviceAdd(void*, int, void*, CMtHidDevice* device) {
@@ -92,6 +100,10 @@ void hidDeviceAdd(void*, int, void*, CMtHidDevice* device) {
     MtDevNode* node = insertDevNode(device);
     TLog(TLogLevel::Info, "frame %d found: %s", node->deviceNumber,
          DescribeHidIdentity(device->Identity()).c_str());
+    const bool appeared = !node->frame.present;
+    node->frame.present = true;
+    node->frame.SetState(node->deviceNumber, TFrameState::Opening);
+    if (appeared) FrameAppeared(node->deviceNumber);
     {
         std::lock_guard<std::mutex> lock(g_workersMutex);
         ++g_liveWorkers;

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "CTouchPointContainer.h"
+#include "DeviceListControl.h"
 #include "MtDevComInterface.h"
 #include "MtDevCtrlInterface.h"
 #include "MultiPlatformAPI.h"
@@ -55,6 +56,9 @@ struct MtDevNode {
     std::atomic<bool> removed{false};
 
     TWorkerContext worker;  // written before the worker starts, then read-only
+
+    // Requests from tools and the state they see; shared with the worker through its own lock.
+    CFrameSlot frame;
 
     // Main thread only.
     int deviceNumber = 0;                   // 1, 2, ... in order of creation (names the device)
