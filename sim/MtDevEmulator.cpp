@@ -35,6 +35,7 @@ std::vector<uint8_t> Slice(const std::vector<uint8_t>& data, uint64_t offset, ui
 
 bool Matches(const TEmuFault& fault, const TEmuRequest& request) {
     return (fault.command == 0 || fault.command == request.command) &&
+           (fault.notCommand == 0 || fault.notCommand != request.command) &&
            (fault.stage == TEmuStage::Any || fault.stage == request.stage);
 }
 
@@ -209,6 +210,11 @@ bool CMtDevEmulator::Vanished() const {
     return m_vanished;
 }
 
+void CMtDevEmulator::SetVanishHook(std::function<void()> hook) {
+    Lock lock(m_mutex);
+    m_vanishHook = std::move(hook);
+}
+
 std::vector<TEmuRequest> CMtDevEmulator::Requests() const {
     Lock lock(m_mutex);
     return m_requests;
@@ -243,6 +249,12 @@ bool CMtDevEmulator::LastWrite(uint8_t command, TEmuWrite* write) const {
         }
     }
     return false;
+}
+
+size_t CMtDevEmulator::WriteCount(uint8_t command) const {
+    Lock lock(m_mutex);
+    return static_cast<size_t>(std::count_if(m_writes.begin(), m_writes.end(),
+                                             [command](const TEmuWrite& w) { return w.command == command; }));
 }
 
 void CMtDevEmulator::KeepRequestLog(bool keep) {
@@ -285,10 +297,38 @@ void CMtDevEmulator::StoreWrite(TEmuWrite write) {
         case MTDEV_CMD_DEV_CONFIG:
             m_config = write.data;
             break;
+        case MTDEV_CMD_CONFIG_OVERRIDE:
+            ApplyOverride(write.data);
+            break;
         default:
+            m_otherData[write.command] = write.data;  // read back by the same command
             break;
     }
     m_writes.push_back(std::move(write));
+}
+
+void CMtDevEmulator::ApplyOverride(const std::vector<uint8_t>& block) {
+    // The override changes the general options and the first area's edges of the stored
+    // configuration; a block that is not one is ignored, as is a configuration that is none.
+    if (block.size() < static_cast<size_t>(DEV_CONFIG_OVERRIDE_BYTES) ||
+        block[2] != DEV_CONFIG_BLOCK_TAG) {
+        return;
+    }
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    if (DecodeDevConfig(m_config.data(), static_cast<int>(m_config.size()), config.get()) !=
+        DEV_CONFIG_DECODE_OK) {
+        return;
+    }
+    config->option1 = block[3];
+    config->option2 = block[4];
+    config->option3 = block[5];
+    config->value0 = ReadLeU16(&block[6]);
+    config->value1 = ReadLeU16(&block[8]);
+    config->flags = ReadLeU32(&block[10]);
+    if (config->areaCount > 0) std::memcpy(config->areas[0].edgeAdjust, &block[14], 4);
+    std::vector<uint8_t> encoded(static_cast<size_t>(EncodeDevConfig(config.get(), nullptr)));
+    EncodeDevConfig(config.get(), encoded.data());
+    m_config = std::move(encoded);
 }
 
 std::vector<uint8_t> CMtDevEmulator::Garbage(size_t bytes) {
@@ -344,6 +384,7 @@ bool CMtDevEmulator::OnHidOutput(const uint8_t* report, size_t length,
     TEmuFault fault{};
     const bool faulted = TakeFault(request, &fault);
     if (faulted && fault.kind == TEmuFaultKind::Vanish) {
+        if (m_vanishHook) m_vanishHook();
         m_vanished = true;
         replies->clear();
         return false;
@@ -448,6 +489,16 @@ void CMtDevEmulator::LoRead(uint8_t command, uint32_t parameter,
 
 void CMtDevEmulator::LoReadFrom(const std::vector<uint8_t>& data, uint32_t piece,
                                 std::vector<TEmuReply>* replies) {
+    if (piece == 0) m_stallShift = 0;  // a new read
+    if (m_stallRemaining > 0) {
+        --m_stallRemaining;
+        ++m_stallShift;
+        std::vector<uint8_t> empty = Report({MTDEV_REPLY_DATA});
+        WriteLeU32(empty.data() + 1, piece);
+        replies->push_back({std::move(empty), m_stallDelayMs});
+        return;
+    }
+    piece -= std::min(piece, m_stallShift);
     const uint64_t offset = static_cast<uint64_t>(piece) * static_cast<uint64_t>(m_pieceBytes);
     // Past the end (or nothing to serve): end of data.
     if (offset >= data.size()) {
@@ -521,6 +572,19 @@ void CMtDevEmulator::ApplyHidFault(const TEmuFault& fault, const TEmuRequest& re
             if (request.stage == TEmuStage::End && !replies->empty()) {
                 replies->front().bytes[1] = static_cast<uint8_t>(fault.value != 0 ? fault.value : 1);
                 m_hasPendingStore = false;
+            }
+            break;
+        case TEmuFaultKind::Stall:
+            // Only a data piece of a read stalls; this one becomes the first empty reply.
+            if (request.stage == TEmuStage::Request && request.kind == MTDEV_PACKET_READ &&
+                request.parameter != MTDEV_SIZE_QUERY && !replies->empty() &&
+                replies->front().bytes[0] == MTDEV_REPLY_DATA) {
+                m_stallRemaining = std::max(0, fault.count - 1);
+                m_stallDelayMs = static_cast<unsigned>(std::max(0, fault.value));
+                std::vector<uint8_t> empty = Report({MTDEV_REPLY_DATA});
+                WriteLeU32(empty.data() + 1, request.parameter);
+                *replies = {{std::move(empty), m_stallDelayMs}};
+                ++m_stallShift;
             }
             break;
         case TEmuFaultKind::StallPipe:
@@ -663,6 +727,7 @@ void CMtDevEmulator::ApplyBulkFault(const TEmuFault& fault, const TEmuRequest& r
         case TEmuFaultKind::StallPipe:
             if (fault.value == 0) m_stallsPending[0] = std::max(1, fault.count);
             break;
+        case TEmuFaultKind::Stall:  // a lo-speed read's fault
         case TEmuFaultKind::Vanish:
             break;
     }
@@ -690,6 +755,7 @@ int CMtDevEmulator::BulkWrite(const uint8_t* data, uint32_t size) {
     }
     Record(request);
     if (faulted && fault.kind == TEmuFaultKind::Vanish) {
+        if (m_vanishHook) m_vanishHook();
         m_vanished = true;  // the transfer went out; nothing answers it
         return kMtUsbSuccess;
     }

@@ -59,6 +59,7 @@ enum class TEmuFaultKind {
     RefuseWrite,     // a write request (or data piece) is acknowledged with a refusal
     FirmwareStatus,  // end of data is acknowledged with status value (default 1)
     Vanish,          // the device disappears when the request arrives
+    Stall,           // read pieces carry no data: this reply and count-1 more, each value ms late
 };
 
 // Which messages of a transaction a fault may hit.
@@ -75,7 +76,8 @@ struct TEmuFault {
     TEmuStage stage = TEmuStage::Any;
     int skip = 0;          // matching messages let through unharmed first
     int value = 0;
-    int count = 1;         // StallPipe: stalls in a row
+    int count = 1;         // StallPipe: stalls in a row; Stall: empty replies
+    uint8_t notCommand = 0;  // never messages of this command (0: no exception)
 };
 
 // One message the emulator received.
@@ -149,6 +151,9 @@ public:
     size_t PendingFaults() const;
     void ClearFaults();
     bool Vanished() const;
+    // Runs (on the transport's thread, the emulator locked) just before the device vanishes by
+    // a fault, so that the unplug can be reported first, as when a real device is pulled.
+    void SetVanishHook(std::function<void()> hook);
 
     // --- What the host did
     std::vector<TEmuRequest> Requests() const;
@@ -162,6 +167,7 @@ public:
     std::vector<TEmuWrite> Writes() const;
     // The last completed write of a command; false when there was none.
     bool LastWrite(uint8_t command, TEmuWrite* write) const;
+    size_t WriteCount(uint8_t command) const;
 
     // --- Transport side
     // One output report in (without the report-number byte), the input reports to send out.
@@ -196,6 +202,7 @@ private:
 
     const std::vector<uint8_t>* ReadData(uint8_t command) const;
     void StoreWrite(TEmuWrite write);
+    void ApplyOverride(const std::vector<uint8_t>& block);
     // Finds the fault that hits this message, removes it and returns true.
     bool TakeFault(const TEmuRequest& request, TEmuFault* fault);
     void ApplyHidFault(const TEmuFault& fault, const TEmuRequest& request,
@@ -223,6 +230,12 @@ private:
 
     std::deque<TEmuFault> m_faults;
     bool m_vanished = false;
+    std::function<void()> m_vanishHook;
+    // A stalled read: empty replies still to send, their delay, and the pieces they took, so
+    // that the data goes on where it stopped.
+    int m_stallRemaining = 0;
+    unsigned m_stallDelayMs = 0;
+    uint32_t m_stallShift = 0;
     uint32_t m_noise = 0x2545F491u;
 
     std::vector<TEmuRequest> m_requests;

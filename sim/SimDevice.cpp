@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 
 #include "MtDevCtrlInterface.h"
@@ -42,8 +43,11 @@ std::optional<TSimFault> ParseSimFault(std::string_view text) {
         fault.kind = TSimFault::Kind::Config;
     } else if (kind == "frame") {
         fault.kind = TSimFault::Kind::FirstFrame;
-    } else if (kind == "poll") {
-        fault.kind = TSimFault::Kind::Poll;
+    } else if (kind == "poll" || kind == "stall" || kind == "vanish" || kind == "hold") {
+        fault.kind = kind == "poll"    ? TSimFault::Kind::Poll
+                     : kind == "stall" ? TSimFault::Kind::Stall
+                     : kind == "hold"  ? TSimFault::Kind::Hold
+                                       : TSimFault::Kind::Vanish;
         if (const size_t at = rest.find('@'); at != std::string_view::npos) {
             const auto after = ParseCount(rest.substr(at + 1));
             if (!after) return std::nullopt;
@@ -186,6 +190,7 @@ bool CSimDevice::Start(const PortFactory& makePort, std::string* error) {
         }
     }
     m_emulator->SetFrameSource([this](TEmuFramePayload& payload) { return NextPayload(payload); });
+    m_emulator->SetVanishHook([this] { UnplugAndWait(); });
 
     m_link = std::make_unique<CMtEmuHidLink>(*m_emulator);
     if (!m_link->Ok()) {
@@ -208,8 +213,10 @@ bool CSimDevice::NextPayload(TEmuFramePayload& payload) {
     if (m_vanished || m_faultedPolls.count(m_pollCalls) != 0) return false;
     if (!m_geometrySent) {
         m_geometrySent = true;  // the idle frame: the driver learns the extents from it
+        ArmTransferFaults();    // the worker's own configuration reads are behind it
         return false;
     }
+    if (Holding()) return false;
     if (!m_scriptStarted) {
         m_scriptStarted = true;
         if (m_timelines != nullptr) {
@@ -236,17 +243,57 @@ bool CSimDevice::NextPayload(TEmuFramePayload& payload) {
     return true;
 }
 
-void CSimDevice::EndOfScript() {
-    // The frame is unplugged after its last scripted frame: the driver handles the removal
-    // first, and only then does this poll go unanswered, as when a device goes during a poll.
-    if (m_hooks.scriptEnded) m_hooks.scriptEnded(this);
-    {
+void CSimDevice::ArmTransferFaults() {
+    for (const TSimFault& fault : m_spec.faults) {
+        TEmuFault armed{};
+        armed.notCommand = MTDEV_CMD_FRAME_SDK;  // a tool's transfer, not the polls
+        armed.skip = fault.after;
+        armed.count = fault.count;
+        if (fault.kind == TSimFault::Kind::Stall) {
+            armed.kind = TEmuFaultKind::Stall;
+            armed.stage = TEmuStage::Request;
+            armed.value = static_cast<int>(kSimIdlePaceMillis);
+        } else if (fault.kind == TSimFault::Kind::Vanish) {
+            armed.kind = TEmuFaultKind::Vanish;
+        } else {
+            continue;
+        }
+        m_emulator->InjectFault(armed);
+    }
+}
+
+bool CSimDevice::Holding() {
+    for (const TSimFault& fault : m_spec.faults) {
+        if (fault.kind != TSimFault::Kind::Hold) continue;
+        if (ScriptFramesPlayed() < static_cast<size_t>(fault.after)) continue;
+        if (m_emulator->WriteCount(MTDEV_CMD_DEV_CONFIG) >= static_cast<size_t>(fault.count)) {
+            continue;
+        }
+        // Polls without contacts at an idle pace, so a waiting frame does not spin.
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, std::chrono::milliseconds(kSimIdlePaceMillis),
+                           [this] { return m_aborted; });
+        return true;
+    }
+    return false;
+}
+
+void CSimDevice::UnplugAndWait() {
+    if (!m_unplugRequested) {
+        m_unplugRequested = true;
+        if (m_hooks.scriptEnded) m_hooks.scriptEnded(this);
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait(lock, [this] { return m_removalHandled || m_aborted; });
     }
-    m_emulator->InjectFault({TEmuFaultKind::Vanish, MTDEV_CMD_FRAME_SDK, TEmuStage::Request});
     m_vanished = true;
     MarkDone();
+}
+
+void CSimDevice::EndOfScript() {
+    // The frame is unplugged after its last scripted frame: the driver handles the removal
+    // first, and only then does this poll go unanswered, as when a device goes during a poll.
+    UnplugAndWait();
+    m_emulator->InjectFault({TEmuFaultKind::Vanish, MTDEV_CMD_FRAME_SDK, TEmuStage::Request});
 }
 
 void CSimDevice::RemovalHandled() {
@@ -382,6 +429,19 @@ void CSimDeviceHub::AbortAll() {
 
 std::unique_ptr<IHidManager> CSimDeviceHub::CreateHidManager() {
     return std::make_unique<CManager>(*this);
+}
+
+TFrameIdentity CSimDeviceHub::Identify(const CMtHidDevice* port) const {
+    TFrameIdentity identity;
+    for (const auto& device : m_devices) {
+        if (device->Port() != port) continue;
+        identity.node = "simulated:" + device->Spec().name;
+        identity.vendorId = device->Spec().vendorId;
+        identity.productId = device->Spec().productId;
+        identity.product = "irframe emulated frame";
+        identity.serial = "SIM" + std::to_string(device->Number());
+    }
+    return identity;
 }
 
 CSimDeviceHub::CManager* CSimDeviceHub::ManagerFor(const CSimDevice* device) const {

@@ -29,6 +29,7 @@
 #include <string_view>
 #include <vector>
 
+#include "DriverControl.h"
 #include "GestureScript.h"
 #include "HidManager.h"
 #include "MainLoop.h"
@@ -57,17 +58,30 @@ private:
     TVirtualClock m_default;
 };
 
-// A fault injected into an emulated frame (the frame answers with a wrong reply code, so the
-// driver's call fails at once).
+// A fault injected into an emulated frame. Config, FirstFrame and Poll: the frame answers with
+// a wrong reply code, so the driver's call fails at once. The others concern a tool's transfers
+// once the frame runs, and the script's pace.
 struct TSimFault {
-    enum class Kind { Config, FirstFrame, Poll };
+    enum class Kind {
+        Config,      // `count` configuration reads fail
+        FirstFrame,  // `count` first polls fail
+        Poll,        // `count` polls fail after `after` scripted frames
+        Stall,       // a transfer's read stalls: after `after` messages, `count` empty replies
+        Vanish,      // the frame is unplugged when the transfer message `after` + 1 arrives
+        Hold,        // after `after` scripted frames the script waits for `count` config writes
+    };
     Kind kind = Kind::Poll;
-    int count = 0;  // consecutive failing calls
-    int after = 0;  // Poll: good scripted frames before the failures
+    int count = 0;
+    int after = 0;
     bool operator==(const TSimFault&) const = default;
 };
 
-// "config:N", "frame:N" (the first frame), "poll:N@K" (N polls fail after K scripted frames).
+// Real time between two polls answered while a script holds, and the lateness of each empty
+// reply of a stalled read: the frame idles instead of spinning.
+constexpr unsigned kSimIdlePaceMillis = 10;
+
+// "config:N", "frame:N" (the first frame), "poll:N@K" (N polls fail after K scripted frames),
+// "stall:N@K", "vanish:N@K" (transfers), "hold:N@K" (the script waits for N config writes).
 std::optional<TSimFault> ParseSimFault(std::string_view text);
 
 struct TSimDeviceSpec {
@@ -121,6 +135,10 @@ public:
 private:
     class CPort;
     bool NextPayload(TEmuFramePayload& payload);
+    bool Holding();
+    void ArmTransferFaults();
+    // The frame goes away: the driver hears of the unplug first, then the link goes dead.
+    void UnplugAndWait();
     void EndOfScript();
     void MarkDone();
     void HostClosed();
@@ -141,6 +159,7 @@ private:
     bool m_geometrySent = false;
     bool m_scriptStarted = false;
     bool m_vanished = false;
+    bool m_unplugRequested = false;
 
     std::unique_ptr<CMtDevEmulator> m_emulator;
     std::unique_ptr<CMtEmuHidLink> m_link;
@@ -172,6 +191,8 @@ public:
 
     std::unique_ptr<IHidManager> CreateHidManager() override;
     const std::vector<std::unique_ptr<CSimDevice>>& Devices() const { return m_devices; }
+    // Who an emulated frame is, for tools: node "simulated:<script>", its ids, "SIM<n>".
+    TFrameIdentity Identify(const CMtHidDevice* port) const;
 
 private:
     class CManager;
