@@ -78,7 +78,10 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
         ->type_name("FILE[@DELAY]");
     app.add_option("--fault", opt.faults,
                    "Make simulated frame N (default 1) fail: config:C (C configuration reads), "
-                   "frame:C (C first-frame reads), poll:C@K (C polls after K scripted frames)")
+                   "frame:C (C first-frame reads), poll:C@K (C polls after K scripted frames), "
+                   "stall:C@K (a tool's read stalls for C replies after K messages), "
+                   "vanish:1@K (unplugged at a tool's transfer message K+1), hold:C@K (the "
+                   "script waits after K frames until C configuration writes)")
         ->type_name("[N:]KIND:COUNT[@K]");
     app.add_option("--simulate-id", simulateId,
                    "USB vendor:product of the simulated frames (default AAEC:C020)")

@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "DeviceListControl.h"
 #include "DriverOutputs.h"
 #include "LinuxBackend.h"
 #include "LoadEvent.h"
@@ -38,6 +39,9 @@ int main(int argc, char** argv) {
     std::unique_ptr<CSdEventLoop> loop = CSdEventLoop::Create(&error);
     if (!loop) return Fail(error, kExitCannotStart);
 
+    // Tools reach the frames through the device list (the D-Bus interface); it outlives the
+    // backends that serve it.
+    CDriverControl control(loop.get());
     // Opened in this order; the emulated frames' checks come before anything is created.
     std::vector<std::unique_ptr<IShellBackend>> backends;
     if (options.Simulating()) {
@@ -45,7 +49,7 @@ int main(int argc, char** argv) {
             std::make_unique<CSimBackend>(*loop, options, &CLinuxBackend::AdoptHidPort));
     }
     backends.push_back(std::make_unique<CDriverOutputs>(options));
-    backends.push_back(std::make_unique<CLinuxBackend>(*loop, options));
+    backends.push_back(std::make_unique<CLinuxBackend>(*loop, options, &control));
     TShellPorts ports;
     for (const std::unique_ptr<IShellBackend>& backend : backends) {
         TBackendFailure failure;

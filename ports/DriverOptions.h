@@ -28,9 +28,13 @@ struct DriverOptions {
     bool touchscreen = false;  // a uinput touchscreen per frame
     int touchscreenWidthMm = 0;   // the touch surface's size; 0: the touchscreen's default
     int touchscreenHeightMm = 0;
+    bool claimBusName = false;  // hidden: a simulation takes part in the exchange (tests)
 
     bool Simulating() const { return !simulate.empty(); }
     // Whether this run takes part in the single-instance exchange with other real instances.
-    // Runs by hand beside the service (a dry run, emulated frames) take no part in it.
-    bool SingleInstance() const { return !Simulating() && !dryRun && !noSingleInstance; }
+    // Runs by hand beside the service (a dry run, emulated frames) take no part in it: they
+    // only take the bus name when it is free, and keep it.
+    bool SingleInstance() const {
+        return claimBusName || (!Simulating() && !dryRun && !noSingleInstance);
+    }
 };

@@ -96,8 +96,9 @@ bool CSimBackend::LoadSpecs(std::vector<TSimDeviceSpec>* specs, TBackendFailure*
         if (!ParseFaultOption(text, &device, &fault) ||
             static_cast<size_t>(device) > specs->size()) {
             *failure = {2, "--fault '" + text +
-                               "': expected [N:]config:C, [N:]frame:C or [N:]poll:C[@K] with N "
-                               "a simulated frame (1.." +
+                               "': expected [N:]config:C, [N:]frame:C, [N:]poll:C[@K], "
+                               "[N:]stall:C[@K], [N:]vanish:C[@K] or [N:]hold:C[@K] with N a "
+                               "simulated frame (1.." +
                                std::to_string(specs->size()) + ")"};
             return false;
         }

@@ -431,19 +431,6 @@ std::unique_ptr<IHidManager> CSimDeviceHub::CreateHidManager() {
     return std::make_unique<CManager>(*this);
 }
 
-TFrameIdentity CSimDeviceHub::Identify(const CMtHidDevice* port) const {
-    TFrameIdentity identity;
-    for (const auto& device : m_devices) {
-        if (device->Port() != port) continue;
-        identity.node = "simulated:" + device->Spec().name;
-        identity.vendorId = device->Spec().vendorId;
-        identity.productId = device->Spec().productId;
-        identity.product = "irframe emulated frame";
-        identity.serial = "SIM" + std::to_string(device->Number());
-    }
-    return identity;
-}
-
 CSimDeviceHub::CManager* CSimDeviceHub::ManagerFor(const CSimDevice* device) const {
     for (CManager* manager : m_managers) {
         if (manager->Matches(device)) return manager;

@@ -29,7 +29,6 @@
 #include <string_view>
 #include <vector>
 
-#include "DriverControl.h"
 #include "GestureScript.h"
 #include "HidManager.h"
 #include "MainLoop.h"
@@ -191,8 +190,6 @@ public:
 
     std::unique_ptr<IHidManager> CreateHidManager() override;
     const std::vector<std::unique_ptr<CSimDevice>>& Devices() const { return m_devices; }
-    // Who an emulated frame is, for tools: node "simulated:<script>", its ids, "SIM<n>".
-    TFrameIdentity Identify(const CMtHidDevice* port) const;
 
 private:
     class CManager;

@@ -96,13 +96,51 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
         ports->hidManagers = m_udev.get();
     }
 
+    OpenSessionBus(ports);
     m_notifications = std::make_unique<CLinuxNotificationCenter>(
-        m_loop.Event(), m_options.SingleInstance()
-                            ? CUserNotificationChannel::DefaultSocketName(getuid())
-                            : "");
+        m_loop.Event(), m_options.SingleInstance() ? m_claim.get() : nullptr);
     ports->notifications = m_notifications.get();
     ports->loop = &m_loop;
     return true;
+}
+
+void CLinuxBackend::OpenSessionBus(TShellPorts* ports) {
+    std::string error;
+    m_bus = CSessionBus::Connect(m_loop.Event(), nullptr, &error);
+    if (!m_bus) {
+        TLog(TLogLevel::Info, "no session bus (%s): running without the D-Bus interface",
+             error.c_str());
+        return;
+    }
+    const bool exchange = m_options.SingleInstance();
+    m_claim = std::make_unique<CBusNameClaim>(
+        m_bus->Bus(), CDbusDriverService::kBusName,
+        exchange ? CBusNameClaim::TMode::Exchange : CBusNameClaim::TMode::IfFree);
+    if (m_control != nullptr) {
+        m_service = std::make_unique<CDbusDriverService>(m_bus->Bus(), m_loop, *m_control, m_codec);
+        if (!m_service->Start(&error)) {
+            TLog(TLogLevel::Warning, "D-Bus interface unavailable (%s)", error.c_str());
+            m_service.reset();
+        }
+    }
+    if (m_service) {
+        // The bus monitor listens after the frame's other outputs.
+        ports->contactListeners = [earlier = ports->contactListeners,
+                                   service = m_service.get()](int device) {
+            std::vector<IContactListener*> listeners;
+            if (earlier) listeners = earlier(device);
+            listeners.push_back(service->ContactListener(device));
+            return listeners;
+        };
+    }
+    // A real instance claims the name when it announces itself (the notification centre); the
+    // others take it now if it is free.
+    if (!exchange) {
+        std::string detail;
+        if (m_claim->Request(0, &detail) != CBusNameClaim::TResult::Owner) {
+            TLog(TLogLevel::Info, "%s: this instance serves no bus name", detail.c_str());
+        }
+    }
 }
 
 std::unique_ptr<CMtHidDevice> CLinuxBackend::AdoptHidPort(int fd) {

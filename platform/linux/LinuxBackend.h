@@ -1,15 +1,19 @@
 // The Linux backend: the screen (an XRandR output, or --screen), the virtual input device
 // (uinput, unless this is a dry run), discovery of real frames through udev (unless the frames
-// are emulated) and the notification centre (the per-user instance channel and logind's wake).
+// are emulated), the notification centre (the exchange on the bus name and logind's wake) and the
+// driver's D-Bus interface on the session bus.
 #pragma once
 
 #include <map>
 #include <memory>
 
+#include "BusNameClaim.h"
+#include "DbusDriverService.h"
 #include "DriverOptions.h"
 #include "LinuxNotificationCenter.h"
 #include "LinuxScreen.h"
 #include "SdEventLoop.h"
+#include "SessionBus.h"
 #include "ShellBackend.h"
 #include "UdevHidManager.h"
 #include "UinputEventSink.h"
@@ -17,9 +21,11 @@
 
 class CLinuxBackend final : public IShellBackend {
 public:
-    // The loop and the options must outlive the backend.
-    CLinuxBackend(CSdEventLoop& loop, const DriverOptions& options)
-        : m_loop(loop), m_options(options) {}
+    // The loop, the options and the control must outlive the backend. `control` null: no
+    // D-Bus interface; `codec` turns configurations into JSON and back for it.
+    CLinuxBackend(CSdEventLoop& loop, const DriverOptions& options,
+                  IDriverControl* control = nullptr, TConfigJsonCodec codec = {})
+        : m_loop(loop), m_options(options), m_control(control), m_codec(std::move(codec)) {}
 
     bool Open(TShellPorts* ports, TBackendFailure* failure) override;
 
@@ -27,8 +33,15 @@ public:
     static std::unique_ptr<CMtHidDevice> AdoptHidPort(int fd);
 
 private:
+    void OpenSessionBus(TShellPorts* ports);
+
     CSdEventLoop& m_loop;
     const DriverOptions& m_options;
+    IDriverControl* m_control;
+    TConfigJsonCodec m_codec;
+    std::unique_ptr<CSessionBus> m_bus;
+    std::unique_ptr<CBusNameClaim> m_claim;
+    std::unique_ptr<CDbusDriverService> m_service;
     std::unique_ptr<CLinuxScreen> m_screen;
     std::unique_ptr<CUinputEventSink> m_uinput;
     std::unique_ptr<CUdevHidManagerFactory> m_udev;

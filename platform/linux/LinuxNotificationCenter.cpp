@@ -2,32 +2,42 @@
 
 #include "MtDevLog.h"
 
-CLinuxNotificationCenter::CLinuxNotificationCenter(sd_event* event, std::string socketName,
+CLinuxNotificationCenter::CLinuxNotificationCenter(sd_event* event, CBusNameClaim* exchange,
                                                    const char* busAddress)
-    : m_event(event), m_busAddress(busAddress) {
-    if (!socketName.empty()) m_channel = std::make_unique<CUserNotificationChannel>(socketName);
+    : m_event(event), m_exchange(exchange), m_busAddress(busAddress) {
+    if (m_exchange != nullptr) m_exchange->OnLost([this] { Deliver(); });
 }
 
-void CLinuxNotificationCenter::PostDistributed(const std::string& name) {
-    if (m_channel) m_channel->Post(name, kPostWaitMillis);
+void CLinuxNotificationCenter::PostDistributed(const std::string&) {
+    if (m_exchange == nullptr) return;
+    std::string detail;
+    switch (m_exchange->Request(kPostWaitMillis, &detail)) {
+        case CBusNameClaim::TResult::Owner:
+            if (!detail.empty()) TLog(TLogLevel::Warning, "%s", detail.c_str());
+            break;
+        case CBusNameClaim::TResult::Taken:
+            TLog(TLogLevel::Info,
+                 "%s, which is not replaced (a simulation or a dry run): this instance runs "
+                 "without the bus name",
+                 detail.c_str());
+            break;
+        case CBusNameClaim::TResult::Error:
+            TLog(TLogLevel::Warning, "%s; a later instance will not replace this one",
+                 detail.c_str());
+            break;
+    }
 }
 
 void CLinuxNotificationCenter::ObserveDistributed(const std::string& name,
                                                   std::function<void()> observer) {
-    if (!m_channel) return;
+    if (m_exchange == nullptr) return;
     m_observers[name] = std::move(observer);
-    if (m_channel->IsListening()) return;
-    std::string error;
-    if (!m_channel->Listen(m_event, [this](const std::string& got) { Deliver(got); }, &error)) {
-        TLog(TLogLevel::Warning,
-             "instance channel unavailable (%s); a later instance will not replace this one",
-             error.c_str());
-    }
 }
 
 void CLinuxNotificationCenter::StopObservingDistributed() {
-    if (m_channel) m_channel->StopListening();
     m_observers.clear();
+    // Given up at once, so that a later instance can take it.
+    if (m_exchange != nullptr) m_exchange->Release();
 }
 
 void CLinuxNotificationCenter::ObserveWake(std::function<void()> observer) {
@@ -38,9 +48,10 @@ void CLinuxNotificationCenter::ObserveWake(std::function<void()> observer) {
     }
 }
 
-void CLinuxNotificationCenter::Deliver(const std::string& name) {
-    const auto it = m_observers.find(name);
-    if (it == m_observers.end()) return;
-    const std::function<void()> observer = it->second;  // the observer may clear the map
-    observer();
+void CLinuxNotificationCenter::Deliver() {
+    // A later instance took the name: every observer of the announcement hears it.
+    const auto observers = m_observers;  // an observer may clear the map
+    for (const auto& [name, observer] : observers) {
+        if (observer) observer();
+    }
 }

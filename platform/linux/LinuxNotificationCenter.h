@@ -1,21 +1,24 @@
-// The notification centre on Linux: the per-user instance socket for distributed notifications
-// and logind for the wake notification. Failures are logged once each and the driver goes on
-// without that notification.
+// The notification centre on Linux: the driver's bus name on the session bus for the
+// single-instance exchange, and logind for the wake notification. Failures are logged once each
+// and the driver goes on without that notification.
+//
+// The exchange: announcing this instance ("isWindowExist") is claiming the bus name with
+// replacement; the running instance that loses the name hears the same notification from this
+// one. Posting returns once the replaced instance has left the bus.
 #pragma once
 
+#include "BusNameClaim.h"
 #include "LogindSleepWatcher.h"
 #include "Notifications.h"
-#include "UserNotificationChannel.h"
 
 #include <map>
-#include <memory>
 #include <string>
 
 class CLinuxNotificationCenter final : public INotificationCenter {
 public:
-    // `socketName` empty: no distributed notifications (simulation runs stay out of the way of
-    // a running driver). `busAddress` null: the system bus.
-    CLinuxNotificationCenter(sd_event* event, std::string socketName,
+    // `exchange` null: no distributed notifications (no session bus, or an instance that takes
+    // no part in the exchange). `busAddress` null: the system bus for logind.
+    CLinuxNotificationCenter(sd_event* event, CBusNameClaim* exchange,
                              const char* busAddress = nullptr);
 
     void PostDistributed(const std::string& name) override;
@@ -23,14 +26,15 @@ public:
     void StopObservingDistributed() override;
     void ObserveWake(std::function<void()> observer) override;
 
-    // How long a post waits for the running instance to give up the channel.
-    static constexpr int kPostWaitMillis = 2000;
+    // How long a post waits for the replaced instance to end; it waits for its own workers up to
+    // 10 s before it gives up on them.
+    static constexpr int kPostWaitMillis = 12'000;
 
 private:
-    void Deliver(const std::string& name);
+    void Deliver();
 
     sd_event* m_event;
-    std::unique_ptr<CUserNotificationChannel> m_channel;  // null when disabled
+    CBusNameClaim* m_exchange;
     std::map<std::string, std::function<void()>> m_observers;
     const char* m_busAddress;
     CLogindSleepWatcher m_sleepWatcher;

@@ -1,0 +1,46 @@
+#include "SessionBus.h"
+
+#include <cstring>
+
+std::unique_ptr<CSessionBus> CSessionBus::Connect(sd_event* event, const char* address,
+                                                  std::string* error) {
+    std::unique_ptr<CSessionBus> bus(new CSessionBus());
+    auto fail = [&](const char* what, int r) {
+        if (error != nullptr) *error = std::string(what) + ": " + std::strerror(-r);
+        return nullptr;
+    };
+    int r;
+    if (address == nullptr) {
+        r = sd_bus_open_user(&bus->m_bus);
+        if (r < 0) return fail("cannot connect to the session bus", r);
+    } else {
+        r = sd_bus_new(&bus->m_bus);
+        if (r >= 0) r = sd_bus_set_address(bus->m_bus, address);
+        if (r >= 0) r = sd_bus_set_bus_client(bus->m_bus, 1);
+        if (r >= 0) r = sd_bus_start(bus->m_bus);
+        if (r < 0) return fail("cannot connect to the bus", r);
+    }
+    // The greeting is asynchronous: wait for it here, so that a socket nobody serves shows up
+    // now rather than in the first call.
+    const char* unique = nullptr;
+    r = sd_bus_get_unique_name(bus->m_bus, &unique);
+    if (r < 0) return fail("the session bus does not answer", r);
+    r = sd_bus_attach_event(bus->m_bus, event, SD_EVENT_PRIORITY_NORMAL);
+    if (r < 0) return fail("cannot attach the session bus to the main loop", r);
+    return bus;
+}
+
+CSessionBus::~CSessionBus() {
+    if (m_bus != nullptr) {
+        sd_bus_detach_event(m_bus);
+        m_bus = sd_bus_flush_close_unref(m_bus);
+    }
+}
+
+std::string CSessionBus::UniqueName() const {
+    const char* unique = nullptr;
+    if (m_bus == nullptr || sd_bus_get_unique_name(m_bus, &unique) < 0 || unique == nullptr) {
+        return {};
+    }
+    return unique;
+}
