@@ -481,6 +481,7 @@ void CMtDevEmulator::LoRead(uint8_t command, uint32_t parameter,
     const std::vector<uint8_t>* found = ReadData(command);
     const std::vector<uint8_t>& data = found != nullptr ? *found : kEmpty;
     if (parameter == MTDEV_SIZE_QUERY) {
+        m_stallRemaining = 0;  // a new read: a stall ended with the one before
         replies->push_back({AckReport(MTDEV_REPLY_END, static_cast<uint32_t>(data.size()))});
         return;
     }
@@ -489,7 +490,10 @@ void CMtDevEmulator::LoRead(uint8_t command, uint32_t parameter,
 
 void CMtDevEmulator::LoReadFrom(const std::vector<uint8_t>& data, uint32_t piece,
                                 std::vector<TEmuReply>* replies) {
-    if (piece == 0) m_stallShift = 0;  // a new read
+    if (piece == 0) {  // a new read: a stall ended with the one before
+        m_stallShift = 0;
+        m_stallRemaining = 0;
+    }
     if (m_stallRemaining > 0) {
         --m_stallRemaining;
         ++m_stallShift;

@@ -266,7 +266,9 @@ bool CSimDevice::Holding() {
     for (const TSimFault& fault : m_spec.faults) {
         if (fault.kind != TSimFault::Kind::Hold) continue;
         if (ScriptFramesPlayed() < static_cast<size_t>(fault.after)) continue;
-        if (m_emulator->WriteCount(MTDEV_CMD_DEV_CONFIG) >= static_cast<size_t>(fault.count)) {
+        const size_t writes = m_emulator->WriteCount(MTDEV_CMD_DEV_CONFIG) +
+                              m_emulator->WriteCount(MTDEV_CMD_CONFIG_OVERRIDE);
+        if (writes >= static_cast<size_t>(fault.count)) {
             continue;
         }
         // Polls without contacts at an idle pace, so a waiting frame does not spin.

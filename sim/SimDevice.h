@@ -67,7 +67,8 @@ struct TSimFault {
         Poll,        // `count` polls fail after `after` scripted frames
         Stall,       // a transfer's read stalls: after `after` messages, `count` empty replies
         Vanish,      // the frame is unplugged when the transfer message `after` + 1 arrives
-        Hold,        // after `after` scripted frames the script waits for `count` config writes
+        Hold,        // after `after` scripted frames the script waits for `count` writes of the
+                     // configuration or its override
     };
     Kind kind = Kind::Poll;
     int count = 0;
