@@ -150,4 +150,8 @@ struct TConfigJsonCodec {
     // False with `error` (the JSON path of the fault and what is wrong) when refused.
     std::function<bool(std::string_view json, _HARDWARE_DEV_CONFIG* config, std::string* error)>
         fromJson;
+    // The override's reader; empty: the interface's own ({"flags":..,"edgeAdjust":[..]}).
+    std::function<bool(std::string_view json, _HARDWARE_CONFIG_OVERRIDE* override,
+                       std::string* error)>
+        overrideFromJson;
 };

@@ -223,11 +223,21 @@ TArgumentCheck MakeWriteConfigRequest(std::string_view json, const TConfigJsonCo
     return {};
 }
 
-TArgumentCheck MakeWriteOverrideRequest(std::string_view json, const TDbusArgumentLimits& limits,
-                                        TFrameRequest* request) {
+TArgumentCheck MakeWriteOverrideRequest(std::string_view json, const TConfigJsonCodec& codec,
+                                        const TDbusArgumentLimits& limits, TFrameRequest* request) {
     _HARDWARE_CONFIG_OVERRIDE override{};
-    TArgumentCheck check = ParseOverrideJson(json, limits, &override);
-    if (!check.ok) return check;
+    TArgumentCheck check;
+    if (codec.overrideFromJson) {
+        check = CheckJsonText(json, limits);
+        if (!check.ok) return check;
+        std::string error;
+        if (!codec.overrideFromJson(json, &override, &error)) {
+            return Refuse(error.empty() ? "the override JSON is refused" : error);
+        }
+    } else {
+        check = ParseOverrideJson(json, limits, &override);
+        if (!check.ok) return check;
+    }
     request->operation = TFrameOperation::WriteOverride;
     request->override = override;
     return {};

@@ -56,8 +56,8 @@ int ReadStringArgument(sd_bus_message* message, size_t maxBytes, std::string* ou
 // The request of a method that carries data, checked. Configuration JSON goes through `codec`.
 TArgumentCheck MakeWriteConfigRequest(std::string_view json, const TConfigJsonCodec& codec,
                                       const TDbusArgumentLimits& limits, TFrameRequest* request);
-TArgumentCheck MakeWriteOverrideRequest(std::string_view json, const TDbusArgumentLimits& limits,
-                                        TFrameRequest* request);
+TArgumentCheck MakeWriteOverrideRequest(std::string_view json, const TConfigJsonCodec& codec,
+                                        const TDbusArgumentLimits& limits, TFrameRequest* request);
 TArgumentCheck MakeScanPatternRequest(std::vector<uint8_t> data, const TDbusArgumentLimits& limits,
                                       TFrameRequest* request);
 TArgumentCheck MakeTouchSystemRequest(std::vector<uint8_t> data, const TDbusArgumentLimits& limits,

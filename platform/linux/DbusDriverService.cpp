@@ -379,7 +379,8 @@ int CDbusDriverService::MethodWriteOverride(sd_bus_message* m, void* userdata, s
     const int r = ReadStringArgument(m, service.m_config.limits.maxJsonBytes, &json, &check);
     if (r < 0) return r;
     TFrameRequest request;
-    if (check.ok) check = MakeWriteOverrideRequest(json, service.m_config.limits, &request);
+    if (check.ok) check = MakeWriteOverrideRequest(json, service.m_codec, service.m_config.limits,
+                                             &request);
     if (!check.ok) return sd_bus_error_set(error, kErrorInvalidArgument, check.error.c_str());
     return service.Submit(m, *frame, std::move(request));
 }
