@@ -119,6 +119,9 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     bool noGestures = false;
     app.add_flag("--no-gestures", noGestures,
                  "No mouse and shortcut emulation: only the other outputs (--touchscreen, --tuio)");
+    // Lets a simulation act as a real instance in the exchange on the bus name, so that the
+    // takeover can be tested without frames. Not for users: hidden from --help.
+    app.add_flag("--claim-bus-name", opt.claimBusName)->group("");
     app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
     try {
         app.parse(argc, argv);
