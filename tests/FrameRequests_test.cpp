@@ -1,0 +1,266 @@
+// A tool's requests carried out by the frame's worker between two polls, in process on a virtual
+// clock: the emulated frame answers through a scripted HID port, and requests are handed to the
+// frame slot from inside a poll, as the main thread would between two of them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "FrameRequests.h"
+#include "LoadEvent.h"
+#include "MtDevEmulator.h"
+#include "MtScriptedHidDevice.h"
+#include "support/MtDevLinkRig.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class CFixedScreen final : public IScreen {
+public:
+    std::optional<TScreenRect> MainScreenFrame() const override {
+        return TScreenRect{0, 0, 1920, 1080};
+    }
+};
+
+struct TRig {
+    TVirtualClock clock{1'000'000'000};
+    TScopedClock scopedClock{clock};
+    CMtDevEmulator emulator;
+    CMtScriptedHidDevice port;
+    TMACDEVICEPATH path{&port, nullptr, MTDEV_TYPE_HID};
+    MtDevNode node;
+    std::atomic<bool> stopping{false};
+    CRecordingEventSink sink;
+    CFixedScreen screen;
+    TShellPorts ports;
+    std::function<void(uint64_t polls)> beforePoll;
+    std::vector<TFrameResult> results;
+    CLogCapture log;
+
+    TRig() {
+        port.SetResponder([this](const uint8_t* report, long length,
+                                 std::vector<TScriptedInput>* inputs) {
+            const bool poll = length > 5 && report[0] == MTDEV_PACKET_READ &&
+                              report[report[5]] == MTDEV_CMD_FRAME_SDK;
+            if (poll) {
+                clock.AdvanceMicros(10'000);  // a frame every 10 ms
+                if (beforePoll) beforePoll(emulator.FramesServed());
+            }
+            std::vector<TEmuReply> replies;
+            emulator.OnHidOutput(report, static_cast<size_t>(length), &replies);
+            for (TEmuReply& reply : replies) inputs->push_back({std::move(reply.bytes)});
+        });
+        node.devPath = &path;
+        node.hidDevice = &port;
+        node.deviceNumber = 1;
+        node.frame.present = true;
+        node.container.SetEventSink(&sink);
+        node.worker.stopping = &stopping;
+        ports.screen = &screen;
+        node.worker.ports = &ports;
+        cmtDevHead = &node;  // results find their record by number
+    }
+    ~TRig() {
+        cmtDevHead = nullptr;
+        node.devPath = nullptr;
+    }
+
+    void Submit(TFrameRequest request) {
+        std::string why;
+        ASSERT_TRUE(node.frame.Accept(std::move(request),
+                                      [this](TFrameResult r) { results.push_back(std::move(r)); },
+                                      &why))
+            << why;
+    }
+    // At poll `at`: a tap at raw (x, y), then the frame is unplugged after it.
+    void TapAt(uint64_t at, uint16_t x, uint16_t y) {
+        const auto previous = beforePoll;
+        beforePoll = [this, at, x, y, previous](uint64_t polls) {
+            if (previous) previous(polls);
+            if (polls == at) {
+                emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 0, x, y}}));
+                for (int i = 0; i < 3; ++i) {
+                    emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 1, x, y}}));
+                }
+                emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 2, x, y}}));
+            }
+            if (polls >= at + 12) {
+                node.removed.store(true);
+                node.isRunning.store(false);
+            }
+        };
+    }
+    std::vector<TInputEvent> Run() {
+        EXPECT_EQ(test(&node), 0u);
+        return sink.Take();
+    }
+};
+
+std::shared_ptr<_HARDWARE_DEV_CONFIG> ConfigOf(const std::vector<uint8_t>& block) {
+    auto config = std::make_shared<_HARDWARE_DEV_CONFIG>();
+    EXPECT_EQ(DecodeDevConfig(block.data(), static_cast<int>(block.size()), config.get()),
+              DEV_CONFIG_DECODE_OK);
+    return config;
+}
+
+// The default configuration with its area mapped onto the left half of the output.
+std::shared_ptr<_HARDWARE_DEV_CONFIG> HalfWidthConfig() {
+    auto config = ConfigOf(EmuDefaultConfigBlock());
+    config->areas[0].targetRect.width /= 2;
+    return config;
+}
+
+// Verify that a configuration written through the worker is what the frame's next touch is
+// calibrated with: the same events as when the frame held it from the start, and not the ones
+// of the configuration it had before.
+TEST(FrameRequests, WrittenConfigurationCalibratesTheNextTouch) {
+    std::vector<TInputEvent> before, written, fromStart;
+    {
+        TRig rig;
+        rig.TapAt(4, 9000, 7000);
+        before = rig.Run();
+    }
+    {
+        TRig rig;
+        rig.beforePoll = [&rig](uint64_t polls) {
+            if (polls != 2) return;
+            TFrameRequest request;
+            request.operation = TFrameOperation::WriteConfig;
+            request.config = HalfWidthConfig();
+            rig.Submit(std::move(request));
+        };
+        rig.TapAt(4, 9000, 7000);
+        written = rig.Run();
+        ASSERT_EQ(rig.results.size(), 1u);
+        EXPECT_EQ(rig.results[0].outcome, TFrameOutcome::Done) << rig.results[0].message;
+        ASSERT_TRUE(rig.results[0].config);
+        EXPECT_EQ(rig.results[0].config->areas[0].targetRect.width, HalfWidthConfig()->areas[0].targetRect.width);
+        EXPECT_EQ(rig.node.frame.Summary(), "1 area, 0 panels");
+    }
+    {
+        TRig rig;
+        const auto config = HalfWidthConfig();
+        std::vector<uint8_t> block(static_cast<size_t>(EncodeDevConfig(config.get(), nullptr)));
+        EncodeDevConfig(config.get(), block.data());
+        rig.emulator.SetConfigBlock(block);
+        rig.TapAt(4, 9000, 7000);
+        fromStart = rig.Run();
+    }
+    ASSERT_FALSE(before.empty());
+    EXPECT_EQ(written, fromStart);
+    EXPECT_NE(written, before);
+}
+
+struct TFailureCase {
+    const char* name;
+    int failedPolls;         // polls failing after the failed transfer
+    TFrameOutcome outcome;   // what the tool hears
+    const char* message;
+};
+
+class FailedTransfer : public testing::TestWithParam<TFailureCase> {};
+
+// Verify that a failed transfer is answered Failed when the frame still answers, and Gone when
+// it stopped answering right after.
+TEST_P(FailedTransfer, NextPollTellsFailedFromGone) {
+    const TFailureCase& c = GetParam();
+    TRig rig;
+    rig.beforePoll = [&](uint64_t polls) {
+        if (polls == 2) {
+            rig.emulator.InjectFault({TEmuFaultKind::WrongCode, MTDEV_CMD_DEV_INFO, TEmuStage::Any});
+            for (int i = 0; i < c.failedPolls; ++i) {
+                rig.emulator.InjectFault(
+                    {TEmuFaultKind::WrongCode, MTDEV_CMD_FRAME_SDK, TEmuStage::Any, 1});
+            }
+            rig.Submit(TFrameRequest{});  // ReadInfo
+        }
+        if (polls >= 12) {
+            rig.node.removed.store(true);
+            rig.node.isRunning.store(false);
+        }
+    };
+    rig.Run();
+    ASSERT_EQ(rig.results.size(), 1u);
+    EXPECT_EQ(rig.results[0].outcome, c.outcome);
+    EXPECT_THAT(rig.results[0].message, HasSubstr(c.message));
+    EXPECT_EQ(rig.results[0].deviceError, DE_ERROR);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, FailedTransfer,
+    testing::Values(TFailureCase{"StillAnswers", 0, TFrameOutcome::Failed, "ReadInfo failed"},
+                    TFailureCase{"StoppedAnswering", 6, TFrameOutcome::Gone,
+                                 "frame 1 stopped answering during the request"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Verify the reads: each moves the frame's block as it is, and writes are read back.
+TEST(FrameRequests, ReadsAndWritesOnTheController) {
+    THidRig rig;
+    CMtDevController controller(ShortHidTimeouts());
+    ASSERT_EQ(controller.OpenDevice(&rig.path), DE_OK);
+    const std::atomic<bool> cancelled{false};
+    auto run = [&](TFrameOperation operation, std::vector<uint8_t> bytes = {}) {
+        TFrameRequest request;
+        request.operation = operation;
+        request.bytes = std::move(bytes);
+        return RunFrameRequest(controller, request, cancelled);
+    };
+    EXPECT_EQ(run(TFrameOperation::ReadInfo).bytes, rig.emulator.DeviceInfo());
+    EXPECT_EQ(run(TFrameOperation::ReadStatus).bytes,
+              (std::vector<uint8_t>{0x00, 0x01, 0x02, 0x03, 0x10, 0x20, 0x30, 0x40}));
+    EXPECT_EQ(run(TFrameOperation::ReadScanPattern).bytes, rig.emulator.ScanPattern());
+
+    std::vector<uint8_t> pattern(100, 0x5A);
+    pattern[2] = 100, pattern[3] = pattern[4] = pattern[5] = 0;
+    EXPECT_EQ(run(TFrameOperation::WriteScanPattern, pattern).outcome, TFrameOutcome::Done);
+    EXPECT_EQ(rig.emulator.ScanPattern(), pattern);
+
+    TFrameRequest override;
+    override.operation = TFrameOperation::WriteOverride;
+    override.override.flags = 0x101F05;
+    override.override.option1 = 7;
+    override.override.edgeAdjust[2] = -3;
+    const TFrameResult overridden = RunFrameRequest(controller, override, cancelled);
+    ASSERT_EQ(overridden.outcome, TFrameOutcome::Done) << overridden.message;
+    EXPECT_EQ(overridden.config->option1, 7);
+    EXPECT_EQ(overridden.config->areas[0].edgeAdjust[2], -3);
+
+    EXPECT_EQ(run(TFrameOperation::WriteTouchSystemFile, std::vector<uint8_t>(1024, 1)).outcome,
+              TFrameOutcome::Done);
+    TEmuWrite last;
+    ASSERT_TRUE(rig.emulator.LastWrite(MTDEV_CMD_TOUCH_SYSTEM, &last));
+    EXPECT_EQ(last.data.size(), 1024u);
+    controller.CloseDevice(MTDEV_CLOSE_SILENT);
+}
+
+// Verify that a cancel before a request's next step stops it there.
+TEST(FrameRequests, CancelledBetweenSteps) {
+    THidRig rig;
+    CMtDevController controller(ShortHidTimeouts());
+    ASSERT_EQ(controller.OpenDevice(&rig.path), DE_OK);
+    const std::atomic<bool> cancelled{true};
+    TFrameRequest request;
+    request.operation = TFrameOperation::ReadConfig;
+    const TFrameResult result = RunFrameRequest(controller, request, cancelled);
+    EXPECT_EQ(result.outcome, TFrameOutcome::Failed);
+    EXPECT_THAT(result.message, HasSubstr("stopped"));
+    EXPECT_EQ(rig.emulator.RequestCount(), 0u);
+    controller.CloseDevice(MTDEV_CLOSE_SILENT);
+}
+
+TEST(FrameRequests, ConfigSummary) {
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    EXPECT_EQ(DescribeConfig(*config), "0 areas, 0 panels");
+    config->areaCount = 2;
+    config->panelCount = 1;
+    config->panels[0].rows = 2;
+    config->panels[0].columns = 2;
+    EXPECT_EQ(DescribeConfig(*config), "2 areas, 1 panel (4 keys)");
+    config->panelCount = 200;  // as a device may claim: counted within the record
+    EXPECT_THAT(DescribeConfig(*config), HasSubstr("4 panels"));
+}
+
+}  // namespace
