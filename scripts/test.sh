@@ -32,7 +32,7 @@ cmake --build build/asan -j "$jobs"
 step "configure + build (ThreadSanitizer: the driver and its end-to-end tests)"
 cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIRFRAME_TSAN=ON \
   -DIRFRAME_WERROR=ON -DIRFRAME_BENCH=OFF -DIRFRAME_HEADER_CHECK=OFF "${cache[@]}" >/dev/null
-cmake --build build/tsan -j "$jobs" --target irframed Irframed_test LoadEvent_test
+cmake --build build/tsan -j "$jobs" --target irframed Irframed_test LoadEvent_test DriverDbus_test
 
 step "configure + build (libFuzzer, clang-14)"
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIRFRAME_FUZZ=ON \
@@ -67,6 +67,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 step "end-to-end tests (ThreadSanitizer)"
 TSAN_OPTIONS=halt_on_error=1:exitcode=66 build/tsan/Irframed_test --gtest_brief=1
 TSAN_OPTIONS=halt_on_error=1:exitcode=66 build/tsan/LoadEvent_test --gtest_brief=1
+TSAN_OPTIONS=halt_on_error=1:exitcode=66 build/tsan/DriverDbus_test --gtest_brief=1
 
 step "unit tests (ASan + UBSan)"
 ctest --test-dir build/asan --output-on-failure -j "$jobs"

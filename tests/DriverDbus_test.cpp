@@ -1,0 +1,490 @@
+// The driver's D-Bus interface end to end: a private session bus (dbus-daemon, started here),
+// irframed on emulated frames, and an sd-bus client. Frames hold their scripts (--fault hold) so
+// that the driver stays up while the test talks to it; transfers stall or vanish by --fault.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using testing::HasSubstr;
+using Args = std::vector<std::string>;
+
+constexpr const char* kName = "org.irframe.Driver1";
+constexpr const char* kRoot = "/org/irframe/Driver1";
+constexpr const char* kFrameIface = "org.irframe.Driver1.Frame";
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string FramePath(int n) {
+    return std::string(kRoot) + "/frame" + std::to_string(n);
+}
+
+pid_t Spawn(Args args, const std::string& stderrPath, const std::string& stdoutPath = "/dev/null") {
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    pid_t pid = -1;
+    const int r = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return r == 0 ? pid : -1;
+}
+
+// One irframed run.
+struct TDriver {
+    pid_t pid = -1;
+    std::string log;  // its standard error
+    int status = -1;
+
+    std::string Log() const { return ReadFile(log); }
+    // Waits for it to end (a bound against a hang, not a measurement); its exit status.
+    int Wait() {
+        if (pid < 0) return status;
+        int wstatus = 0;
+        for (int waited = 0; waited < 30'000; waited += 10) {
+            if (waitpid(pid, &wstatus, WNOHANG) == pid) {
+                pid = -1;
+                status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+                return status;
+            }
+            usleep(10'000);
+        }
+        kill(pid, SIGKILL);
+        waitpid(pid, &wstatus, 0);
+        pid = -1;
+        ADD_FAILURE() << "irframed did not end";
+        return status;
+    }
+    int Stop() {
+        if (pid > 0) kill(pid, SIGTERM);
+        return Wait();
+    }
+};
+
+class DriverDbus : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/driver_dbus_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+        // The private bus; it prints its address once it listens.
+        int pipeFds[2];
+        ASSERT_EQ(pipe(pipeFds), 0);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
+        posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--session"),
+                        const_cast<char*>("--print-address"), const_cast<char*>("--nofork"),
+                        nullptr};
+        ASSERT_EQ(posix_spawnp(&m_daemon, "dbus-daemon", &actions, nullptr, argv, environ), 0)
+            << "dbus-daemon is needed (Debian package dbus-daemon)";
+        posix_spawn_file_actions_destroy(&actions);
+        close(pipeFds[1]);
+        std::string address;
+        char c;
+        while (read(pipeFds[0], &c, 1) == 1 && c != '\n') address.push_back(c);
+        close(pipeFds[0]);
+        ASSERT_FALSE(address.empty());
+        setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+        ASSERT_GE(sd_bus_new(&m_bus), 0);
+        ASSERT_GE(sd_bus_set_address(m_bus, address.c_str()), 0);
+        ASSERT_GE(sd_bus_set_bus_client(m_bus, 1), 0);
+        ASSERT_GE(sd_bus_start(m_bus), 0);
+        // A frame that waits for a write of its configuration before it touches.
+        m_tap = Script("tap.gesture", "down 1 16000 16000\nhold 2\nup 1\nhold 1\n");
+    }
+
+    void TearDown() override {
+        for (TDriver* d : m_drivers) d->Stop();
+        m_signalSlot = sd_bus_slot_unref(m_signalSlot);
+        m_bus = sd_bus_flush_close_unref(m_bus);
+        if (m_daemon > 0) {
+            kill(m_daemon, SIGTERM);
+            waitpid(m_daemon, nullptr, 0);
+        }
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        std::system(("rm -rf " + m_dir).c_str());
+    }
+
+    std::string Script(const std::string& name, const std::string& text) {
+        const std::string path = m_dir + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    TDriver& Start(const Args& args) {
+        auto driver = std::make_unique<TDriver>();
+        driver->log = m_dir + "/err" + std::to_string(m_owned.size()) + ".txt";
+        Args argv{IRFRAMED_PATH, "--dry-run", "--output", m_dir + "/out" +
+                                                              std::to_string(m_owned.size()) +
+                                                              ".json"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        driver->pid = Spawn(argv, driver->log);
+        EXPECT_GT(driver->pid, 0);
+        m_drivers.push_back(driver.get());
+        m_owned.push_back(std::move(driver));
+        return *m_owned.back();
+    }
+
+    // Runs the client's side of the bus until `done`, within a bound against a hang.
+    bool Until(const std::function<bool()>& done) {
+        for (int i = 0; i < 3000; ++i) {
+            if (done()) return true;
+            while (sd_bus_process(m_bus, nullptr) > 0) {
+            }
+            if (done()) return true;
+            sd_bus_wait(m_bus, 10'000);
+        }
+        return done();
+    }
+
+    std::string Owner() {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        std::string owner;
+        if (sd_bus_call_method(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", "GetNameOwner", &error, &reply, "s",
+                               kName) >= 0) {
+            const char* s = nullptr;
+            sd_bus_message_read(reply, "s", &s);
+            owner = s != nullptr ? s : "";
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return owner;
+    }
+
+    std::vector<std::string> ListFrames() {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        std::vector<std::string> frames;
+        if (sd_bus_call_method(m_bus, kName, kRoot, kName, "ListFrames", &error, &reply, "") >= 0) {
+            sd_bus_message_enter_container(reply, 'a', "o");
+            const char* path = nullptr;
+            while (sd_bus_message_read(reply, "o", &path) > 0) frames.push_back(path);
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return frames;
+    }
+
+    std::string StringProperty(int frame, const char* name) {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        char* value = nullptr;
+        std::string out;
+        if (sd_bus_get_property_string(m_bus, kName, FramePath(frame).c_str(), kFrameIface, name,
+                                       &error, &value) >= 0) {
+            out = value;
+        }
+        free(value);
+        sd_bus_error_free(&error);
+        return out;
+    }
+
+    bool Running(int frame) { return StringProperty(frame, "State") == "running"; }
+
+    // A method of a frame: the error's name (empty on success) and the string it returned.
+    struct TCall {
+        std::string error;
+        std::string message;
+        std::string text;
+        std::vector<uint8_t> bytes;
+    };
+    TCall Call(int frame, const char* method, const char* types = "", const std::string& arg = "") {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        int r;
+        if (*types == 's') {
+            r = sd_bus_call_method(m_bus, kName, FramePath(frame).c_str(), kFrameIface, method,
+                                   &error, &reply, "s", arg.c_str());
+        } else {
+            r = sd_bus_call_method(m_bus, kName, FramePath(frame).c_str(), kFrameIface, method,
+                                   &error, &reply, "");
+        }
+        TCall call;
+        if (r < 0) {
+            call.error = error.name != nullptr ? error.name : "?";
+            call.message = error.message != nullptr ? error.message : "";
+        } else if (const char* sig = sd_bus_message_get_signature(reply, 1); sig && *sig == 's') {
+            const char* s = nullptr;
+            sd_bus_message_read(reply, "s", &s);
+            call.text = s != nullptr ? s : "";
+        } else if (sig != nullptr && std::string(sig) == "ay") {
+            const void* data = nullptr;
+            size_t size = 0;
+            sd_bus_message_read_array(reply, 'y', &data, &size);
+            call.bytes.assign(static_cast<const uint8_t*>(data),
+                              static_cast<const uint8_t*>(data) + size);
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return call;
+    }
+
+    // Starts a call without waiting; `reply` is filled when it comes.
+    void CallAsync(int frame, const char* method, TCall* reply, bool* done) {
+        struct TContext {
+            TCall* reply;
+            bool* done;
+        };
+        auto* context = new TContext{reply, done};
+        sd_bus_call_method_async(
+            m_bus, nullptr, kName, FramePath(frame).c_str(), kFrameIface, method,
+            [](sd_bus_message* m, void* userdata, sd_bus_error*) -> int {
+                auto* c = static_cast<TContext*>(userdata);
+                if (const sd_bus_error* e = sd_bus_message_get_error(m)) {
+                    c->reply->error = e->name;
+                    c->reply->message = e->message != nullptr ? e->message : "";
+                }
+                *c->done = true;
+                delete c;
+                return 0;
+            },
+            context, "");
+    }
+
+    // Collects every signal of the driver as "member path".
+    void WatchSignals() {
+        sd_bus_add_match(
+            m_bus, &m_signalSlot, "type='signal',path_namespace='/org/irframe/Driver1'",
+            [](sd_bus_message* m, void* userdata, sd_bus_error*) -> int {
+                auto* self = static_cast<DriverDbus*>(userdata);
+                std::string line = std::string(sd_bus_message_get_member(m)) + " " +
+                                   sd_bus_message_get_path(m);
+                if (sd_bus_message_is_signal(m, kFrameIface, "Progress")) {
+                    uint32_t done = 0, total = 0;
+                    sd_bus_message_read(m, "uu", &done, &total);
+                    line += " " + std::to_string(done) + "/" + std::to_string(total);
+                } else if (sd_bus_message_is_signal(m, kFrameIface, "Contacts")) {
+                    int64_t stamp = 0;
+                    sd_bus_message_read(m, "x", &stamp);
+                    sd_bus_message_enter_container(m, 'a', "(yybiiiiqqyy)");
+                    uint8_t id, status, group, index;
+                    int retired;
+                    int32_t x, y, w, h;
+                    uint16_t rx, ry;
+                    while (sd_bus_message_read(m, "(yybiiiiqqyy)", &id, &status, &retired, &x,
+                                               &y, &w, &h, &rx, &ry, &group, &index) > 0) {
+                        line += " " + std::to_string(id) + ":" + std::to_string(status);
+                    }
+                } else if (sd_bus_message_is_signal(m, "org.freedesktop.DBus.Properties",
+                                                    "PropertiesChanged")) {
+                    line += " " + self->ChangedState(m);
+                }
+                self->m_signals.push_back(line);
+                return 0;
+            },
+            this);
+    }
+    std::string ChangedState(sd_bus_message* m) {
+        const char* iface = nullptr;
+        sd_bus_message_read(m, "s", &iface);
+        sd_bus_message_enter_container(m, 'a', "{sv}");
+        while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+            const char* name = nullptr;
+            sd_bus_message_read(m, "s", &name);
+            if (std::string(name) == "State") {
+                const char* state = nullptr;
+                sd_bus_message_read(m, "v", "s", &state);
+                return std::string("State=") + state;
+            }
+            sd_bus_message_skip(m, "v");
+            sd_bus_message_exit_container(m);
+        }
+        return "";
+    }
+    bool Signalled(const std::string& prefix) const {
+        for (const std::string& s : m_signals) {
+            if (s.rfind(prefix, 0) == 0) return true;
+        }
+        return false;
+    }
+
+    std::string m_dir;
+    pid_t m_daemon = -1;
+    sd_bus* m_bus = nullptr;
+    sd_bus_slot* m_signalSlot = nullptr;
+    std::string m_tap;
+    std::vector<std::unique_ptr<TDriver>> m_owned;
+    std::vector<TDriver*> m_drivers;
+    std::vector<std::string> m_signals;
+};
+
+// Verify that the emulated frames are listed with their properties and answer the reads.
+TEST_F(DriverDbus, ListsFramesAndAnswersReads) {
+    TDriver& driver =
+        Start({"--simulate", m_tap, "--fault", "hold:1", "--simulate", m_tap, "--fault", "2:hold:1"});
+    ASSERT_TRUE(Until([&] { return Running(1) && Running(2); })) << driver.Log();
+    EXPECT_EQ(ListFrames(), (std::vector<std::string>{FramePath(1), FramePath(2)}));
+    EXPECT_EQ(StringProperty(2, "Node"), "simulated:" + m_tap);
+    EXPECT_EQ(StringProperty(1, "Product"), "emulated frame 1");
+    EXPECT_EQ(StringProperty(1, "ConfigSummary"), "0 areas, 0 panels");
+
+    uint16_t vendor = 0;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    ASSERT_GE(sd_bus_get_property_trivial(m_bus, kName, FramePath(1).c_str(), kFrameIface,
+                                          "VendorId", &error, 'q', &vendor),
+              0);
+    EXPECT_EQ(vendor, 0xAAEC);
+    ASSERT_GE(sd_bus_get_property(m_bus, kName, FramePath(1).c_str(), kFrameIface, "Geometry",
+                                  &error, &reply, "(iiii)"),
+              0);
+    int32_t geometry[4] = {};
+    sd_bus_message_read(reply, "(iiii)", &geometry[0], &geometry[1], &geometry[2], &geometry[3]);
+    sd_bus_message_unref(reply);
+    EXPECT_GT(geometry[2], 0);
+    EXPECT_GT(geometry[3], 0);
+
+    std::string info = R"({"bytes":")";
+    for (int i = 0; i < 43; ++i) {
+        char hex[3];
+        std::snprintf(hex, sizeof hex, "%02x", 0x30 + i);
+        info += hex;
+    }
+    EXPECT_EQ(Call(1, "ReadInfo").text, info + "\"}");
+    EXPECT_EQ(Call(2, "ReadStatus").text, R"({"bytes":"0001020310203040"})");
+    const TCall pattern = Call(1, "ReadScanPattern");
+    ASSERT_EQ(pattern.bytes.size(), 70u) << pattern.error << pattern.message;
+    EXPECT_EQ(pattern.bytes[2], 70);
+
+    const TCall bad = Call(1, "WriteOverride", "s", R"({"flags":1})");
+    EXPECT_EQ(bad.error, "org.irframe.Driver1.Error.InvalidArgument");
+    EXPECT_THAT(bad.message, HasSubstr("$.option1: missing"));
+    EXPECT_EQ(driver.Stop(), 0) << driver.Log();
+}
+
+// Verify that a stalled transfer shows its progress, refuses a second request with Busy, leaves
+// the other frame served, and ends Cancelled on Cancel; the frame then goes on.
+TEST_F(DriverDbus, ProgressBusyAndCancel) {
+    WatchSignals();
+    TDriver& driver = Start({"--simulate", m_tap, "--fault", "hold:1", "--fault",
+                             "stall:100000@2", "--simulate", m_tap, "--fault", "2:hold:1"});
+    ASSERT_TRUE(Until([&] { return Running(1) && Running(2); })) << driver.Log();
+
+    TCall transfer;
+    bool done = false;
+    CallAsync(1, "ReadScanPattern", &transfer, &done);
+    ASSERT_TRUE(Until([&] { return Signalled("Progress " + FramePath(1)); })) << driver.Log();
+    EXPECT_TRUE(Signalled("Progress " + FramePath(1) + " 58/70")) << testing::PrintToString(m_signals);
+    EXPECT_FALSE(done);
+
+    const TCall second = Call(1, "ReadInfo");
+    EXPECT_EQ(second.error, "org.irframe.Driver1.Error.Busy");
+    EXPECT_THAT(Call(2, "ReadInfo").text, HasSubstr("bytes"));
+
+    EXPECT_EQ(Call(1, "Cancel").error, "");
+    ASSERT_TRUE(Until([&] { return done; }));
+    EXPECT_EQ(transfer.error, "org.irframe.Driver1.Error.Cancelled") << transfer.message;
+    // The frame answers again once the cancelled transfer is over.
+    EXPECT_THAT(Call(1, "ReadStatus").text, HasSubstr("bytes"));
+    EXPECT_EQ(driver.Stop(), 0) << driver.Log();
+}
+
+// Verify that a frame unplugged in the middle of a transfer answers Gone and leaves the bus,
+// while the other frame is still served.
+TEST_F(DriverDbus, FrameUnpluggedMidTransferIsGone) {
+    WatchSignals();
+    TDriver& driver = Start({"--simulate", m_tap, "--fault", "hold:1", "--fault", "vanish:1@2",
+                             "--simulate", m_tap, "--fault", "2:hold:1"});
+    ASSERT_TRUE(Until([&] { return Running(1) && Running(2); })) << driver.Log();
+    const TCall transfer = Call(1, "ReadScanPattern");
+    EXPECT_EQ(transfer.error, "org.irframe.Driver1.Error.Gone") << transfer.message;
+    ASSERT_TRUE(Until([&] { return Signalled("FrameRemoved " + std::string(kRoot)); }));
+    EXPECT_TRUE(Signalled("PropertiesChanged " + FramePath(1) + " State=gone"))
+        << testing::PrintToString(m_signals);
+    EXPECT_EQ(ListFrames(), (std::vector<std::string>{FramePath(2)}));
+    EXPECT_THAT(Call(2, "ReadInfo").text, HasSubstr("bytes"));
+    EXPECT_EQ(driver.Stop(), 0) << driver.Log();
+}
+
+// Verify that a subscriber gets one Contacts signal per polled frame once the script plays,
+// and that an override written through the bus is what the frame then holds.
+TEST_F(DriverDbus, ContactsAfterAnOverride) {
+    WatchSignals();
+    TDriver& driver = Start({"--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return Running(1); })) << driver.Log();
+    EXPECT_FALSE(Signalled("Contacts"));
+    ASSERT_EQ(Call(1, "SubscribeContacts").error, "");
+    const std::string override =
+        R"({"flags":1056517,"option1":255,"option2":0,"option3":0,"value0":2500,"value1":0,)"
+        R"("edgeAdjust":[0,0,0,0]})";
+    const TCall written = Call(1, "WriteOverride", "s", override);
+    // Without a configuration writer the call reports that, after the frame took the write.
+    EXPECT_TRUE(written.error.empty() || written.message.find("JSON writer") != std::string::npos)
+        << written.error << " " << written.message;
+    ASSERT_TRUE(Until([&] { return Signalled("Contacts " + FramePath(1) + " 1:2"); }))
+        << testing::PrintToString(m_signals) << driver.Log();
+    EXPECT_TRUE(Signalled("Contacts " + FramePath(1) + " 1:0"));
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();  // the script played to its end
+}
+
+// Verify the takeover: a later real instance takes the name, the earlier one ends in order
+// with the same lines as on "isWindowExist", and only then does the later one go on.
+TEST_F(DriverDbus, LaterInstanceTakesOver) {
+    TDriver& first = Start({"--claim-bus-name", "--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return !Owner().empty() && Running(1); })) << first.Log();
+    const std::string firstOwner = Owner();
+    TDriver& second = Start({"--claim-bus-name", "--simulate", m_tap, "--fault", "hold:1"});
+    EXPECT_EQ(first.Wait(), 0);
+    EXPECT_THAT(first.Log(), HasSubstr("another instance started: ending this one"));
+    EXPECT_THAT(first.Log(), HasSubstr("closed by the driver"));  // an orderly end
+    ASSERT_TRUE(Until([&] { return Running(1); })) << second.Log();
+    EXPECT_NE(Owner(), firstOwner);
+    EXPECT_EQ(second.Stop(), 0) << second.Log();
+}
+
+// Verify that a dry run neither replaces a real instance nor is replaced by one.
+TEST_F(DriverDbus, DryRunNeitherReplacesNorIsReplaced) {
+    TDriver& real = Start({"--claim-bus-name", "--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return !Owner().empty() && Running(1); })) << real.Log();
+    const std::string realOwner = Owner();
+    TDriver& dry = Start({"--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return dry.Log().find("serves no bus name") != std::string::npos; }))
+        << dry.Log();
+    EXPECT_EQ(Owner(), realOwner);
+    EXPECT_EQ(real.Stop(), 0);
+    EXPECT_EQ(dry.Stop(), 0);
+
+    TDriver& dryFirst = Start({"--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return !Owner().empty() && Running(1); })) << dryFirst.Log();
+    const std::string dryOwner = Owner();
+    TDriver& later = Start({"--claim-bus-name", "--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return later.Log().find("is not replaced") != std::string::npos; }))
+        << later.Log();
+    EXPECT_EQ(Owner(), dryOwner);
+    EXPECT_THAT(dryFirst.Log(), testing::Not(HasSubstr("another instance started")));
+    EXPECT_EQ(later.Stop(), 0);
+    EXPECT_EQ(dryFirst.Stop(), 0);
+}
+
+}  // namespace
