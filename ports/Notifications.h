@@ -2,7 +2,7 @@
 //
 // Distributed notifications reach the other processes of the same user: the single-instance
 // handshake posts "isWindowExist" and observes it. The wake notification comes after the machine
-// resumed from sleep. Linux: an abstract unix socket per user and logind's PrepareForSleep;
+// resumed from sleep. Linux: the driver's name on the session bus and logind's PrepareForSleep;
 // macOS: NSDistributedNotificationCenter and NSWorkspaceDidWakeNotification.
 #pragma once
 

@@ -1,5 +1,5 @@
 // A backend provides the shell's ports for one kind of run: the Linux backend the real
-// platform (udev discovery, the X screen, uinput, the instance channel), the simulation
+// platform (udev discovery, the X screen, uinput, the session bus), the simulation
 // backend the emulated frames and their clock. The driver opens its backends in order; a later
 // one may replace a port that an earlier one filled.
 #pragma once
