@@ -97,8 +97,10 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "primary one")
         ->type_name("NAME");
     app.add_option("--keys", opt.keys,
-                   "Shortcut mapping: 'literal' (Command as Super, the same keys) or 'desktop' "
-                   "(each gesture's shortcut as a Linux desktop binds it)")
+                   "Shortcut mapping: 'safe' (the default: no chord that locks, closes, tiles, "
+                   "launches or reloads; rotations press nothing), 'literal' (Command as Super, "
+                   "the same keys) or 'desktop' (each gesture's shortcut as a Linux desktop "
+                   "binds it)")
         ->type_name("PROFILE");
     app.add_option("--uinput", opt.uinputPath, "The uinput device node")->type_name("PATH");
     app.add_flag("--no-single-instance", opt.noSingleInstance,

@@ -18,7 +18,7 @@ struct DriverOptions {
     bool realtime = false;         // pace emulated frames in real time
     std::string screen;            // WxH or WxH+X+Y given on the command line; empty when not
     std::string display;           // the XRandR output the gestures map into; empty: primary
-    std::string keys = "literal";  // the shortcut profile
+    std::string keys = "safe";     // the shortcut profile
     std::string uinputPath = "/dev/uinput";
     bool noSingleInstance = false;
     std::string logLevel;  // --log-level; empty when not given

@@ -2,6 +2,7 @@
 
 #include "CTouchPointDeal.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/input-event-codes.h>
 
@@ -139,11 +140,256 @@ TEST(EvdevKeyMap, ModifierFlags) {
 }
 
 TEST(EvdevKeyMap, ProfileNames) {
-    EXPECT_EQ(ParseKeyProfile("literal"), TKeyProfile::Literal);
-    EXPECT_EQ(ParseKeyProfile("desktop"), TKeyProfile::Desktop);
+    for (const char* name : KeyProfileNames()) {
+        const auto profile = ParseKeyProfile(name);
+        ASSERT_TRUE(profile.has_value()) << name;
+        EXPECT_STREQ(KeyProfileName(*profile), name);
+    }
+    EXPECT_EQ(KeyProfileNames().size(), 3u);
+    EXPECT_STREQ(KeyProfileNames()[0], KeyProfileName(kDefaultKeyProfile));
     EXPECT_FALSE(ParseKeyProfile("Desktop").has_value());
     EXPECT_FALSE(ParseKeyProfile("").has_value());
-    EXPECT_STREQ(KeyProfileName(TKeyProfile::Desktop), "desktop");
+}
+
+// ---------------------------------------------------------------------------------------------
+// The safe default
+
+// What a chord must not be: it holds all of `modifiers` (either hand's key) and one of `keys`.
+struct TForbidden {
+    const char* what;
+    std::vector<uint16_t> modifiers;
+    std::vector<uint16_t> keys;
+};
+
+const std::vector<TForbidden>& Forbidden() {
+    static const std::vector<TForbidden> list = {
+        {"Super+L (lock)", {KEY_LEFTMETA}, {KEY_L}},
+        {"Super+arrow (tile)", {KEY_LEFTMETA}, {KEY_LEFT, KEY_RIGHT, KEY_UP, KEY_DOWN}},
+        {"Super+digit (launch)", {KEY_LEFTMETA},
+         {KEY_0, KEY_1, KEY_2, KEY_3, KEY_4, KEY_5, KEY_6, KEY_7, KEY_8, KEY_9}},
+        {"Super+D (show desktop)", {KEY_LEFTMETA}, {KEY_D}},
+        {"Ctrl+R (reload)", {KEY_LEFTCTRL}, {KEY_R}},
+        {"Ctrl+Shift+R (reload)", {KEY_LEFTCTRL, KEY_LEFTSHIFT}, {KEY_R}},
+        {"Ctrl+W (close)", {KEY_LEFTCTRL}, {KEY_W}},
+        {"Ctrl+Q (quit)", {KEY_LEFTCTRL}, {KEY_Q}},
+        {"Alt+F4 (close)", {KEY_LEFTALT}, {KEY_F4}},
+        {"Alt+Tab (switch)", {KEY_LEFTALT}, {KEY_TAB}},
+        {"Ctrl+Alt+Delete (log out)", {KEY_LEFTCTRL, KEY_LEFTALT}, {KEY_DELETE}},
+        {"Ctrl+Alt+Backspace (kill X)", {KEY_LEFTCTRL, KEY_LEFTALT}, {KEY_BACKSPACE}},
+    };
+    return list;
+}
+
+uint16_t LeftHand(uint16_t code) {
+    switch (code) {
+        case KEY_RIGHTCTRL: return KEY_LEFTCTRL;
+        case KEY_RIGHTALT: return KEY_LEFTALT;
+        case KEY_RIGHTSHIFT: return KEY_LEFTSHIFT;
+        case KEY_RIGHTMETA: return KEY_LEFTMETA;
+        default: return code;
+    }
+}
+
+// The forbidden chords that the keys a key-down presses make up ("" when none).
+std::string ForbiddenIn(const std::vector<uint16_t>& pressed) {
+    if (pressed.empty()) return "";
+    std::vector<uint16_t> held;
+    for (uint16_t code : pressed) held.push_back(LeftHand(code));
+    const uint16_t key = held.back();
+    held.pop_back();
+    std::string found;
+    for (const TForbidden& f : Forbidden()) {
+        const bool hasModifiers = std::all_of(f.modifiers.begin(), f.modifiers.end(), [&](uint16_t m) {
+            return std::find(held.begin(), held.end(), m) != held.end();
+        });
+        if (hasModifiers && std::find(f.keys.begin(), f.keys.end(), key) != f.keys.end()) {
+            found += std::string(found.empty() ? "" : ", ") + f.what;
+        }
+    }
+    return found;
+}
+
+// The forbidden chords that a key map presses for each gesture, by gesture.
+std::vector<std::string> ForbiddenChords(const CKeyMap& map) {
+    std::vector<std::string> found;
+    for (const TGestureShortcutInfo& info : GestureShortcutTable()) {
+        const auto pressed = map.KeyChanges(TInputEvent::Key(true, info.macKeyCode, info.flags));
+        if (!pressed) {
+            found.push_back(std::string(info.name) + ": no evdev equivalent");
+            continue;
+        }
+        if (const std::string bad = ForbiddenIn(*pressed); !bad.empty()) {
+            found.push_back(std::string(info.name) + ": " + bad);
+        }
+    }
+    return found;
+}
+
+// Verify that no gesture of the default map presses a chord that locks, logs out, tiles or
+// closes windows, launches applications or reloads pages, and that the rotations press nothing.
+TEST(SafeProfile, DefaultPressesNoDangerousChord) {
+    const CKeyMap defaults;
+    EXPECT_EQ(defaults.Profile(), TKeyProfile::Safe);
+    EXPECT_THAT(ForbiddenChords(defaults), testing::IsEmpty());
+    for (TGestureShortcut rotation :
+         {TGestureShortcut::RotateClockwise, TGestureShortcut::RotateAnticlockwise}) {
+        const TGestureShortcutInfo& info = GestureShortcutInfo(rotation);
+        EXPECT_EQ(defaults.KeyChanges(TInputEvent::Key(true, info.macKeyCode, info.flags)),
+                  std::vector<uint16_t>{})
+            << info.name;
+    }
+}
+
+// Verify that the check finds what the older profiles press (so that it can fail at all).
+TEST(SafeProfile, CheckFindsTheOlderProfilesChords) {
+    EXPECT_THAT(ForbiddenChords(TKeyProfile::Literal),
+                testing::IsSupersetOf({"rotate-anticlockwise: Super+L (lock)",
+                                       "swipe-left: Super+arrow (tile)",
+                                       "zoom-toggle-first: Super+digit (launch)"}));
+    EXPECT_THAT(ForbiddenChords(TKeyProfile::Desktop),
+                testing::IsSupersetOf({"rotate-clockwise: Ctrl+R (reload)",
+                                       "rotate-anticlockwise: Ctrl+R (reload), "
+                                       "Ctrl+Shift+R (reload)",
+                                       "four-finger-spread: Super+D (show desktop)"}));
+    EXPECT_EQ(ForbiddenIn({KEY_RIGHTALT, KEY_F4}), "Alt+F4 (close)");
+    EXPECT_EQ(ForbiddenIn({KEY_LEFTCTRL, KEY_RIGHTALT, KEY_BACKSPACE}),
+              "Ctrl+Alt+Backspace (kill X)");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Chord texts
+
+struct TChordCase {
+    const char* text;
+    TEvdevChord chord;
+    const char* canonical;
+};
+
+const TChordCase kChords[] = {
+    {"none", {}, "none"},
+    {" None ", {}, "none"},
+    {"ctrl+alt+left", {{KEY_LEFTCTRL, KEY_LEFTALT}, KEY_LEFT}, "ctrl+alt+left"},
+    {"Alt + Ctrl + Left", {{KEY_LEFTCTRL, KEY_LEFTALT}, KEY_LEFT}, "ctrl+alt+left"},
+    {"meta+f1", {{KEY_LEFTMETA}, KEY_F1}, "super+f1"},
+    {"super+shift+f24", {{KEY_LEFTSHIFT, KEY_LEFTMETA}, KEY_F24}, "shift+super+f24"},
+    {"ctrl+kpplus", {{KEY_LEFTCTRL}, KEY_KPPLUS}, "ctrl+kpplus"},
+    {"ctrl+equal", {{KEY_LEFTCTRL}, KEY_EQUAL}, "ctrl+equal"},
+    {"rightctrl+z", {{KEY_RIGHTCTRL}, KEY_Z}, "rightctrl+z"},
+    {"0", {{}, KEY_0}, "0"},
+    {"super", {{}, KEY_LEFTMETA}, "super"},
+    {"shift+ctrl", {{KEY_LEFTSHIFT}, KEY_LEFTCTRL}, "shift+ctrl"},
+    {"back", {{}, KEY_BACK}, "back"},
+};
+
+class ChordText : public testing::TestWithParam<TChordCase> {};
+
+// Verify that a chord text gives its keys and is written back in one spelling that reads back.
+TEST_P(ChordText, ParsesAndFormats) {
+    const TChordCase& c = GetParam();
+    TEvdevChord chord;
+    std::string error;
+    ASSERT_TRUE(ParseChord(c.text, &chord, &error)) << error;
+    EXPECT_EQ(chord, c.chord);
+    EXPECT_EQ(FormatChord(chord), c.canonical);
+}
+
+INSTANTIATE_TEST_SUITE_P(Valid, ChordText, testing::ValuesIn(kChords));
+
+struct TBadChord {
+    std::string text;
+    const char* message;
+};
+
+class BadChordText : public testing::TestWithParam<TBadChord> {};
+
+// Verify that each mistake is named, and that an unknown name lists the valid ones.
+TEST_P(BadChordText, SaysWhatIsWrong) {
+    const TBadChord& c = GetParam();
+    TEvdevChord chord{{KEY_A}, KEY_B};
+    std::string error;
+    EXPECT_FALSE(ParseChord(c.text, &chord, &error));
+    EXPECT_THAT(error, testing::HasSubstr(c.message));
+    EXPECT_EQ(chord, (TEvdevChord{{KEY_A}, KEY_B})) << "left as it was";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Invalid, BadChordText,
+    testing::Values(
+        TBadChord{"", "empty key name"}, TBadChord{"ctrl++a", "empty key name"},
+        TBadChord{"ctrl+", "empty key name"},
+        TBadChord{"ctrl+hyper", "unknown key name 'hyper' in 'ctrl+hyper'; valid names: ctrl,"},
+        TBadChord{"ctrl+hyper", "a-z, 0-9, f1-f24, left"},
+        TBadChord{"ctrl+f25", "unknown key name 'f25'"},
+        TBadChord{"ctrl+\xff", "unknown key name '\\xff'"},
+        TBadChord{"ctrl+none", "'none' stands alone"},
+        TBadChord{"ctrl+ctrl+a", "key 'ctrl' twice"},
+        TBadChord{"a+ctrl", "'a' is not last"},
+        TBadChord{"a+b", "'a' is not last"},
+        TBadChord{std::string(201, 'a'), "at most 200 characters"}));
+
+// Verify that every key the virtual device declares can be written as a chord and read back,
+// so that any chord a profile presses can be printed into a configuration.
+TEST(ChordText, EveryDeclaredKeyHasAName) {
+    for (uint16_t code : AllEvdevKeys()) {
+        const TEvdevChord chord{{KEY_LEFTCTRL}, code};
+        TEvdevChord back;
+        std::string error;
+        if (code == KEY_LEFTCTRL) continue;
+        ASSERT_TRUE(ParseChord(FormatChord(chord), &back, &error))
+            << EvdevKeyName(code) << ": " << error;
+        EXPECT_EQ(back, chord) << EvdevKeyName(code);
+    }
+    EXPECT_EQ(EvdevKeyName(KEY_LEFTCTRL), "KEY_LEFTCTRL");
+}
+
+// ---------------------------------------------------------------------------------------------
+// The user's chords
+
+// Verify that a chord given for a named shortcut replaces the profile's for that shortcut only,
+// and decides what a key-down presses and a key-up releases.
+TEST(KeyMap, UserChordsReplaceTheProfiles) {
+    TShortcutOverrides overrides;
+    overrides[static_cast<size_t>(TGestureShortcut::FourFingerLeft)] = "super+pagedown";
+    overrides[static_cast<size_t>(TGestureShortcut::SwipeLeft)] = "none";
+    std::string error;
+    const auto map = CKeyMap::Make(TKeyProfile::Desktop, overrides, &error);
+    ASSERT_TRUE(map.has_value()) << error;
+
+    const uint16_t right = CTouchPointDeal::keyCodeForKeyString("RIGHT");
+    EXPECT_EQ(map->KeyChanges(TInputEvent::Key(true, right, kMacFlagControl)),
+              (std::vector<uint16_t>{KEY_LEFTMETA, KEY_PAGEDOWN}));
+    EXPECT_EQ(map->KeyChanges(TInputEvent::Key(false, right, kMacFlagControl)),
+              (std::vector<uint16_t>{KEY_PAGEDOWN, KEY_LEFTMETA}));
+    EXPECT_EQ(map->KeyNames(TInputEvent::Key(true, right, kMacFlagControl)),
+              (std::vector<std::string>{"KEY_LEFTMETA", "KEY_PAGEDOWN"}));
+    EXPECT_EQ(map->KeyChanges(TInputEvent::Key(true, right, kMacFlagCommand)),
+              std::vector<uint16_t>{});
+    // Untouched: the desktop profile's chord; not a key event or no key: nothing.
+    EXPECT_EQ(map->ChordOf(TGestureShortcut::Pinch),
+              ProfileChord(TKeyProfile::Desktop, TGestureShortcut::Pinch));
+    EXPECT_FALSE(map->KeyChanges(TInputEvent::Scroll(50)).has_value());
+    EXPECT_FALSE(map->KeyChanges(TInputEvent::Key(true, 0xFFFF, kMacFlagCommand)).has_value());
+    EXPECT_TRUE(map->KeyNames(TInputEvent::Scroll(50)).empty());
+
+    overrides[static_cast<size_t>(TGestureShortcut::Spread)] = "ctrl+plus";
+    EXPECT_FALSE(CKeyMap::Make(TKeyProfile::Safe, overrides, &error).has_value());
+    EXPECT_THAT(error, testing::StartsWith("spread: unknown key name 'plus'"));
+}
+
+// Verify that the safe table names every shortcut once and the virtual device declares its keys.
+TEST(SafeProfile, TableCoversEveryShortcut) {
+    std::vector<TGestureShortcut> seen;
+    const std::vector<uint16_t> declared = AllEvdevKeys();
+    for (const TSafeShortcut& entry : SafeShortcutTable()) {
+        seen.push_back(entry.shortcut);
+        EXPECT_EQ(ProfileChord(TKeyProfile::Safe, entry.shortcut), entry.chord);
+        for (uint16_t m : entry.chord.modifiers) {
+            EXPECT_TRUE(std::binary_search(declared.begin(), declared.end(), m));
+        }
+    }
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(std::unique(seen.begin(), seen.end()), seen.end());
+    EXPECT_EQ(seen.size(), kGestureShortcutCount);
 }
 
 }  // namespace

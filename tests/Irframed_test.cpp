@@ -403,7 +403,7 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         {{"--simulate", tap, "--screen", "wide"}, 2, "is not WIDTHxHEIGHT"},
         {{"--simulate", tap, "--screen", "1920x1080+10"}, 2, "is not WIDTHxHEIGHT"},
         {{"--simulate", tap, "--display", "HDMI-1"}, 2, "'HDMI-1' cannot be looked up"},
-        {{"--simulate", tap, "--keys", "emacs"}, 2, "use 'literal' or 'desktop'"},
+        {{"--simulate", tap, "--keys", "emacs"}, 2, "use 'safe', 'literal' or 'desktop'"},
         {{"--simulate", m_dir + "/missing"}, 1, "cannot read gesture script"},
         {{"--simulate", bad}, 2, "line 2"},
         {{"--simulate", tap, "--fault", "2:poll:6"}, 2, "with N a simulated frame (1..1)"},

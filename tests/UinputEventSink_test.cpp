@@ -3,6 +3,7 @@
 #include "CTouchPointDeal.h"
 
 #include <gtest/gtest.h>
+#include <libevdev/libevdev.h>
 #include <linux/input.h>
 
 #include <cerrno>
@@ -120,6 +121,44 @@ TEST(EvdevTranslator, ShortcutDownAndUp) {
                                         {EV_KEY, KEY_LEFTCTRL, 0}, kSyn}));
     // The name table's unknown code posts nothing.
     EXPECT_TRUE(t.Translate(TInputEvent::Key(true, 0xFFFF, kMacFlagCommand)).empty());
+}
+
+// Verify that the device changes exactly the keys that the dry run names, in that order, for
+// every gesture's shortcut in every profile and with a user's chord, and nothing for none.
+TEST(EvdevTranslator, PressesWhatTheDryRunShows) {
+    TShortcutOverrides overrides;
+    overrides[static_cast<size_t>(TGestureShortcut::BorderSwipe)] = "shift+alt+ctrl+f13";
+    overrides[static_cast<size_t>(TGestureShortcut::Pinch)] = "none";
+    std::string error;
+    const auto custom = CKeyMap::Make(TKeyProfile::Safe, overrides, &error);
+    ASSERT_TRUE(custom.has_value()) << error;
+    std::vector<CKeyMap> maps = {*custom};
+    for (const char* name : KeyProfileNames()) maps.emplace_back(*ParseKeyProfile(name));
+
+    size_t pressed = 0;
+    for (const CKeyMap& map : maps) {
+        CEvdevTranslator t(Screen(1920, 1080), map);
+        for (const TGestureShortcutInfo& info : GestureShortcutTable()) {
+            for (bool down : {true, false}) {
+                const TInputEvent event = TInputEvent::Key(down, info.macKeyCode, info.flags);
+                std::vector<std::string> changed;
+                for (const TEvdevEvent& e : t.Translate(event)) {
+                    if (e.type == EV_SYN) continue;
+                    EXPECT_EQ(e.type, EV_KEY);
+                    EXPECT_EQ(e.value, down ? 1 : 0);
+                    changed.push_back(libevdev_event_code_get_name(EV_KEY, e.code));
+                }
+                EXPECT_EQ(changed, map.KeyNames(event))
+                    << KeyProfileName(map.Profile()) << " " << info.name;
+                pressed += changed.size();
+            }
+        }
+    }
+    EXPECT_GT(pressed, 0u);
+    const TGestureShortcutInfo& border = GestureShortcutInfo(TGestureShortcut::BorderSwipe);
+    EXPECT_EQ(custom->KeyNames(TInputEvent::Key(true, border.macKeyCode, border.flags)),
+              (std::vector<std::string>{"KEY_LEFTCTRL", "KEY_LEFTALT", "KEY_LEFTSHIFT",
+                                        "KEY_F13"}));
 }
 
 // Verify the wheel: hi-res units for every scroll, a whole detent once 120 of them added up,

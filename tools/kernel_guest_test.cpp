@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "EvdevExpectation.h"
+#include "EvdevKeyMap.h"
 #include "GestureScript.h"
 #include "MtDevCtrlInterface.h"
 #include "MtEmuUhidFrame.h"
@@ -827,7 +828,7 @@ TResult CaseScroll(TContext& ctx) {
 }
 
 // Four fingers sweeping 1000 units together post their crossed Control-arrow once per touch;
-// the literal key profile presses Left Ctrl, then the arrow, and releases in reverse.
+// the default key profile presses its chord for that sweep, then releases it in reverse.
 std::string FourFingerSweep(int dx, int dy) {
     const int start[4][2] = {{10000, 10000}, {14000, 10000}, {10000, 14000}, {14000, 14000}};
     std::string down = "down", move = "move", up = "up";
@@ -843,14 +844,15 @@ std::string FourFingerSweep(int dx, int dy) {
 TResult CaseSwipe(TContext& ctx) {
     Settle(ctx);
     CEvdevExpectation expect = ctx.reader->Expectation();
-    expect.Chord({KEY_LEFTCTRL}, KEY_RIGHT);
+    const TEvdevChord chord = ProfileChord(kDefaultKeyProfile, TGestureShortcut::FourFingerLeft);
+    expect.Chord(chord.modifiers, chord.key);
     std::vector<TEvPacket> seen;
     std::string why;
     if (!PlayAndCollect(ctx, *ctx.c, FourFingerSweep(-1000, 0), expect.Packets().size(), &seen,
                         &why)) {
         return Fail(why);
     }
-    return Judge(expect, seen, "four fingers left: KEY_LEFTCTRL + KEY_RIGHT pressed, released");
+    return Judge(expect, seen, "four fingers left: " + FormatChord(chord) + " pressed, released");
 }
 
 // The frame goes while a finger holds the button down: the driver releases it (at 0, 0), forgets
@@ -924,7 +926,8 @@ TResult CaseTwoFrames(TContext& ctx) {
     CEvdevExpectation wheel = ctx.reader->Expectation();
     wheel.Wheel(120, 1).Wheel(-120, -1);
     CEvdevExpectation keys = ctx.reader->Expectation();
-    keys.Chord({KEY_LEFTCTRL}, KEY_UP);
+    const TEvdevChord up = ProfileChord(kDefaultKeyProfile, TGestureShortcut::FourFingerUp);
+    keys.Chord(up.modifiers, up.key);
 
     CGestureScript scroll, sweep;
     std::string why;
@@ -952,8 +955,8 @@ TResult CaseTwoFrames(TContext& ctx) {
         return Fail("expected " + Str(static_cast<int64_t>(total)) + " reports in all, saw " +
                     Str(static_cast<int64_t>(seen.size())));
     }
-    return Pass("frame D: REL_WHEEL +1 then -1; frame E: KEY_LEFTCTRL + KEY_UP; interleaved, "
-                "each whole");
+    return Pass("frame D: REL_WHEEL +1 then -1; frame E: " + FormatChord(up) +
+                "; interleaved, each whole");
 }
 
 // A frame that stops answering: six polls in a row time out, its worker closes it and ends;

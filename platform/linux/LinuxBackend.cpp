@@ -22,7 +22,7 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     }
     const std::optional<TKeyProfile> profile = ParseKeyProfile(m_options.keys);
     if (!profile) {
-        *failure = {2, "--keys '" + m_options.keys + "': use 'literal' or 'desktop'"};
+        *failure = {2, "--keys '" + m_options.keys + "': use 'safe', 'literal' or 'desktop'"};
         return false;
     }
 

@@ -79,24 +79,14 @@ std::vector<TEvdevEvent> CEvdevTranslator::Translate(const TInputEvent& event) {
         }
         case TInputEventType::KeyDown:
         case TInputEventType::KeyUp: {
-            const auto chord = TranslateShortcut(m_profile, event.keyCode, event.flags);
-            if (!chord) break;
+            const auto keys = m_keys.KeyChanges(event);
+            if (!keys) break;
             // One key per report: some clients take a modifier and its key in one report in
             // either order.
-            if (event.type == TInputEventType::KeyDown) {
-                for (uint16_t modifier : chord->modifiers) {
-                    Add(&out, EV_KEY, modifier, 1);
-                    Sync(&out);
-                }
-                Add(&out, EV_KEY, chord->key, 1);
+            const int32_t value = event.type == TInputEventType::KeyDown ? 1 : 0;
+            for (uint16_t key : *keys) {
+                Add(&out, EV_KEY, key, value);
                 Sync(&out);
-            } else {
-                Add(&out, EV_KEY, chord->key, 0);
-                Sync(&out);
-                for (auto it = chord->modifiers.rbegin(); it != chord->modifiers.rend(); ++it) {
-                    Add(&out, EV_KEY, *it, 0);
-                    Sync(&out);
-                }
             }
             break;
         }
@@ -137,9 +127,10 @@ std::string DescribeUinputError(const std::string& path, const char* stage, int 
 
 std::unique_ptr<CUinputEventSink> CUinputEventSink::Create(const std::string& path,
                                                            TDisplayGeometry geometry,
-                                                           TKeyProfile profile,
+                                                           CKeyMap keys,
                                                            std::string* error) {
-    std::unique_ptr<CUinputEventSink> sink(new CUinputEventSink(std::move(geometry), profile));
+    std::unique_ptr<CUinputEventSink> sink(
+        new CUinputEventSink(std::move(geometry), std::move(keys)));
     sink->m_fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (sink->m_fd < 0) {
         if (error != nullptr) *error = DescribeUinputError(path, "open", errno);
@@ -180,6 +171,7 @@ void CUinputEventSink::Post(const TInputEvent& event) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const std::vector<TEvdevEvent> events = m_translator.Translate(event);
     if (events.empty()) {
+        if (m_translator.Keys().KeyChanges(event)) return;  // a shortcut mapped to none
         TLog(TLogLevel::Debug, "uinput: no evdev equivalent for %s",
              DescribeInputEvent(event).c_str());
         return;

@@ -29,11 +29,12 @@ inline constexpr int32_t kHiResPerDetent = 120;
 
 class CEvdevTranslator {
 public:
-    CEvdevTranslator(TDisplayGeometry geometry, TKeyProfile profile)
-        : m_geometry(std::move(geometry)), m_profile(profile) {}
+    CEvdevTranslator(TDisplayGeometry geometry, CKeyMap keys)
+        : m_geometry(std::move(geometry)), m_keys(std::move(keys)) {}
 
     // The evdev events of one synthetic event, each group ended by a SYN_REPORT; empty when the
-    // event has no equivalent (a key code without an evdev key).
+    // event has no equivalent (a key code without an evdev key) or is a shortcut mapped to none.
+    // A key event changes exactly the keys of CKeyMap::KeyChanges, which the dry run shows.
     std::vector<TEvdevEvent> Translate(const TInputEvent& event);
 
     // A screen point to the absolute axis: offset by the main screen's place on the desktop,
@@ -41,12 +42,14 @@ public:
     int32_t AbsoluteX(double x) const;
     int32_t AbsoluteY(double y) const;
 
+    const CKeyMap& Keys() const { return m_keys; }
+
 private:
     void Wheel(std::vector<TEvdevEvent>* out, int32_t pixels, uint16_t hiResCode, uint16_t code,
                int32_t* remainder);
 
     TDisplayGeometry m_geometry;
-    TKeyProfile m_profile;
+    CKeyMap m_keys;
     // Hi-res units not yet given out as whole detents, per wheel.
     int32_t m_verticalRemainder = 0;
     int32_t m_horizontalRemainder = 0;
@@ -61,7 +64,7 @@ public:
     // Makes the virtual device on `path` (normally /dev/uinput). Null with `error` holding one
     // line of advice when that fails.
     static std::unique_ptr<CUinputEventSink> Create(const std::string& path,
-                                                    TDisplayGeometry geometry, TKeyProfile profile,
+                                                    TDisplayGeometry geometry, CKeyMap keys,
                                                     std::string* error);
     ~CUinputEventSink() override;
 
@@ -70,8 +73,8 @@ public:
     std::string DeviceNode() const;
 
 private:
-    CUinputEventSink(TDisplayGeometry geometry, TKeyProfile profile)
-        : m_translator(std::move(geometry), profile) {}
+    CUinputEventSink(TDisplayGeometry geometry, CKeyMap keys)
+        : m_translator(std::move(geometry), std::move(keys)) {}
 
     std::mutex m_mutex;
     CEvdevTranslator m_translator;  // guarded by m_mutex (it keeps the wheel remainders)
