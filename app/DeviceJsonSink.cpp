@@ -14,8 +14,9 @@ void CJsonLinesWriter::WriteLine(const std::string& line) {
     if (m_failed) m_failed(errno != 0 ? errno : EIO);
 }
 
-std::string CDeviceJsonSink::ToJsonLine(const TInputEvent& event, int deviceNumber) {
-    const std::string fields = CJsonLinesEventSink::ToJsonLine(event);
+std::string CDeviceJsonSink::ToJsonLine(const TInputEvent& event, int deviceNumber,
+                                        const TKeyNamer& linuxKeys) {
+    const std::string fields = CJsonLinesEventSink::ToJsonLine(event, linuxKeys);
     std::string line = "{\"device\":" + std::to_string(deviceNumber);
     // The event's own object, opened by its brace: splice its members in after ours.
     if (fields.size() > 2 && fields.front() == '{') {
@@ -28,5 +29,5 @@ std::string CDeviceJsonSink::ToJsonLine(const TInputEvent& event, int deviceNumb
 }
 
 void CDeviceJsonSink::Post(const TInputEvent& event) {
-    m_writer.WriteLine(ToJsonLine(event, m_deviceNumber));
+    m_writer.WriteLine(ToJsonLine(event, m_deviceNumber, m_linuxKeys));
 }

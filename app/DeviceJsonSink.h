@@ -1,7 +1,7 @@
 // The dry-run output: one JSON object per event and line, with the number of the device that
 // posted it first ({"device":2,...}); the other fields are CJsonLinesEventSink's. Devices count
 // from 1 in the order the driver found them. Lines of all devices go to one stream, whole and
-// in the order they were posted.
+// in the order they were posted. With a key namer, key lines end with "linuxKeys".
 #pragma once
 
 #include <functional>
@@ -29,13 +29,15 @@ private:
 
 class CDeviceJsonSink final : public CEventSink {
 public:
-    CDeviceJsonSink(CJsonLinesWriter& writer, int deviceNumber)
-        : m_writer(writer), m_deviceNumber(deviceNumber) {}
+    CDeviceJsonSink(CJsonLinesWriter& writer, int deviceNumber, TKeyNamer linuxKeys = {})
+        : m_writer(writer), m_deviceNumber(deviceNumber), m_linuxKeys(std::move(linuxKeys)) {}
     void Post(const TInputEvent& event) override;
 
-    static std::string ToJsonLine(const TInputEvent& event, int deviceNumber);
+    static std::string ToJsonLine(const TInputEvent& event, int deviceNumber,
+                                  const TKeyNamer& linuxKeys = {});
 
 private:
     CJsonLinesWriter& m_writer;
     const int m_deviceNumber;
+    const TKeyNamer m_linuxKeys;
 };

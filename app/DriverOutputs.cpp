@@ -35,9 +35,12 @@ bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
         out = &m_file;
     }
     m_writer = std::make_unique<CJsonLinesWriter>(*out, [this](int error) { WriteFailed(error); });
+    // The key namer is read when a frame's sink is made: a later backend gives it.
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {
         std::unique_ptr<CDeviceJsonSink>& sink = m_jsonSinks[deviceNumber];
-        if (!sink) sink = std::make_unique<CDeviceJsonSink>(*m_writer, deviceNumber);
+        if (!sink) {
+            sink = std::make_unique<CDeviceJsonSink>(*m_writer, deviceNumber, m_ports->keyNamer);
+        }
         return sink.get();
     };
     return true;

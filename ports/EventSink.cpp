@@ -115,7 +115,7 @@ size_t CRecordingEventSink::Count() const {
     return m_events.size();
 }
 
-std::string CJsonLinesEventSink::ToJsonLine(const TInputEvent& e) {
+std::string CJsonLinesEventSink::ToJsonLine(const TInputEvent& e, const TKeyNamer& linuxKeys) {
     nlohmann::ordered_json j;
     j["type"] = InputEventTypeName(e.type);
     j["tap"] = TapName(e.tap);
@@ -133,11 +133,14 @@ std::string CJsonLinesEventSink::ToJsonLine(const TInputEvent& e) {
         j["keyCode"] = e.keyCode;
     }
     j["flags"] = e.flags;
+    // Last, so that every other member keeps its place.
+    const bool key = e.type == TInputEventType::KeyDown || e.type == TInputEventType::KeyUp;
+    if (key && linuxKeys) j["linuxKeys"] = linuxKeys(e);
     return j.dump();
 }
 
 void CJsonLinesEventSink::Post(const TInputEvent& event) {
-    const std::string line = ToJsonLine(event);
+    const std::string line = ToJsonLine(event, m_linuxKeys);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_out << line << '\n';
     m_out.flush();

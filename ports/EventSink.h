@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <mutex>
 #include <string>
@@ -94,16 +95,24 @@ private:
     std::vector<TInputEvent> m_events;
 };
 
+// The names of the keys that the platform's sink changes for a key event, in order (evdev names
+// on Linux: "KEY_LEFTCTRL"); empty for a shortcut that presses nothing. Must be safe to call
+// from several threads.
+using TKeyNamer = std::function<std::vector<std::string>(const TInputEvent&)>;
+
 // Writes one JSON object per event and line, flushed per line. The stream must outlive the sink.
 class CJsonLinesEventSink final : public CEventSink {
 public:
-    explicit CJsonLinesEventSink(std::ostream& out) : m_out(out) {}
+    explicit CJsonLinesEventSink(std::ostream& out, TKeyNamer linuxKeys = {})
+        : m_out(out), m_linuxKeys(std::move(linuxKeys)) {}
     void Post(const TInputEvent& event) override;
 
-    // The line written for one event, without the newline.
-    static std::string ToJsonLine(const TInputEvent& event);
+    // The line written for one event, without the newline. With a key namer, key events end
+    // with a "linuxKeys" member: the names it gives.
+    static std::string ToJsonLine(const TInputEvent& event, const TKeyNamer& linuxKeys = {});
 
 private:
     std::mutex m_mutex;
     std::ostream& m_out;
+    const TKeyNamer m_linuxKeys;
 };

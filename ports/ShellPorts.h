@@ -21,6 +21,9 @@ struct TShellPorts {
     // The sink of a frame's gesture events, by frame number; null (or no function): events
     // dropped. Main thread.
     std::function<CEventSink*(int deviceNumber)> sinkForDevice;
+    // The names of the keys the platform's input device presses for a key event, for the dry
+    // run's "linuxKeys"; empty when the platform has none to tell. Any thread.
+    TKeyNamer keyNamer;
     // Contact listeners of a frame besides the gestures (touchscreen, TUIO, monitors), by frame
     // number; none when empty. Main thread; the listeners are then called on the worker.
     std::function<std::vector<IContactListener*>(int deviceNumber)> contactListeners;

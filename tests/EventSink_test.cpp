@@ -27,6 +27,29 @@ TEST(JsonLinesEventSink, FieldsPerKind) {
               R"({"type":"scrollWheel","tap":"hid","unit":"pixel","wheelCount":2,"wheel1":-37,"wheel2":0,"flags":0})");
 }
 
+// Verify that a key namer adds "linuxKeys" after every other member of key lines only, and that
+// the other members stay as they are.
+TEST(JsonLinesEventSink, LinuxKeysEndKeyLines) {
+    const TKeyNamer namer = [](const TInputEvent& e) {
+        return e.keyCode == 29 ? std::vector<std::string>{"KEY_LEFTCTRL", "KEY_0"}
+                               : std::vector<std::string>{};
+    };
+    EXPECT_EQ(CJsonLinesEventSink::ToJsonLine(TInputEvent::Key(true, 29, EVENT_FLAG_COMMAND), namer),
+              R"({"type":"keyDown","tap":"session","keyCode":29,"flags":1048576,"linuxKeys":["KEY_LEFTCTRL","KEY_0"]})");
+    EXPECT_EQ(CJsonLinesEventSink::ToJsonLine(TInputEvent::Key(false, 15, EVENT_FLAG_COMMAND), namer),
+              R"({"type":"keyUp","tap":"session","keyCode":15,"flags":1048576,"linuxKeys":[]})");
+    const TInputEvent others[] = {
+        TInputEvent::Mouse(TInputEventType::LeftMouseDown, 12.5, 40.0, EVENT_FLAG_SECONDARY_FN, 1),
+        TInputEvent::Scroll(-37)};
+    for (const TInputEvent& e : others) {
+        EXPECT_EQ(CJsonLinesEventSink::ToJsonLine(e, namer), CJsonLinesEventSink::ToJsonLine(e));
+    }
+    std::ostringstream out;
+    CJsonLinesEventSink sink(out, namer);
+    sink.Post(TInputEvent::Key(true, 29, EVENT_FLAG_COMMAND));
+    EXPECT_NE(out.str().find(R"("linuxKeys":["KEY_LEFTCTRL","KEY_0"]})"), std::string::npos);
+}
+
 // Verify that the sink writes one parseable object per line, in order, with full precision.
 TEST(JsonLinesEventSink, OneObjectPerLine) {
     std::ostringstream out;

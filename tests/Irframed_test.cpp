@@ -33,6 +33,7 @@ using Lines = std::vector<std::string>;
 struct TRun {
     int status = -1;  // exit status, or -1 when it did not exit normally
     Lines events;     // each JSON line in short form (see Short)
+    Lines linuxKeys;  // the "linuxKeys" member of each key line, as JSON
     Lines log;        // standard error, line by line
     std::string logText;
 };
@@ -161,6 +162,7 @@ protected:
                 continue;
             }
             run.events.push_back(Short(e));
+            if (e.contains("linuxKeys")) run.linuxKeys.push_back(e["linuxKeys"].dump());
         }
         return run;
     }
@@ -230,6 +232,29 @@ TEST_F(Irframed, TwoFingerZoomAndRotation) {
     }
     const TRun rotate = Run({"--simulate", Script("rotate", orbit + "up 1, 2\n")});
     EXPECT_THAT(rotate.events, ElementsAre("keyDown 15 cmd", "keyUp 15 cmd"));  // Command-r
+}
+
+// Verify that the dry run shows what the uinput device would press: the gesture posts the same
+// shortcut under every profile, and only "linuxKeys" tells them apart.
+TEST_F(Irframed, DryRunShowsTheKeysOfEachProfile) {
+    std::string orbit = "down 1 16000 16000, 2 20698 17710\n";
+    for (int a = 25; a <= 80; a += 5) {
+        const double rad = a * M_PI / 180.0;
+        orbit += "move 2 " + std::to_string(std::lround(16000 + 5000 * std::cos(rad))) + " " +
+                 std::to_string(std::lround(16000 + 5000 * std::sin(rad))) + " in 1\n";
+    }
+    const std::string rotate = Script("rotate", orbit + "up 1, 2\n");
+    const TRun byDefault = Run({"--simulate", rotate});
+    const TRun desktop = Run({"--simulate", rotate, "--keys", "desktop"});
+    const TRun literal = Run({"--simulate", rotate, "--keys", "literal"});
+    for (const TRun* run : {&byDefault, &desktop, &literal}) {
+        EXPECT_THAT(run->events, ElementsAre("keyDown 15 cmd", "keyUp 15 cmd"));
+    }
+    EXPECT_THAT(byDefault.linuxKeys, ElementsAre("[]", "[]"));
+    EXPECT_THAT(desktop.linuxKeys, ElementsAre(R"(["KEY_LEFTCTRL","KEY_R"])",
+                                               R"(["KEY_R","KEY_LEFTCTRL"])"));
+    EXPECT_THAT(literal.linuxKeys, ElementsAre(R"(["KEY_LEFTMETA","KEY_R"])",
+                                               R"(["KEY_R","KEY_LEFTMETA"])"));
 }
 
 // Verify that two fingers resting a moment, moving less than a gesture needs, right-click at the midpoint of where they landed.

@@ -44,8 +44,13 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     ports->screen = m_screen.get();
 
     ports->gestures = m_options.gestures;
+    // One key map: what the uinput device presses is what the dry run shows.
+    m_keys = std::make_unique<const CKeyMap>(*profile);
+    ports->keyNamer = [keys = m_keys.get()](const TInputEvent& event) {
+        return keys->KeyNames(event);
+    };
     if (!m_options.dryRun && m_options.gestures) {
-        m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *profile, &error);
+        m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *m_keys, &error);
         if (!m_uinput) {
             *failure = {1, error};
             return false;

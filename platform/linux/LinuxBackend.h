@@ -43,6 +43,7 @@ private:
     std::unique_ptr<CBusNameClaim> m_claim;
     std::unique_ptr<CDbusDriverService> m_service;
     std::unique_ptr<CLinuxScreen> m_screen;
+    std::unique_ptr<const CKeyMap> m_keys;  // immutable; the dry run's key namer reads it
     std::unique_ptr<CUinputEventSink> m_uinput;
     std::unique_ptr<CUdevHidManagerFactory> m_udev;
     std::unique_ptr<CLinuxNotificationCenter> m_notifications;
