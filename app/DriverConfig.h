@@ -1,0 +1,89 @@
+// The driver's configuration file, in TOML:
+//
+//   log_level = "info"                 # error, warning, info, debug
+//   [screen]
+//   size = "1920x1080"                 # as --screen takes it (+X+Y too); "" for not set
+//   output = "HDMI-1"                  # the XRandR output, as --display; "" for the primary
+//   [keys]
+//   profile = "safe"                   # a key profile
+//   [shortcuts]
+//   rotate-clockwise = "none"          # a chord per named gesture shortcut
+//   four-finger-left = "ctrl+alt+right"
+//
+// Every key is optional. An unknown key, a value of the wrong type or out of range is an error
+// that names file:line:column and lists what is valid. Sections are declared in one table of
+// known keys (DriverConfig.cpp); a new one is a field here and a few rows there.
+//
+// Where it is read from: --config FILE, else $XDG_CONFIG_HOME/irframe/irframe.toml (default
+// ~/.config/irframe/irframe.toml), else /etc/irframe/irframe.toml, else built-in defaults.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ConfigChecks.h"
+#include "GestureShortcuts.h"
+
+// A configuration file larger than this is refused unread.
+inline constexpr size_t kMaxConfigBytes = 1 << 20;
+
+// The log levels, least verbose first.
+inline constexpr std::array<const char*, 4> kConfigLogLevels = {"error", "warning", "info",
+                                                                "debug"};
+
+struct TDriverConfig {
+    std::string logLevel = "info";
+    std::string screenSize;    // "WxH" or "WxH+X+Y"; empty: not set
+    std::string screenOutput;  // an XRandR output's name; empty: not set (the primary)
+    std::string keyProfile;    // one of TConfigChecks::keyProfiles
+    TShortcutOverrides shortcuts;  // the file's chord per named shortcut, in one spelling
+
+    bool operator==(const TDriverConfig&) const = default;
+};
+
+// The configuration without a file: the default profile.
+TDriverConfig DefaultDriverConfig(const TConfigChecks& checks);
+
+// Reads configuration text over `config` (which starts as the defaults). `name` is the file's
+// name in messages. On error returns false with one line "name:line:column: what is wrong";
+// `config` is then left as it was.
+bool ParseDriverConfig(std::string_view text, const std::string& name, const TConfigChecks& checks,
+                       TDriverConfig* config, std::string* error);
+
+// Reads a configuration file: a regular file of at most kMaxConfigBytes of UTF-8 TOML. On error
+// returns false with one line naming the file and what to do.
+bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
+                          TDriverConfig* config, std::string* error);
+
+// What decides where the configuration is read from.
+struct TConfigEnvironment {
+    std::string explicitPath;                 // --config FILE; empty when not given
+    std::optional<std::string> xdgConfigHome;  // $XDG_CONFIG_HOME
+    std::optional<std::string> home;           // $HOME
+    std::string systemDir = "/etc";
+    std::function<bool(const std::string& path)> exists;  // anything at the path
+};
+
+// The process's environment and file system.
+TConfigEnvironment ProcessConfigEnvironment(std::string explicitPath);
+
+// The file to read: --config's, else the first of the user's and the system's that exists;
+// empty when there is none (built-in defaults).
+std::string FindConfigFile(const TConfigEnvironment& environment);
+
+// Finds and reads the configuration. `source` is set to the file read, or empty for the
+// built-in defaults.
+bool LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
+                      TDriverConfig* config, std::string* source, std::string* error);
+
+// The chord in force for each named shortcut: the file's, else the profile's.
+std::array<std::string, kGestureShortcutCount> EffectiveShortcuts(const TDriverConfig& config,
+                                                                  const TConfigChecks& checks);
+
+// The configuration in force as TOML, defaults included, with a comment per key. Every shortcut
+// is written with the chord in force, so reading it back gives the same effective configuration.
+std::string PrintConfig(const TDriverConfig& config, const TConfigChecks& checks);

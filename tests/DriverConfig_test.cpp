@@ -1,0 +1,323 @@
+#include "DriverConfig.h"
+
+#include "LinuxConfigChecks.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <set>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const TConfigChecks& Checks() {
+    static const TConfigChecks checks = LinuxConfigChecks();
+    return checks;
+}
+
+size_t Index(TGestureShortcut shortcut) { return static_cast<size_t>(shortcut); }
+
+bool Parse(const std::string& text, TDriverConfig* config, std::string* error) {
+    return ParseDriverConfig(text, "irframe.toml", Checks(), config, error);
+}
+
+// Verify that a file that says everything gives every field, in one spelling per chord.
+TEST(DriverConfig, ReadsEverySection) {
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    std::string error;
+    ASSERT_TRUE(Parse("log_level = \"debug\"\n"
+                      "[screen]\nsize = \"1280x800\"\noutput = \"HDMI-1\"\n"
+                      "[keys]\nprofile = \"desktop\"\n"
+                      "[shortcuts]\nrotate-clockwise = \"Alt + Ctrl + Left\"\n"
+                      "four-finger-spread = \"none\"\n",
+                      &config, &error))
+        << error;
+    TDriverConfig expected = DefaultDriverConfig(Checks());
+    expected.logLevel = "debug";
+    expected.screenSize = "1280x800";
+    expected.screenOutput = "HDMI-1";
+    expected.keyProfile = "desktop";
+    expected.shortcuts[Index(TGestureShortcut::RotateClockwise)] = "ctrl+alt+left";
+    expected.shortcuts[Index(TGestureShortcut::FourFingerSpread)] = "none";
+    EXPECT_EQ(config, expected);
+
+    const auto chords = EffectiveShortcuts(config, Checks());
+    EXPECT_EQ(chords[Index(TGestureShortcut::RotateClockwise)], "ctrl+alt+left");
+    EXPECT_EQ(chords[Index(TGestureShortcut::RotateAnticlockwise)], "ctrl+shift+r");  // desktop's
+}
+
+// Verify that an empty file is the defaults: the default profile, level info, nothing else set.
+TEST(DriverConfig, EmptyFileIsTheDefaults) {
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    std::string error;
+    ASSERT_TRUE(Parse("# nothing\n", &config, &error)) << error;
+    EXPECT_EQ(config, DefaultDriverConfig(Checks()));
+    EXPECT_EQ(config.keyProfile, "safe");
+    EXPECT_EQ(config.logLevel, "info");
+}
+
+struct TErrorCase {
+    std::string text;
+    std::string message;  // the whole line; "..." stands for any text
+};
+
+void PrintTo(const TErrorCase& c, std::ostream* out) { *out << testing::PrintToString(c.text); }
+
+class ConfigError : public testing::TestWithParam<TErrorCase> {};
+
+// Verify that each mistake gives one line with the file, line and column, what is wrong and
+// what is valid, and that the configuration is left as it was.
+TEST_P(ConfigError, NamesPlaceAndRemedy) {
+    const TErrorCase& c = GetParam();
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    config.logLevel = "warning";
+    const TDriverConfig before = config;
+    std::string error;
+    EXPECT_FALSE(Parse(c.text, &config, &error));
+    if (const size_t dots = c.message.find("..."); dots != std::string::npos) {
+        EXPECT_THAT(error, StartsWith(c.message.substr(0, dots)));
+        EXPECT_THAT(error, testing::EndsWith(c.message.substr(dots + 3)));
+    } else {
+        EXPECT_EQ(error, c.message);
+    }
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+    EXPECT_EQ(config, before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryKind, ConfigError,
+    testing::Values(
+        TErrorCase{"loglevel = \"info\"\n",
+                   "irframe.toml:1:1: unknown key \"loglevel\"; valid keys: log_level, [screen], "
+                   "[keys], [shortcuts]"},
+        TErrorCase{"[screen]\nsise = \"1x1\"\n",
+                   "irframe.toml:2:1: unknown key \"sise\" in [screen]; valid keys: size, output"},
+        TErrorCase{"[display]\nname = \"x\"\n",
+                   "irframe.toml:1:2: unknown key \"display\"; valid keys: log_level, [screen], "
+                   "[keys], [shortcuts]"},
+        TErrorCase{"[screen.extra]\n",
+                   "irframe.toml:1:9: unknown key \"extra\" in [screen]; valid keys: size, "
+                   "output"},
+        TErrorCase{"[shortcuts]\nrotate = \"none\"\n",
+                   "irframe.toml:2:1: unknown key \"rotate\" in [shortcuts]; valid keys: "
+                   "rotate-clockwise, rotate-anticlockwise, swipe-left, swipe-right, "
+                   "border-swipe, pinch, spread, zoom-toggle-first, zoom-toggle-second, "
+                   "four-finger-left, four-finger-right, four-finger-up, four-finger-down, "
+                   "four-finger-pinch, four-finger-spread"},
+        TErrorCase{"log_level = 3\n",
+                   "irframe.toml:1:13: log_level: must be a string, not an integer"},
+        TErrorCase{"log_level = \"loud\"\n",
+                   "irframe.toml:1:13: log_level: \"loud\" is not valid; use \"error\", "
+                   "\"warning\", \"info\" or \"debug\""},
+        TErrorCase{"[keys]\nprofile = \"emacs\"\n",
+                   "irframe.toml:2:11: keys.profile: \"emacs\" is not valid; use \"safe\", "
+                   "\"literal\" or \"desktop\""},
+        TErrorCase{"[keys]\nprofile = [\"safe\"]\n",
+                   "irframe.toml:2:11: keys.profile: must be a string, not an array"},
+        TErrorCase{"[shortcuts]\npinch = \"ctrl+plus\"\n",
+                   "irframe.toml:2:9: shortcuts.pinch: unknown key name 'plus' in 'ctrl+plus'; "
+                   "valid names: ctrl, rightctrl, alt, ..."},
+        TErrorCase{"[shortcuts]\nspread = \"a+ctrl\"\n",
+                   "irframe.toml:2:10: shortcuts.spread: only the last key of 'a+ctrl' may be "
+                   "..."},
+        TErrorCase{"[shortcuts]\nswipe-left = true\n",
+                   "irframe.toml:2:14: shortcuts.swipe-left: must be a string, not a boolean"},
+        TErrorCase{"screen = \"big\"\n",
+                   "irframe.toml:1:10: screen must be a table ([screen]), not a string"},
+        TErrorCase{"[[screen]]\nsize = \"1x1\"\n",
+                   "irframe.toml:1:1: screen must be a table ([screen]), not an array"},
+        TErrorCase{"[screen]\nsize = \"wide\"\n",
+                   "irframe.toml:2:8: screen.size: \"wide\" is not WIDTHxHEIGHT or "
+                   "WIDTHxHEIGHT+X+Y (such as \"1920x1080\" or \"2560x1440+1920+0\")"},
+        TErrorCase{"[screen]\noutput = \"HDMI 1\"\n",
+                   "irframe.toml:2:10: screen.output: \"HDMI 1\" is not an output name: ..."},
+        TErrorCase{"log_level = \n", "irframe.toml:1:13: not valid TOML: ..."},
+        TErrorCase{"log_level = \"info\"\nlog_level = \"debug\"\n",
+                   "irframe.toml:2:13: not valid TOML: ... cannot redefine existing string "
+                   "'log_level'"},
+        TErrorCase{"log_level = \"info\"\n# caf\xe9\n",
+                   "irframe.toml:2:6: not UTF-8 text (byte 0xE9); save the file as UTF-8"},
+        TErrorCase{"# \xed\xa0\x80 is a surrogate\n",
+                   "irframe.toml:1:3: not UTF-8 text (byte 0xED); save the file as UTF-8"},
+        TErrorCase{std::string("log_level = \"in\0fo\"\n", 20),
+                   "irframe.toml:1:16: not valid TOML: ..."}));
+
+// Verify that the long value of a bad key is cut in the message.
+TEST(DriverConfig, LongValuesAreCutInMessages) {
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    std::string error;
+    EXPECT_FALSE(Parse("log_level = \"" + std::string(5000, 'x') + "\"\n", &config, &error));
+    EXPECT_LT(error.size(), 200u) << error;
+    EXPECT_THAT(error, HasSubstr("xxx\"... is not valid"));
+}
+
+// Verify that the printed configuration reads back to the same configuration in force and
+// prints the same again, for the defaults and for a file that sets everything.
+TEST(DriverConfig, PrintReadsBack) {
+    TDriverConfig custom = DefaultDriverConfig(Checks());
+    custom.logLevel = "error";
+    custom.screenSize = "800x600+1920+0";
+    custom.screenOutput = "DP-1.2";
+    custom.keyProfile = "literal";
+    custom.shortcuts[Index(TGestureShortcut::Pinch)] = "none";
+    custom.shortcuts[Index(TGestureShortcut::FourFingerUp)] = "super+pageup";
+
+    for (const TDriverConfig& original : {DefaultDriverConfig(Checks()), custom}) {
+        const std::string printed = PrintConfig(original, Checks());
+        TDriverConfig back = DefaultDriverConfig(Checks());
+        std::string error;
+        ASSERT_TRUE(Parse(printed, &back, &error)) << error << "\n" << printed;
+        EXPECT_EQ(EffectiveShortcuts(back, Checks()), EffectiveShortcuts(original, Checks()));
+        back.shortcuts = original.shortcuts;  // every chord is written out; compared above
+        EXPECT_EQ(back, original);
+        TDriverConfig again = DefaultDriverConfig(Checks());
+        ASSERT_TRUE(Parse(printed, &again, &error));
+        EXPECT_EQ(PrintConfig(again, Checks()), printed);
+    }
+    const std::string printed = PrintConfig(custom, Checks());
+    EXPECT_THAT(printed, HasSubstr("\n[keys]\n"));
+    EXPECT_THAT(printed, HasSubstr("\nprofile = \"literal\"\n"));
+    EXPECT_THAT(printed, HasSubstr("\nrotate-anticlockwise = \"super+l\"  # two fingers turn "
+                                   "anticlockwise\n"));
+    EXPECT_THAT(printed, HasSubstr("\nfour-finger-up = \"super+pageup\"  #"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files
+
+class ConfigFile : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/driverconfig_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+    }
+    void TearDown() override {
+        for (const std::string& path : m_made) std::remove(path.c_str());
+        rmdir(m_dir.c_str());
+    }
+    std::string File(const std::string& name, const std::string& text) {
+        const std::string path = m_dir + "/" + name;
+        std::ofstream(path, std::ios::binary) << text;
+        m_made.push_back(path);
+        return path;
+    }
+    // The error of loading `path`, or "" when it loads.
+    static std::string LoadError(const std::string& path) {
+        TDriverConfig config = DefaultDriverConfig(Checks());
+        std::string error;
+        if (LoadDriverConfigFile(path, Checks(), &config, &error)) return "";
+        EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+        return error;
+    }
+
+    std::string m_dir;
+    std::vector<std::string> m_made;
+};
+
+// Verify one clear line for each file that cannot be a configuration.
+TEST_F(ConfigFile, RefusesWhatIsNotAConfigurationFile) {
+    EXPECT_EQ(LoadError(m_dir), "configuration " + m_dir + " is a directory; give the file "
+                                "inside it");
+    EXPECT_EQ(LoadError(m_dir + "/missing.toml"),
+              "cannot read configuration " + m_dir + "/missing.toml: No such file or directory");
+    EXPECT_EQ(LoadError("/dev/null"), "configuration /dev/null is not a regular file");
+    const std::string fifo = m_dir + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    m_made.push_back(fifo);
+    EXPECT_EQ(LoadError(fifo), "configuration " + fifo + " is not a regular file");
+
+    std::string huge = "log_level = \"info\"\n";
+    huge += "#" + std::string(kMaxConfigBytes, 'x') + "\n";
+    EXPECT_EQ(LoadError(File("huge.toml", huge)),
+              "configuration " + m_dir + "/huge.toml is larger than 1 MiB; a configuration file "
+              "holds a few lines");
+    const std::string justFits = File("fits.toml", "#" + std::string(kMaxConfigBytes - 2, 'x') +
+                                                       "\n");
+    EXPECT_EQ(LoadError(justFits), "");
+
+    const std::string binary = File("binary.toml", std::string("\x7f" "ELF\x02\x01\x01\0", 8));
+    EXPECT_THAT(LoadError(binary), StartsWith(binary + ":1:1: not valid TOML: "));
+    const std::string bad = File("bad.toml", "[keys]\nprofile = \"x\"\n");
+    EXPECT_THAT(LoadError(bad), StartsWith(bad + ":2:11: keys.profile: "));
+
+    const std::string locked = File("locked.toml", "log_level = \"info\"\n");
+    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
+    if (geteuid() != 0) {  // root reads it anyway
+        EXPECT_EQ(LoadError(locked), "cannot read configuration " + locked +
+                                         ": Permission denied (check its permissions: ls -l " +
+                                         locked + ")");
+    }
+}
+
+struct TLookupCase {
+    const char* what;
+    std::string explicitPath;
+    std::optional<std::string> xdg;
+    std::optional<std::string> home;
+    std::set<std::string> present;
+    std::string found;
+};
+
+class ConfigLookup : public testing::TestWithParam<TLookupCase> {};
+
+// Verify the order: --config, then the user's file, then the system's, then none.
+TEST_P(ConfigLookup, FindsTheFirstThatExists) {
+    const TLookupCase& c = GetParam();
+    TConfigEnvironment environment;
+    environment.explicitPath = c.explicitPath;
+    environment.xdgConfigHome = c.xdg;
+    environment.home = c.home;
+    environment.exists = [&](const std::string& path) { return c.present.count(path) != 0; };
+    EXPECT_EQ(FindConfigFile(environment), c.found) << c.what;
+}
+
+const std::string kXdgFile = "/x/irframe/irframe.toml";
+const std::string kHomeFile = "/home/u/.config/irframe/irframe.toml";
+const std::string kSystemFile = "/etc/irframe/irframe.toml";
+
+INSTANTIATE_TEST_SUITE_P(
+    Order, ConfigLookup,
+    testing::Values(
+        TLookupCase{"--config wins, even when missing", "my.toml", "/x", "/home/u",
+                    {kXdgFile, kSystemFile}, "my.toml"},
+        TLookupCase{"XDG_CONFIG_HOME first", "", "/x", "/home/u",
+                    {kXdgFile, kHomeFile, kSystemFile}, kXdgFile},
+        TLookupCase{"XDG_CONFIG_HOME replaces ~/.config", "", "/x", "/home/u",
+                    {kHomeFile, kSystemFile}, kSystemFile},
+        TLookupCase{"~/.config without XDG_CONFIG_HOME", "", std::nullopt, "/home/u",
+                    {kHomeFile, kSystemFile}, kHomeFile},
+        TLookupCase{"a relative XDG_CONFIG_HOME is ignored", "", "x", "/home/u", {kHomeFile},
+                    kHomeFile},
+        TLookupCase{"the system's file", "", std::nullopt, std::nullopt, {kSystemFile},
+                    kSystemFile},
+        TLookupCase{"none: built-in defaults", "", "/x", "/home/u", {}, ""}));
+
+// Verify that the whole road reads the file found, and names no file without one.
+TEST_F(ConfigFile, LoadsTheFileFound) {
+    ASSERT_EQ(mkdir((m_dir + "/irframe").c_str(), 0700), 0);
+    const std::string path = File("irframe/irframe.toml", "[keys]\nprofile = \"desktop\"\n");
+    TConfigEnvironment environment = ProcessConfigEnvironment("");
+    environment.xdgConfigHome = m_dir;
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    std::string source, error;
+    ASSERT_TRUE(LoadDriverConfig(environment, Checks(), &config, &source, &error)) << error;
+    EXPECT_EQ(source, path);
+    EXPECT_EQ(config.keyProfile, "desktop");
+
+    std::remove(path.c_str());
+    rmdir((m_dir + "/irframe").c_str());
+    environment.systemDir = m_dir;
+    config = DefaultDriverConfig(Checks());
+    ASSERT_TRUE(LoadDriverConfig(environment, Checks(), &config, &source, &error)) << error;
+    EXPECT_EQ(source, "");
+    EXPECT_EQ(config, DefaultDriverConfig(Checks()));
+}
+
+}  // namespace
