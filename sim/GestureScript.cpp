@@ -261,6 +261,8 @@ private:
     }
 
     void Push(std::vector<TScriptContact> contacts) {
+        Expect(m_frames.size() < SCRIPT_MAX_FRAMES,
+               "a script has at most " + std::to_string(SCRIPT_MAX_FRAMES) + " frames");
         uint64_t gap = m_waited ? m_pendingWait : (m_frames.empty() ? 0 : m_periodMicros);
         m_pendingWait = 0;
         m_waited = false;

@@ -38,6 +38,9 @@
 constexpr int SCRIPT_MIN_COORD = 1;
 constexpr int SCRIPT_MAX_COORD = 32766;
 constexpr size_t SCRIPT_MAX_CONTACTS = 9;
+// Frames of one script in all: over five hours at 100 reports a second, and a bound on the
+// memory a short text can ask for ("hold 1000000" on every line).
+constexpr size_t SCRIPT_MAX_FRAMES = 2'000'000;
 
 // One contact of a scripted frame, in absolute output units.
 struct TScriptContact {

@@ -105,7 +105,9 @@ INSTANTIATE_TEST_SUITE_P(
         BadScript{"rate 0", "line 1: rate 0 is outside 1..1000000"},
         BadScript{"hold x", "line 1: frame count expected, found \"x\""},
         BadScript{"down 0 1 1, 1 1 1, 2 1 1, 3 1 1, 4 1 1, 5 1 1, 6 1 1, 7 1 1, 8 1 1, 9 1 1",
-                  "line 1: a frame holds at most 9 contacts"}));
+                  "line 1: a frame holds at most 9 contacts"},
+        BadScript{"hold 1000000\nhold 1000000\n\nhold 1",
+                  "line 4: a script has at most 2000000 frames"}));
 
 // Verify that FromText throws for a bad script (tests rely on it to fail loudly).
 TEST(GestureScript, FromTextThrows) {
