@@ -268,6 +268,40 @@ bool ReadTable(const toml::table& table, const std::string& section, const std::
     return true;
 }
 
+// "name:line:column" of a byte offset (columns count bytes).
+std::string Position(const std::string& name, std::string_view text, size_t offset) {
+    const std::string_view before = text.substr(0, offset);
+    const size_t line = static_cast<size_t>(std::count(before.begin(), before.end(), '\n')) + 1;
+    const size_t lineStart = before.rfind('\n');
+    const size_t column = lineStart == std::string_view::npos ? offset + 1 : offset - lineStart;
+    return name + ":" + std::to_string(line) + ":" + std::to_string(column);
+}
+
+std::string Hex(char byte) {
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02X", static_cast<unsigned char>(byte));
+    return text;
+}
+
+// A message as one line: control characters (from the parser's quote of the text, or a file
+// name) written as \n, \t or \xNN.
+std::string OneLine(std::string_view text) {
+    std::string out;
+    for (char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            out += "\\x" + Hex(c).substr(2);
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 // The first byte that does not belong to well-formed UTF-8 (no overlong forms, no surrogates);
 // the size when there is none.
 size_t FirstNonUtf8(std::string_view text) {
@@ -304,26 +338,80 @@ size_t FirstNonUtf8(std::string_view text) {
     return text.size();
 }
 
-}  // namespace
-
-TDriverConfig DefaultDriverConfig(const TConfigChecks& checks) {
-    TDriverConfig config;
-    if (!checks.keyProfiles.empty()) config.keyProfile = checks.keyProfiles.front();
-    return config;
+// toml++ 3.3 reaches an "unreachable" branch (undefined behaviour in a release build) when it
+// asks whether some characters outside ASCII are whitespace, which it does in many places: after
+// a value or a key, while it guesses a value's type, after a backslash in a multi-line string
+// (its issues 190 and 295). No key or value of the configuration is outside ASCII, so such a
+// character is refused before toml++ sees the text anywhere but in a comment. Returns the
+// offending byte's offset, or the size.
+size_t FirstNonAsciiOutsideComment(std::string_view text) {
+    enum class TState { Code, Comment, Basic, Literal, MultiBasic, MultiLiteral };
+    TState state = TState::Code;
+    size_t i = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;  // a byte-order mark
+    auto quotes = [&](char quote) {
+        size_t n = 0;
+        while (i + n < text.size() && text[i + n] == quote) ++n;
+        return n;
+    };
+    while (i < text.size()) {
+        const char c = text[i];
+        if (static_cast<unsigned char>(c) >= 0x80 && state != TState::Comment) return i;
+        switch (state) {
+            case TState::Code:
+                if (c == '#') state = TState::Comment;
+                if (c == '"' || c == '\'') {
+                    const bool multi = quotes(c) >= 3;
+                    state = c == '"' ? (multi ? TState::MultiBasic : TState::Basic)
+                                     : (multi ? TState::MultiLiteral : TState::Literal);
+                    i += multi ? 3 : 1;
+                    continue;
+                }
+                break;
+            case TState::Comment:
+                if (c == '\n') state = TState::Code;
+                break;
+            case TState::Basic:
+            case TState::Literal:
+                if (c == '\n' || c == (state == TState::Basic ? '"' : '\'')) {
+                    state = TState::Code;
+                } else if (c == '\\' && state == TState::Basic && i + 1 < text.size() &&
+                           static_cast<unsigned char>(text[i + 1]) < 0x80) {
+                    ++i;  // an escaped character, a quote perhaps
+                }
+                break;
+            case TState::MultiBasic:
+            case TState::MultiLiteral: {
+                const char quote = state == TState::MultiBasic ? '"' : '\'';
+                if (c == quote) {
+                    // Three to five quotes close the string (one or two of them its text).
+                    const size_t n = quotes(quote);
+                    if (n >= 3) state = TState::Code;
+                    i += n;
+                    continue;
+                }
+                if (c == '\\' && state == TState::MultiBasic && i + 1 < text.size() &&
+                    static_cast<unsigned char>(text[i + 1]) < 0x80) {
+                    ++i;
+                }
+                break;
+            }
+        }
+        ++i;
+    }
+    return text.size();
 }
 
-bool ParseDriverConfig(std::string_view text, const std::string& name, const TConfigChecks& checks,
-                       TDriverConfig* config, std::string* error) {
+bool ReadConfigText(std::string_view text, const std::string& name, const TConfigChecks& checks,
+                    TDriverConfig* config, std::string* error) {
     try {
         if (const size_t bad = FirstNonUtf8(text); bad != text.size()) {
-            const std::string_view before = text.substr(0, bad);
-            const size_t line = static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
-            const size_t lineStart = before.rfind('\n');
-            const size_t column = lineStart == std::string_view::npos ? bad + 1 : bad - lineStart;
-            char byte[8];
-            std::snprintf(byte, sizeof byte, "0x%02X", static_cast<unsigned char>(text[bad]));
-            *error = name + ":" + std::to_string(line + 1) + ":" + std::to_string(column) +
-                     ": not UTF-8 text (byte " + byte + "); save the file as UTF-8";
+            *error = Position(name, text, bad) + ": not UTF-8 text (byte " + Hex(text[bad]) +
+                     "); save the file as UTF-8";
+            return false;
+        }
+        if (const size_t bad = FirstNonAsciiOutsideComment(text); bad != text.size()) {
+            *error = Position(name, text, bad) + ": a character outside ASCII (byte " +
+                     Hex(text[bad]) + "); only comments may hold one";
             return false;
         }
         toml::parse_result parsed = toml::parse(text, name);
@@ -342,8 +430,7 @@ bool ParseDriverConfig(std::string_view text, const std::string& name, const TCo
     }
 }
 
-bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
-                          TDriverConfig* config, std::string* error) {
+bool ReadConfigFile(const std::string& path, std::string* text, std::string* error) {
     // Non-blocking, so that a FIFO given by mistake does not wait for a writer.
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
@@ -353,7 +440,6 @@ bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
         return false;
     }
     struct stat info {};
-    std::string text;
     bool ok = fstat(fd, &info) == 0;
     if (!ok) {
         *error = "cannot read configuration " + path + ": " + std::strerror(errno);
@@ -366,7 +452,7 @@ bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
     } else {
         // Read one byte past the limit rather than trust the size the file claims.
         char buffer[65536];
-        while (ok && text.size() <= kMaxConfigBytes) {
+        while (ok && text->size() <= kMaxConfigBytes) {
             const ssize_t n = read(fd, buffer, sizeof buffer);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) {
@@ -375,10 +461,10 @@ bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
             } else if (n == 0) {
                 break;
             } else {
-                text.append(buffer, static_cast<size_t>(n));
+                text->append(buffer, static_cast<size_t>(n));
             }
         }
-        if (ok && text.size() > kMaxConfigBytes) {
+        if (ok && text->size() > kMaxConfigBytes) {
             ok = false;
             *error = "configuration " + path + " is larger than " +
                      std::to_string(kMaxConfigBytes >> 20) +
@@ -386,8 +472,33 @@ bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
         }
     }
     close(fd);
-    return ok && ParseDriverConfig(text, path, checks, config, error);
+    return ok;
 }
+
+
+}  // namespace
+
+TDriverConfig DefaultDriverConfig(const TConfigChecks& checks) {
+    TDriverConfig config;
+    if (!checks.keyProfiles.empty()) config.keyProfile = checks.keyProfiles.front();
+    return config;
+}
+
+bool ParseDriverConfig(std::string_view text, const std::string& name, const TConfigChecks& checks,
+                       TDriverConfig* config, std::string* error) {
+    if (ReadConfigText(text, name, checks, config, error)) return true;
+    *error = OneLine(*error);
+    return false;
+}
+
+bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
+                          TDriverConfig* config, std::string* error) {
+    std::string text;
+    if (ReadConfigFile(path, &text, error)) return ParseDriverConfig(text, path, checks, config, error);
+    *error = OneLine(*error);
+    return false;
+}
+
 
 TConfigEnvironment ProcessConfigEnvironment(std::string explicitPath) {
     TConfigEnvironment environment;
