@@ -141,13 +141,7 @@ std::vector<TKeySpec> BuildKeySpecs() {
         "The XRandR output the gestures map into, as --display (\"HDMI-1\"); \"\": the primary.",
         &TDriverConfig::screenOutput,
         [](const std::string& value, const TConfigChecks&, std::string* error) {
-            constexpr size_t kMaxOutputName = 64;
-            bool plain = value.size() <= kMaxOutputName;
-            for (char c : value) {
-                plain = plain && (std::isalnum(static_cast<unsigned char>(c)) != 0 ||
-                                  std::strchr("-_.:", c) != nullptr);
-            }
-            if (plain) return true;
+            if (value.empty() || IsOutputName(value)) return true;
             *error = Shown(value) + " is not an output name: at most 64 letters, digits and " +
                      "- _ . : (as xrandr lists them)";
             return false;
@@ -491,12 +485,15 @@ bool ParseDriverConfig(std::string_view text, const std::string& name, const TCo
     return false;
 }
 
-bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
-                          TDriverConfig* config, std::string* error) {
+TConfigStatus LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
+                                   TDriverConfig* config, std::string* error) {
     std::string text;
-    if (ReadConfigFile(path, &text, error)) return ParseDriverConfig(text, path, checks, config, error);
-    *error = OneLine(*error);
-    return false;
+    if (!ReadConfigFile(path, &text, error)) {
+        *error = OneLine(*error);
+        return TConfigStatus::CannotRead;
+    }
+    return ParseDriverConfig(text, path, checks, config, error) ? TConfigStatus::Ok
+                                                                 : TConfigStatus::Invalid;
 }
 
 
@@ -529,11 +526,20 @@ std::string FindConfigFile(const TConfigEnvironment& environment) {
     return "";
 }
 
-bool LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
-                      TDriverConfig* config, std::string* source, std::string* error) {
+TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
+                               TDriverConfig* config, std::string* source, std::string* error) {
     *source = FindConfigFile(environment);
-    if (source->empty()) return true;
+    if (source->empty()) return TConfigStatus::Ok;
     return LoadDriverConfigFile(*source, checks, config, error);
+}
+
+bool IsOutputName(std::string_view name) {
+    constexpr size_t kMaxOutputName = 64;
+    if (name.empty() || name.size() > kMaxOutputName) return false;
+    return std::all_of(name.begin(), name.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+               (c != '\0' && std::strchr("-_.:", c) != nullptr);
+    });
 }
 
 std::array<std::string, kGestureShortcutCount> EffectiveShortcuts(const TDriverConfig& config,

@@ -54,10 +54,14 @@ TDriverConfig DefaultDriverConfig(const TConfigChecks& checks);
 bool ParseDriverConfig(std::string_view text, const std::string& name, const TConfigChecks& checks,
                        TDriverConfig* config, std::string* error);
 
+// How reading a configuration file went: a file that cannot be read stops the driver as one
+// that cannot start, a file that says something wrong as a usage error.
+enum class TConfigStatus { Ok, CannotRead, Invalid };
+
 // Reads a configuration file: a regular file of at most kMaxConfigBytes of UTF-8 TOML. On error
-// returns false with one line naming the file and what to do.
-bool LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
-                          TDriverConfig* config, std::string* error);
+// sets `error` to one line naming the file and what to do.
+TConfigStatus LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
+                                   TDriverConfig* config, std::string* error);
 
 // What decides where the configuration is read from.
 struct TConfigEnvironment {
@@ -77,8 +81,11 @@ std::string FindConfigFile(const TConfigEnvironment& environment);
 
 // Finds and reads the configuration. `source` is set to the file read, or empty for the
 // built-in defaults.
-bool LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
-                      TDriverConfig* config, std::string* source, std::string* error);
+TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
+                               TDriverConfig* config, std::string* source, std::string* error);
+
+// Whether a text may be an output's name (screen.output, --display).
+bool IsOutputName(std::string_view name);
 
 // The chord in force for each named shortcut: the file's, else the profile's.
 std::array<std::string, kGestureShortcutCount> EffectiveShortcuts(const TDriverConfig& config,

@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
+#include "DriverConfig.h"
 #include "IrframeVersion.h"
 
 namespace {
@@ -26,7 +28,9 @@ constexpr const char* kFooter =
     "  irframed --dry-run                         print events as JSON lines instead\n"
     "  irframed --simulate examples/09-one-finger-tap.gesture --dry-run\n"
     "  irframed --simulate a.gesture --simulate b.gesture@2s --fault 2:poll:6@10 --dry-run\n"
-    "  irframed --tuio 3333                       also send TUIO cursors to 127.0.0.1:3333\n\n"
+    "  irframed --tuio 3333                       also send TUIO cursors to 127.0.0.1:3333\n"
+    "  irframed --print-config > ~/.config/irframe/irframe.toml\n"
+    "                                             start a configuration file\n\n"
     "Exit status: 0 after an orderly end or a wake from sleep, 1 when the driver cannot\n"
     "start (no uinput, an unreadable script), 2 on a usage error (a bad option or script).";
 
@@ -58,9 +62,58 @@ int UsageError(const std::string& line) {
     return kExitUsage;
 }
 
+std::string Quoted(const std::vector<std::string>& names) {
+    std::string out;
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (i > 0) out += i + 1 == names.size() ? " or " : ", ";
+        out += "'" + names[i] + "'";
+    }
+    return out;
+}
+
+// The configuration file under the options: what the command line did not say, the file says.
+std::optional<int> ApplyConfigFile(const CLI::App& app, const std::string& path,
+                                   const TConfigChecks& checks, DriverOptions* opt) {
+    TDriverConfig config = DefaultDriverConfig(checks);
+    std::string error;
+    switch (LoadDriverConfig(ProcessConfigEnvironment(path), checks, &config, &opt->configFile,
+                             &error)) {
+        case TConfigStatus::Ok: break;
+        case TConfigStatus::CannotRead:
+            std::fprintf(stderr, "irframed: %s\n", error.c_str());
+            return kExitCannotStart;
+        case TConfigStatus::Invalid: return UsageError(error);
+    }
+    if (app.count("--log-level") == 0 && opt->verbose == 0) opt->logLevel = config.logLevel;
+    if (app.count("--screen") == 0) opt->screen = config.screenSize;
+    if (app.count("--display") == 0) opt->display = config.screenOutput;
+    if (app.count("--keys") == 0) opt->keys = config.keyProfile;
+    opt->shortcuts = config.shortcuts;
+    return std::nullopt;
+}
+
+// The configuration in force, command line included, as the file would say it.
+std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChecks& checks) {
+    if (!opt.screen.empty() && !checks.screenSize(opt.screen)) {
+        return UsageError("--screen '" + opt.screen + "' is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y");
+    }
+    if (!opt.display.empty() && !IsOutputName(opt.display)) {
+        return UsageError("--display '" + opt.display + "' is not an output name");
+    }
+    TDriverConfig config = DefaultDriverConfig(checks);
+    config.logLevel = LogLevelName(EffectiveLogLevel(opt));
+    config.screenSize = opt.screen;
+    config.screenOutput = opt.display;
+    config.keyProfile = opt.keys;
+    config.shortcuts = opt.shortcuts;
+    std::fputs(PrintConfig(config, checks).c_str(), stdout);
+    return std::fflush(stdout) == 0 && !std::ferror(stdout) ? kExitOk : kExitCannotStart;
+}
+
 }  // namespace
 
-std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options) {
+std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options,
+                                      const TConfigChecks& checks) {
     DriverOptions& opt = *options;
     std::string simulateId;
     CLI::App app(kDescription, "irframed");
@@ -124,11 +177,39 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     // Lets a simulation act as a real instance in the exchange on the bus name, so that the
     // takeover can be tested without frames. Not for users: hidden from --help.
     app.add_flag("--claim-bus-name", opt.claimBusName)->group("");
+    std::string configPath;
+    app.add_option("--config", configPath,
+                   "Read the configuration from FILE instead of "
+                   "$XDG_CONFIG_HOME/irframe/irframe.toml or /etc/irframe/irframe.toml; the "
+                   "command line overrides it")
+        ->type_name("FILE");
+    bool noConfig = false;
+    app.add_flag("--no-config", noConfig, "Read no configuration file: the built-in defaults");
+    bool printConfig = false;
+    app.add_flag("--print-config", printConfig,
+                 "Print the configuration in force (file, defaults and command line) as TOML "
+                 "and end");
     app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    }
+
+    if (noConfig && app.count("--config") != 0) {
+        return UsageError("--config and --no-config exclude each other");
+    }
+    if (app.count("--config") != 0 && configPath.empty()) {
+        return UsageError("--config needs a file name");
+    }
+    if (!noConfig) {
+        if (const std::optional<int> status = ApplyConfigFile(app, configPath, checks, &opt)) {
+            return status;
+        }
+    }
+    if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), opt.keys) ==
+        checks.keyProfiles.end()) {
+        return UsageError("--keys '" + opt.keys + "': use " + Quoted(checks.keyProfiles));
     }
 
     if (!opt.Simulating() && (!opt.faults.empty() || opt.realtime || !simulateId.empty())) {
@@ -153,6 +234,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
         opt.tuio.enabled = true;
         opt.tuio.target = tuioTarget;
     }
+    if (printConfig) return PrintConfiguration(opt, checks);
     return std::nullopt;
 }
 

@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "ConfigChecks.h"
 #include "DriverOptions.h"
 #include "MtDevLog.h"
 
@@ -12,9 +13,12 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitCannotStart = 1;  // no uinput, an unreadable file, ...
 inline constexpr int kExitUsage = 2;        // a bad option or script
 
-// Fills `options` from the command line. Returns the exit status when the run ends here (help
-// and version give 0, mistakes 2 with a line on standard error); nothing when it goes on.
-std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options);
+// Fills `options` from the command line over the configuration file (--config FILE, else the
+// user's, else the system's; none with --no-config), whose values `checks` judges. Returns the
+// exit status when the run ends here (help, version and --print-config give 0; a file that
+// cannot be read 1; mistakes 2, with a line on standard error); nothing when it goes on.
+std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options,
+                                      const TConfigChecks& checks);
 
 // The level the options ask for: --log-level, else info raised by -v (-vv: debug).
 TLogLevel EffectiveLogLevel(const DriverOptions& options);

@@ -12,6 +12,7 @@
 #include "DeviceListControl.h"
 #include "DriverOutputs.h"
 #include "LinuxBackend.h"
+#include "LinuxConfigChecks.h"
 #include "LoadEvent.h"
 #include "MtDevLog.h"
 #include "ParseDriverOptions.h"
@@ -29,8 +30,14 @@ int Fail(const std::string& message, int status) {
 
 int main(int argc, char** argv) {
     DriverOptions options;
-    if (const std::optional<int> status = ParseDriverOptions(argc, argv, &options)) return *status;
+    if (const std::optional<int> status =
+            ParseDriverOptions(argc, argv, &options, LinuxConfigChecks())) {
+        return *status;
+    }
     ApplyLogOptions(options);
+    if (!options.configFile.empty()) {
+        TLog(TLogLevel::Info, "configuration %s", options.configFile.c_str());
+    }
     // A closed pipe on standard output is a write error to report, not a silent death.
     std::signal(SIGPIPE, SIG_IGN);
 

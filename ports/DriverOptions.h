@@ -1,11 +1,12 @@
-// Everything the driver was asked to do, as parsed from its command line. The agent and the
-// backends read it; only the option parser writes it.
+// Everything the driver was asked to do, from its command line over its configuration file. The
+// agent and the backends read it; only the option parser writes it.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "GestureShortcuts.h"
 #include "TuioSettings.h"
 
 struct DriverOptions {
@@ -19,9 +20,11 @@ struct DriverOptions {
     std::string screen;            // WxH or WxH+X+Y given on the command line; empty when not
     std::string display;           // the XRandR output the gestures map into; empty: primary
     std::string keys = "safe";     // the shortcut profile
+    TShortcutOverrides shortcuts;  // the configuration's chord per named gesture shortcut
     std::string uinputPath = "/dev/uinput";
     bool noSingleInstance = false;
-    std::string logLevel;  // --log-level; empty when not given
+    std::string logLevel;  // --log-level, else the configuration's when -v is not given
+    std::string configFile;  // the configuration file read; empty: none (built-in defaults)
     int verbose = 0;       // how many times -v was given
     TTuioSettings tuio;    // the TUIO output: --tuio, or the configuration file
     bool gestures = true;     // the mouse and shortcut emulation; --no-gestures turns it off

@@ -228,11 +228,14 @@ protected:
         m_made.push_back(path);
         return path;
     }
-    // The error of loading `path`, or "" when it loads.
-    static std::string LoadError(const std::string& path) {
+    // The error of loading `path`, or "" when it loads; `status` as expected.
+    static std::string LoadError(const std::string& path,
+                                 TConfigStatus status = TConfigStatus::CannotRead) {
         TDriverConfig config = DefaultDriverConfig(Checks());
         std::string error;
-        if (LoadDriverConfigFile(path, Checks(), &config, &error)) return "";
+        const TConfigStatus loaded = LoadDriverConfigFile(path, Checks(), &config, &error);
+        if (loaded == TConfigStatus::Ok) return "";
+        EXPECT_EQ(loaded, status) << path;
         EXPECT_EQ(error.find('\n'), std::string::npos) << error;
         return error;
     }
@@ -261,11 +264,15 @@ TEST_F(ConfigFile, RefusesWhatIsNotAConfigurationFile) {
     const std::string justFits = File("fits.toml", "#" + std::string(kMaxConfigBytes - 2, 'x') +
                                                        "\n");
     EXPECT_EQ(LoadError(justFits), "");
+    const std::string oddName = File("odd\nname.toml", "log_level = 1\n");
+    EXPECT_THAT(LoadError(oddName, TConfigStatus::Invalid),
+                StartsWith(m_dir + "/odd\\nname.toml:1:13: log_level: "));
 
     const std::string binary = File("binary.toml", std::string("\x7f" "ELF\x02\x01\x01\0", 8));
-    EXPECT_THAT(LoadError(binary), StartsWith(binary + ":1:1: not valid TOML: "));
+    EXPECT_THAT(LoadError(binary, TConfigStatus::Invalid),
+                StartsWith(binary + ":1:1: not valid TOML: "));
     const std::string bad = File("bad.toml", "[keys]\nprofile = \"x\"\n");
-    EXPECT_THAT(LoadError(bad), StartsWith(bad + ":2:11: keys.profile: "));
+    EXPECT_THAT(LoadError(bad, TConfigStatus::Invalid), StartsWith(bad + ":2:11: keys.profile: "));
 
     const std::string locked = File("locked.toml", "log_level = \"info\"\n");
     ASSERT_EQ(chmod(locked.c_str(), 0), 0);
@@ -327,7 +334,9 @@ TEST_F(ConfigFile, LoadsTheFileFound) {
     environment.xdgConfigHome = m_dir;
     TDriverConfig config = DefaultDriverConfig(Checks());
     std::string source, error;
-    ASSERT_TRUE(LoadDriverConfig(environment, Checks(), &config, &source, &error)) << error;
+    ASSERT_EQ(LoadDriverConfig(environment, Checks(), &config, &source, &error),
+              TConfigStatus::Ok)
+        << error;
     EXPECT_EQ(source, path);
     EXPECT_EQ(config.keyProfile, "desktop");
 
@@ -335,7 +344,9 @@ TEST_F(ConfigFile, LoadsTheFileFound) {
     rmdir((m_dir + "/irframe").c_str());
     environment.systemDir = m_dir;
     config = DefaultDriverConfig(Checks());
-    ASSERT_TRUE(LoadDriverConfig(environment, Checks(), &config, &source, &error)) << error;
+    ASSERT_EQ(LoadDriverConfig(environment, Checks(), &config, &source, &error),
+              TConfigStatus::Ok)
+        << error;
     EXPECT_EQ(source, "");
     EXPECT_EQ(config, DefaultDriverConfig(Checks()));
 }

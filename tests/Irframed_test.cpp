@@ -8,14 +8,17 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -36,6 +39,7 @@ struct TRun {
     Lines linuxKeys;  // the "linuxKeys" member of each key line, as JSON
     Lines log;        // standard error, line by line
     std::string logText;
+    std::string printed;  // standard output
 };
 
 std::string ReadFile(const std::string& path) {
@@ -92,6 +96,7 @@ protected:
         for (const std::string& file : m_files) std::remove(file.c_str());
         std::remove((m_dir + "/out.json").c_str());
         std::remove((m_dir + "/err.txt").c_str());
+        std::remove((m_dir + "/stdout.txt").c_str());
         rmdir(m_dir.c_str());
     }
 
@@ -108,8 +113,12 @@ protected:
     TRun Run(Lines args, bool dryRun = true, const std::string& signalWhen = "") {
         const std::string out = m_dir + "/out.json";
         const std::string err = m_dir + "/err.txt";
-        // Every trace line: several cases count the system's own lines.
+        // Every trace line: several cases count the system's own lines. No configuration file
+        // of the machine's unless the case asks for one.
         Lines argv{IRFRAMED_PATH, "-vv"};
+        if (!m_readConfig && std::find(args.begin(), args.end(), "--config") == args.end()) {
+            argv.push_back("--no-config");
+        }
         if (dryRun) {
             argv.insert(argv.end(), {"--dry-run", "--output", out});
         }
@@ -121,7 +130,9 @@ protected:
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        const std::string printed = m_dir + "/stdout.txt";
+        posix_spawn_file_actions_addopen(&actions, 1, printed.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
         posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                          0600);
         pid_t pid = -1;
@@ -152,6 +163,7 @@ protected:
         }
         run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
         run.logText = ReadFile(err);
+        run.printed = ReadFile(printed);
         // Under a sanitizer build of the driver, a report is a failure of whatever case ran.
         EXPECT_EQ(run.logText.find("Sanitizer"), std::string::npos) << run.logText;
         run.log = SplitLines(run.logText);
@@ -173,6 +185,7 @@ protected:
 
     std::string m_dir;
     Lines m_files;
+    bool m_readConfig = false;  // let the driver look for its configuration file
 };
 
 // Screen 1920 x 1080: an absolute unit is 1920/32767 points across, 1080/32767 down.
@@ -255,6 +268,94 @@ TEST_F(Irframed, DryRunShowsTheKeysOfEachProfile) {
                                                R"(["KEY_R","KEY_LEFTCTRL"])"));
     EXPECT_THAT(literal.linuxKeys, ElementsAre(R"(["KEY_LEFTMETA","KEY_R"])",
                                                R"(["KEY_R","KEY_LEFTMETA"])"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Configuration file
+
+// Verify that --print-config prints what is in force, command line over file over defaults,
+// that the file it prints reads back to the same, and that a run with it presses what it says.
+TEST_F(Irframed, PrintConfigReadsBackAndDrivesTheKeys) {
+    const std::string file = Script("irframe.toml", "[keys]\nprofile = \"desktop\"\n"
+                                                   "[shortcuts]\npinch = \"ctrl+alt+minus\"\n");
+    const TRun printed = Run({"--config", file, "--screen", "1280x800", "--print-config"});
+    EXPECT_EQ(printed.status, 0) << printed.logText;
+    EXPECT_EQ(printed.logText, "");
+    EXPECT_THAT(printed.printed, HasSubstr("\nlog_level = \"debug\"\n"));  // -vv
+    EXPECT_THAT(printed.printed, HasSubstr("\nsize = \"1280x800\"\n"));
+    EXPECT_THAT(printed.printed, HasSubstr("\nprofile = \"desktop\"\n"));
+    EXPECT_THAT(printed.printed, HasSubstr("\nrotate-clockwise = \"ctrl+r\"  #"));
+    EXPECT_THAT(printed.printed, HasSubstr("\npinch = \"ctrl+alt+minus\"  #"));
+
+    const std::string again = Script("printed.toml", printed.printed);
+    const TRun reread = Run({"--config", again, "--print-config"});
+    EXPECT_EQ(reread.status, 0) << reread.logText;
+    EXPECT_EQ(reread.printed, printed.printed);
+
+    const std::string pinch = Script("pinch", "down 1 10000 10000, 2 20000 10000\n"
+                                              "move 1 11000 10000 in 10\nup 1, 2\n");
+    const TRun run = Run({"--config", file, "--simulate", pinch});
+    EXPECT_EQ(run.status, 0) << run.logText;
+    EXPECT_THAT(run.events, ElementsAre("keyDown 27 cmd", "keyUp 27 cmd"));
+    EXPECT_THAT(run.linuxKeys, ElementsAre(R"(["KEY_LEFTCTRL","KEY_LEFTALT","KEY_MINUS"])",
+                                           R"(["KEY_MINUS","KEY_LEFTALT","KEY_LEFTCTRL"])"));
+    EXPECT_EQ(Count(run, "configuration " + file), 1u);
+}
+
+// Verify that the user's file is found through XDG_CONFIG_HOME, and --no-config skips it.
+TEST_F(Irframed, FindsTheUsersConfiguration) {
+    ASSERT_EQ(mkdir((m_dir + "/irframe").c_str(), 0700), 0);
+    const std::string file = Script("irframe/irframe.toml", "[keys]\nprofile = \"literal\"\n");
+    const char* before = std::getenv("XDG_CONFIG_HOME");
+    const std::string saved = before != nullptr ? before : "";
+    setenv("XDG_CONFIG_HOME", m_dir.c_str(), 1);
+    m_readConfig = true;
+    const TRun found = Run({"--print-config"});
+    const TRun skipped = Run({"--no-config", "--print-config"});
+    before != nullptr ? setenv("XDG_CONFIG_HOME", saved.c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
+    std::remove(file.c_str());
+    rmdir((m_dir + "/irframe").c_str());
+    EXPECT_THAT(found.printed, HasSubstr("\nprofile = \"literal\"\n"));
+    EXPECT_THAT(skipped.printed, HasSubstr("\nprofile = \"safe\"\n"));
+}
+
+// Verify that a configuration file the driver cannot use stops it with one line: status 1 when
+// it cannot be read, 2 when it says something wrong.
+TEST_F(Irframed, BadConfigurationStopsWithOneLine) {
+    struct Case {
+        Lines args;
+        int status;
+        std::string line;
+    };
+    const std::string tap = Script("tap", kTap);
+    const std::string unknown = Script("unknown.toml", "[screen]\nsise = \"1x1\"\n");
+    const std::string chord = Script("chord.toml", "[shortcuts]\npinch = \"ctrl+plus\"\n");
+    const std::string notToml = Script("not.toml", "log_level = \n");
+    const Case cases[] = {
+        {{"--config", unknown}, 2,
+         "irframed: " + unknown + ":2:1: unknown key \"sise\" in [screen]; valid keys: size, "
+         "output"},
+        {{"--config", chord}, 2,
+         "irframed: " + chord + ":2:9: shortcuts.pinch: unknown key name 'plus' in 'ctrl+plus'; "
+         "valid names: "},
+        {{"--config", notToml}, 2, "irframed: " + notToml + ":1:13: not valid TOML: "},
+        {{"--config", m_dir}, 1,
+         "irframed: configuration " + m_dir + " is a directory; give the file inside it"},
+        {{"--config", m_dir + "/none.toml"}, 1,
+         "irframed: cannot read configuration " + m_dir + "/none.toml: No such file or "
+         "directory"},
+        {{"--config", unknown, "--no-config"}, 2,
+         "irframed: --config and --no-config exclude each other"},
+    };
+    for (const Case& c : cases) {
+        Lines args = c.args;
+        args.insert(args.end(), {"--simulate", tap});
+        const TRun run = Run(args);
+        EXPECT_EQ(run.status, c.status) << run.logText;
+        ASSERT_EQ(run.log.size(), 1u) << run.logText;
+        EXPECT_THAT(run.log[0], testing::StartsWith(c.line));
+        EXPECT_TRUE(run.events.empty());
+    }
 }
 
 // Verify that two fingers resting a moment, moving less than a gesture needs, right-click at the midpoint of where they landed.
@@ -465,7 +566,7 @@ TEST_F(Irframed, OutputWriteErrorsEndTheRun) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    Lines argv{IRFRAMED_PATH, "--dry-run", "--simulate", drag};
+    Lines argv{IRFRAMED_PATH, "--no-config", "--dry-run", "--simulate", drag};
     std::vector<char*> cargv;
     for (std::string& a : argv) cargv.push_back(a.data());
     cargv.push_back(nullptr);

@@ -45,7 +45,12 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
 
     ports->gestures = m_options.gestures;
     // One key map: what the uinput device presses is what the dry run shows.
-    m_keys = std::make_unique<const CKeyMap>(*profile);
+    std::optional<CKeyMap> keys = CKeyMap::Make(*profile, m_options.shortcuts, &error);
+    if (!keys) {
+        *failure = {2, "shortcuts." + error};
+        return false;
+    }
+    m_keys = std::make_unique<const CKeyMap>(std::move(*keys));
     ports->keyNamer = [keys = m_keys.get()](const TInputEvent& event) {
         return keys->KeyNames(event);
     };

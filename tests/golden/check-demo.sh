@@ -4,13 +4,14 @@
 # golden file is regenerated with examples/demo.sh and the change is reviewed with it.
 # Also checks the log: at the default level at most 3 lines per emulated frame besides the
 # summaries; with -vv every trace line in tests/golden/demo-trace.txt, as often as there.
+# The driver reads no configuration file (--no-config): the machine's must not change the result.
 # Usage: tests/golden/check-demo.sh IRFRAMED
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 driver=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-"$here/../../examples/demo.sh" "$driver" >"$work/out" 2>"$work/err"
+"$here/../../examples/demo.sh" "$driver" --no-config >"$work/out" 2>"$work/err"
 if ! diff -u "$here/demo.out" "$work/out"; then
   echo "golden: the demo's events differ from tests/golden/demo.out (see the diff above)" >&2
   exit 1
@@ -22,7 +23,7 @@ if [ "$logged" -gt $((3 * frames)) ]; then
   cat "$work/err" >&2
   exit 1
 fi
-"$here/../../examples/demo.sh" "$driver" -vv >/dev/null 2>"$work/trace"
+"$here/../../examples/demo.sh" "$driver" --no-config -vv >/dev/null 2>"$work/trace"
 missing=$(comm -23 <(sort "$here/demo-trace.txt") <(sort "$work/trace") | head -n 5)
 if [ -n "$missing" ]; then
   printf 'golden: trace lines missing with -vv, e.g.:\n%s\n' "$missing" >&2
