@@ -20,6 +20,8 @@
 #define TOML_EXCEPTIONS 0
 #include <toml++/toml.h>
 
+#include "TuioSettings.h"
+
 namespace {
 
 // ---------------------------------------------------------------------------------------------
@@ -108,6 +110,51 @@ TKeySpec StringKey(std::string section, std::string key, std::string comment,
     return spec;
 }
 
+// A boolean key kept in a member.
+TKeySpec BoolKey(std::string section, std::string key, std::string comment,
+                 bool TDriverConfig::*member) {
+    TKeySpec spec{std::move(section), std::move(key), std::move(comment), nullptr, nullptr, false};
+    spec.read = [member](const toml::node& node, const TConfigChecks&, TDriverConfig* config,
+                         std::string* error) {
+        const auto* value = node.as_boolean();
+        if (value == nullptr) {
+            *error = std::string("must be true or false, not ") + TypeName(node.type());
+            return false;
+        }
+        config->*member = value->get();
+        return true;
+    };
+    spec.print = [member](const TDriverConfig& config, const TConfigChecks&) {
+        return std::string(config.*member ? "true" : "false");
+    };
+    return spec;
+}
+
+// An integer key from `low` to `high` kept in a member.
+TKeySpec IntKey(std::string section, std::string key, std::string comment,
+                int TDriverConfig::*member, int low, int high) {
+    TKeySpec spec{std::move(section), std::move(key), std::move(comment), nullptr, nullptr, false};
+    spec.read = [member, low, high](const toml::node& node, const TConfigChecks&,
+                                    TDriverConfig* config, std::string* error) {
+        const auto* value = node.as_integer();
+        if (value == nullptr) {
+            *error = std::string("must be a whole number, not ") + TypeName(node.type());
+            return false;
+        }
+        if (value->get() < low || value->get() > high) {
+            *error = std::to_string(value->get()) + " is out of range " + std::to_string(low) +
+                     ".." + std::to_string(high);
+            return false;
+        }
+        config->*member = static_cast<int>(value->get());
+        return true;
+    };
+    spec.print = [member](const TDriverConfig& config, const TConfigChecks&) {
+        return std::to_string(config.*member);
+    };
+    return spec;
+}
+
 bool OneOf(const std::string& value, const std::vector<std::string>& valid, std::string* error) {
     for (const std::string& v : valid) {
         if (v == value) return true;
@@ -169,6 +216,28 @@ std::vector<TKeySpec> BuildKeySpecs() {
         };
         specs.push_back(std::move(spec));
     }
+    specs.push_back(BoolKey("output", "touchscreen",
+                            "Also present each frame as a multitouch touchscreen, as --touchscreen.",
+                            &TDriverConfig::touchscreen));
+    specs.push_back(IntKey("output", "width_mm",
+                           "The touch surface's width in millimetres; 0: the default size.",
+                           &TDriverConfig::touchscreenWidthMm, 0, 20000));
+    specs.push_back(IntKey("output", "height_mm",
+                           "The touch surface's height in millimetres; 0: the default size.",
+                           &TDriverConfig::touchscreenHeightMm, 0, 20000));
+    specs.push_back(BoolKey("output.tuio", "enabled",
+                            "Also send the contacts as TUIO 1.1 cursors, as --tuio.",
+                            &TDriverConfig::tuio));
+    specs.push_back(StringKey(
+        "output.tuio", "target",
+        "\"[HOST:]PORT\" every area sends to; \"\": each area's own target from the frame.",
+        &TDriverConfig::tuioTarget,
+        [](const std::string& value, const TConfigChecks&, std::string* error) {
+            return value.empty() || ParseTuioTarget(value, error).has_value();
+        }));
+    specs.push_back(BoolKey("output.tuio", "allow_device_targets",
+                            "Use an area's target from the frame even when it is another machine.",
+                            &TDriverConfig::tuioAllowDeviceTargets));
     return specs;
 }
 

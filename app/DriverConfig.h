@@ -41,6 +41,14 @@ struct TDriverConfig {
     std::string screenOutput;  // an XRandR output's name; empty: not set (the primary)
     std::string keyProfile;    // one of TConfigChecks::keyProfiles
     TShortcutOverrides shortcuts;  // the file's chord per named shortcut, in one spelling
+    // [output]: the native outputs besides the gestures.
+    bool touchscreen = false;
+    int touchscreenWidthMm = 0;   // 0: the touchscreen's default size
+    int touchscreenHeightMm = 0;
+    // [output.tuio]
+    bool tuio = false;
+    std::string tuioTarget;       // "[HOST:]PORT" for every area; empty: each area's own
+    bool tuioAllowDeviceTargets = false;
 
     bool operator==(const TDriverConfig&) const = default;
 };

@@ -89,6 +89,15 @@ std::optional<int> ApplyConfigFile(const CLI::App& app, const std::string& path,
     if (app.count("--display") == 0) opt->display = config.screenOutput;
     if (app.count("--keys") == 0) opt->keys = config.keyProfile;
     opt->shortcuts = config.shortcuts;
+    // A dry run posts nothing: the file's touchscreen waits for a real run.
+    if (app.count("--touchscreen") == 0) opt->touchscreen = config.touchscreen && !opt->dryRun;
+    opt->touchscreenWidthMm = config.touchscreenWidthMm;
+    opt->touchscreenHeightMm = config.touchscreenHeightMm;
+    if (app.count("--tuio") == 0) {
+        opt->tuio.enabled = config.tuio;
+        opt->tuio.target = config.tuioTarget;
+    }
+    opt->tuio.allowDeviceTargets = config.tuioAllowDeviceTargets;
     return std::nullopt;
 }
 
@@ -106,6 +115,12 @@ std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChe
     config.screenOutput = opt.display;
     config.keyProfile = opt.keys;
     config.shortcuts = opt.shortcuts;
+    config.touchscreen = opt.touchscreen;
+    config.touchscreenWidthMm = opt.touchscreenWidthMm;
+    config.touchscreenHeightMm = opt.touchscreenHeightMm;
+    config.tuio = opt.tuio.enabled;
+    config.tuioTarget = opt.tuio.target;
+    config.tuioAllowDeviceTargets = opt.tuio.allowDeviceTargets;
     std::fputs(PrintConfig(config, checks).c_str(), stdout);
     return std::fflush(stdout) == 0 && !std::ferror(stdout) ? kExitOk : kExitCannotStart;
 }

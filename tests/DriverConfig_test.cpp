@@ -36,7 +36,10 @@ TEST(DriverConfig, ReadsEverySection) {
                       "[screen]\nsize = \"1280x800\"\noutput = \"HDMI-1\"\n"
                       "[keys]\nprofile = \"desktop\"\n"
                       "[shortcuts]\nrotate-clockwise = \"Alt + Ctrl + Left\"\n"
-                      "four-finger-spread = \"none\"\n",
+                      "four-finger-spread = \"none\"\n"
+                      "[output]\ntouchscreen = true\nwidth_mm = 1210\nheight_mm = 680\n"
+                      "[output.tuio]\nenabled = true\ntarget = \"127.0.0.1:3334\"\n"
+                      "allow_device_targets = true\n",
                       &config, &error))
         << error;
     TDriverConfig expected = DefaultDriverConfig(Checks());
@@ -46,6 +49,12 @@ TEST(DriverConfig, ReadsEverySection) {
     expected.keyProfile = "desktop";
     expected.shortcuts[Index(TGestureShortcut::RotateClockwise)] = "ctrl+alt+left";
     expected.shortcuts[Index(TGestureShortcut::FourFingerSpread)] = "none";
+    expected.touchscreen = true;
+    expected.touchscreenWidthMm = 1210;
+    expected.touchscreenHeightMm = 680;
+    expected.tuio = true;
+    expected.tuioTarget = "127.0.0.1:3334";
+    expected.tuioAllowDeviceTargets = true;
     EXPECT_EQ(config, expected);
 
     const auto chords = EffectiveShortcuts(config, Checks());
@@ -103,12 +112,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         TErrorCase{"loglevel = \"info\"\n",
                    "irframe.toml:1:1: unknown key \"loglevel\"; valid keys: log_level, [screen], "
-                   "[keys], [shortcuts]"},
+                   "[keys], [shortcuts], [output]"},
         TErrorCase{"[screen]\nsise = \"1x1\"\n",
                    "irframe.toml:2:1: unknown key \"sise\" in [screen]; valid keys: size, output"},
         TErrorCase{"[display]\nname = \"x\"\n",
                    "irframe.toml:1:2: unknown key \"display\"; valid keys: log_level, [screen], "
-                   "[keys], [shortcuts]"},
+                   "[keys], [shortcuts], [output]"},
         TErrorCase{"[screen.extra]\n",
                    "irframe.toml:1:9: unknown key \"extra\" in [screen]; valid keys: size, "
                    "output"},
@@ -145,6 +154,12 @@ INSTANTIATE_TEST_SUITE_P(
                    "WIDTHxHEIGHT+X+Y (such as \"1920x1080\" or \"2560x1440+1920+0\")"},
         TErrorCase{"[screen]\noutput = \"HDMI 1\"\n",
                    "irframe.toml:2:10: screen.output: \"HDMI 1\" is not an output name: ..."},
+        TErrorCase{"[output]\ntouchscreen = \"yes\"\n",
+                   "irframe.toml:2:15: output.touchscreen: must be true or false, not a string"},
+        TErrorCase{"[output]\nwidth_mm = 30000\n",
+                   "irframe.toml:2:12: output.width_mm: 30000 is out of range 0..20000"},
+        TErrorCase{"[output.tuio]\ntarget = \"localhost:0\"\n",
+                   "irframe.toml:2:10: output.tuio.target: ..."},
         TErrorCase{"log_level = \n", "irframe.toml:1:13: not valid TOML: ..."},
         TErrorCase{"log_level = \"info\"\nlog_level = \"debug\"\n",
                    "irframe.toml:2:13: not valid TOML: ... cannot redefine existing string "
@@ -187,6 +202,10 @@ TEST(DriverConfig, PrintReadsBack) {
     custom.keyProfile = "literal";
     custom.shortcuts[Index(TGestureShortcut::Pinch)] = "none";
     custom.shortcuts[Index(TGestureShortcut::FourFingerUp)] = "super+pageup";
+    custom.touchscreen = true;
+    custom.touchscreenHeightMm = 300;
+    custom.tuio = true;
+    custom.tuioTarget = "9000";
 
     for (const TDriverConfig& original : {DefaultDriverConfig(Checks()), custom}) {
         const std::string printed = PrintConfig(original, Checks());
