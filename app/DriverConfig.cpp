@@ -238,6 +238,24 @@ std::vector<TKeySpec> BuildKeySpecs() {
     specs.push_back(BoolKey("output.tuio", "allow_device_targets",
                             "Use an area's target from the frame even when it is another machine.",
                             &TDriverConfig::tuioAllowDeviceTargets));
+    // One key per calibration area a frame can hold; only the areas given are printed.
+    for (int area = 0; area < 32; ++area) {
+        TKeySpec spec{"output.tuio.areas", std::to_string(area),
+                      "area " + std::to_string(area) + ": \"[HOST:]PORT\"", nullptr, nullptr,
+                      true};
+        spec.read = [area](const toml::node& node, const TConfigChecks&, TDriverConfig* config,
+                           std::string* error) {
+            std::string text;
+            if (!ReadString(node, &text, error) || !ParseTuioTarget(text, error)) return false;
+            config->tuioAreaTargets[area] = std::move(text);
+            return true;
+        };
+        spec.print = [area](const TDriverConfig& config, const TConfigChecks&) {
+            const auto it = config.tuioAreaTargets.find(area);
+            return it == config.tuioAreaTargets.end() ? std::string() : TomlString(it->second);
+        };
+        specs.push_back(std::move(spec));
+    }
     return specs;
 }
 
@@ -632,7 +650,9 @@ std::string PrintConfig(const TDriverConfig& config, const TConfigChecks& checks
         if (!section.empty()) out += "[" + section + "]\n";
         for (const TKeySpec& spec : KeySpecs()) {
             if (spec.section != section) continue;
-            const std::string line = spec.key + " = " + spec.print(config, checks);
+            const std::string value = spec.print(config, checks);
+            if (value.empty()) continue;  // a key that is not set and has no default
+            const std::string line = spec.key + " = " + value;
             if (spec.commentAfter) {
                 out += line + "  # " + spec.comment + "\n";
             } else {

@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -49,6 +50,7 @@ struct TDriverConfig {
     bool tuio = false;
     std::string tuioTarget;       // "[HOST:]PORT" for every area; empty: each area's own
     bool tuioAllowDeviceTargets = false;
+    std::map<int, std::string> tuioAreaTargets;  // [output.tuio.areas]: by area index 0..31
 
     bool operator==(const TDriverConfig&) const = default;
 };

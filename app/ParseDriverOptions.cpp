@@ -98,6 +98,7 @@ std::optional<int> ApplyConfigFile(const CLI::App& app, const std::string& path,
         opt->tuio.target = config.tuioTarget;
     }
     opt->tuio.allowDeviceTargets = config.tuioAllowDeviceTargets;
+    opt->tuio.areaTargets = config.tuioAreaTargets;
     return std::nullopt;
 }
 
@@ -121,6 +122,7 @@ std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChe
     config.tuio = opt.tuio.enabled;
     config.tuioTarget = opt.tuio.target;
     config.tuioAllowDeviceTargets = opt.tuio.allowDeviceTargets;
+    config.tuioAreaTargets = opt.tuio.areaTargets;
     std::fputs(PrintConfig(config, checks).c_str(), stdout);
     return std::fflush(stdout) == 0 && !std::ferror(stdout) ? kExitOk : kExitCannotStart;
 }

@@ -39,7 +39,8 @@ TEST(DriverConfig, ReadsEverySection) {
                       "four-finger-spread = \"none\"\n"
                       "[output]\ntouchscreen = true\nwidth_mm = 1210\nheight_mm = 680\n"
                       "[output.tuio]\nenabled = true\ntarget = \"127.0.0.1:3334\"\n"
-                      "allow_device_targets = true\n",
+                      "allow_device_targets = true\n"
+                      "[output.tuio.areas]\n1 = \"3335\"\n",
                       &config, &error))
         << error;
     TDriverConfig expected = DefaultDriverConfig(Checks());
@@ -55,6 +56,7 @@ TEST(DriverConfig, ReadsEverySection) {
     expected.tuio = true;
     expected.tuioTarget = "127.0.0.1:3334";
     expected.tuioAllowDeviceTargets = true;
+    expected.tuioAreaTargets = {{1, "3335"}};
     EXPECT_EQ(config, expected);
 
     const auto chords = EffectiveShortcuts(config, Checks());
@@ -160,6 +162,8 @@ INSTANTIATE_TEST_SUITE_P(
                    "irframe.toml:2:12: output.width_mm: 30000 is out of range 0..20000"},
         TErrorCase{"[output.tuio]\ntarget = \"localhost:0\"\n",
                    "irframe.toml:2:10: output.tuio.target: ..."},
+        TErrorCase{"[output.tuio.areas]\n32 = \"3333\"\n",
+                   "irframe.toml:2:1: unknown key \"32\" in [output.tuio.areas]; valid keys: ..."},
         TErrorCase{"log_level = \n", "irframe.toml:1:13: not valid TOML: ..."},
         TErrorCase{"log_level = \"info\"\nlog_level = \"debug\"\n",
                    "irframe.toml:2:13: not valid TOML: ... cannot redefine existing string "
@@ -206,6 +210,7 @@ TEST(DriverConfig, PrintReadsBack) {
     custom.touchscreenHeightMm = 300;
     custom.tuio = true;
     custom.tuioTarget = "9000";
+    custom.tuioAreaTargets = {{0, "127.0.0.1:3333"}, {31, "9001"}};
 
     for (const TDriverConfig& original : {DefaultDriverConfig(Checks()), custom}) {
         const std::string printed = PrintConfig(original, Checks());
