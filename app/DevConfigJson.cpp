@@ -998,6 +998,23 @@ bool DevConfigOverrideFromJson(std::string_view text, _HARDWARE_CONFIG_OVERRIDE*
     return ReadDocument(text, override, error, ReadOverride);
 }
 
+bool DevTextUnitsToUtf8(const std::vector<uint16_t>& units, std::string* utf8) {
+    return UnitsToUtf8(units, utf8);
+}
+
+std::string DevConfigSummary(const _HARDWARE_DEV_CONFIG& config) {
+    const int areas = std::min<int>(config.areaCount, DEV_CONFIG_MAX_AREAS);
+    const int panels = std::min<int>(config.panelCount, DEV_CONFIG_MAX_PANELS);
+    int keys = 0;
+    for (int p = 0; p < panels; ++p) {
+        keys += std::min(config.panels[p].rows * config.panels[p].columns, DEV_CONFIG_MAX_KEYS);
+    }
+    std::string text = std::to_string(areas) + (areas == 1 ? " area, " : " areas, ") +
+                       std::to_string(panels) + (panels == 1 ? " panel" : " panels");
+    if (panels > 0) text += " (" + std::to_string(keys) + (keys == 1 ? " key)" : " keys)");
+    return text;
+}
+
 std::vector<std::string> DevConfigDifferences(const _HARDWARE_DEV_CONFIG& from,
                                               const _HARDWARE_DEV_CONFIG& to) {
     std::vector<std::string> out;

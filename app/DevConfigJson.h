@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,13 @@ bool DevConfigFromJson(std::string_view text, _HARDWARE_DEV_CONFIG* config, std:
 std::string DevConfigOverrideToJson(const _HARDWARE_CONFIG_OVERRIDE& override);
 bool DevConfigOverrideFromJson(std::string_view text, _HARDWARE_CONFIG_OVERRIDE* override,
                                std::string* error);
+
+// A text's 16-bit code units as UTF-8; false when they are not well-formed UTF-16 (the dump then
+// writes the units themselves).
+bool DevTextUnitsToUtf8(const std::vector<uint16_t>& units, std::string* utf8);
+
+// The areas, panels and keys in use, in words: "2 areas, 1 panel (4 keys)", "0 areas, 0 panels".
+std::string DevConfigSummary(const _HARDWARE_DEV_CONFIG& config);
 
 // What changes when `to` replaces `from`, one line per differing value in document order:
 // "/areas/0/targetRect/width: 1920 -> 1280", "/panels/1: added", "/areas/3: removed".

@@ -295,4 +295,15 @@ TEST(DevConfigJson, DifferencesNameEachChangedValue) {
     EXPECT_TRUE(DevConfigDifferences(*from, *from).empty());
 }
 
+TEST(DevConfigJson, SummaryCountsWhatIsInUse) {
+    auto c = Filled(0);
+    EXPECT_EQ(DevConfigSummary(*c), "0 areas, 0 panels");
+    c->areaCount = 1;
+    c->panelCount = 1;
+    c->panels[0].rows = 1;
+    c->panels[0].columns = 1;
+    EXPECT_EQ(DevConfigSummary(*c), "1 area, 1 panel (1 key)");
+    EXPECT_EQ(DevConfigSummary(*RichRecord()), "3 areas, 2 panels (6 keys)");
+}
+
 }  // namespace
