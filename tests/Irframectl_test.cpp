@@ -837,18 +837,21 @@ protected:
     bool StartDriver(Lines args) {
         args.insert(args.end(), {"--dry-run", "--output", Path("driver.json")});
         m_driver = std::make_unique<CChild>(Start(IRFRAMED_PATH, args));
-        // The bus interface is up before discovery starts.
-        m_driver->WaitForErr("STEP 5");
+        // The interface starts with the driver; by the time its frame is found, the name is
+        // taken or about to be (a short bound, only ever waited out where it is not served).
+        if (!m_driver->WaitForErr("frame 1 found")) return false;
         sd_bus* bus = m_bus->Connect();
-        sd_bus_message* reply = nullptr;
         int owned = 0;
-        if (bus != nullptr &&
-            sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                               "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
-                               kBusName) >= 0) {
-            sd_bus_message_read(reply, "b", &owned);
+        for (int tries = 0; bus != nullptr && owned == 0 && tries < 100; ++tries) {
+            sd_bus_message* reply = nullptr;
+            if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
+                                   kBusName) >= 0) {
+                sd_bus_message_read(reply, "b", &owned);
+            }
+            sd_bus_message_unref(reply);
+            if (owned == 0) usleep(20'000);
         }
-        sd_bus_message_unref(reply);
         sd_bus_flush_close_unref(bus);
         return owned != 0;
     }
