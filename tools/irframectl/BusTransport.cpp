@@ -63,14 +63,19 @@ std::vector<uint8_t> HexToBytes(const std::string& hex, const std::string& what)
     return out;
 }
 
-// {"bytes":"hex..."} from the driver.
-std::vector<uint8_t> BytesFromJson(const std::string& text, const std::string& what) {
+}  // namespace
+
+std::vector<uint8_t> BytesFromDriverJson(const std::string& text, const std::string& what) {
+    if (text.size() > kMaxReplyBytes) throw CToolError(kCtlFailure, what + ": reply too long");
     const nlohmann::json j = nlohmann::json::parse(text, nullptr, false);
-    if (j.is_discarded() || !j.is_object() || !j.contains("bytes") || !j["bytes"].is_string()) {
+    if (j.is_discarded() || !j.is_object() || j.size() != 1 || !j.contains("bytes") ||
+        !j["bytes"].is_string()) {
         throw CToolError(kCtlFailure, what + ": the driver's answer is not {\"bytes\": \"...\"}");
     }
     return HexToBytes(j["bytes"].get<std::string>(), what);
 }
+
+namespace {
 
 class CBusFrame final : public IFrame {
 public:
@@ -80,12 +85,12 @@ public:
     TFrameEntry Describe() override;
 
     std::vector<uint8_t> ReadInfo() override {
-        return BytesFromJson(CallForString("ReadInfo", "reading the information block"),
+        return BytesFromDriverJson(CallForString("ReadInfo", "reading the information block"),
                              "reading the information block");
     }
 
     std::vector<uint8_t> ReadStatus() override {
-        return BytesFromJson(CallForString("ReadStatus", "reading the status"),
+        return BytesFromDriverJson(CallForString("ReadStatus", "reading the status"),
                              "reading the status");
     }
 

@@ -12,8 +12,10 @@
 // 4, Busy 6, Cancelled 5, Gone and Failed 1.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "FrameAccess.h"
 
@@ -31,6 +33,10 @@ sd_bus* OpenSessionBus(std::string* error);
 bool DriverOnBus(sd_bus* bus);
 // Takes over the reference to `bus`.
 std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus);
+
+// {"bytes":"<hex>"}, the driver's form of a block it read (information block, status).
+// Throws CToolError for anything else.
+std::vector<uint8_t> BytesFromDriverJson(const std::string& text, const std::string& what);
 
 // Exit code for a D-Bus error name (the driver's own, or the bus's).
 int ExitCodeForBusError(const std::string& name);
