@@ -14,6 +14,7 @@
 
 #include "DevConfigJson.h"
 #include "GestureRecorder.h"
+#include "GestureScript.h"
 #include "Present.h"
 
 namespace {
@@ -301,7 +302,10 @@ int CmdRecord(TToolContext& ctx, const std::string& file) {
     const TStreamEnd end = o.frame->StreamContacts(
         [&](const TMonitoredFrame& frame) {
             recorder.Add(frame);
-            return true;
+            if (recorder.Frames() < SCRIPT_MAX_FRAMES) return true;
+            ctx.err << "the script holds " << SCRIPT_MAX_FRAMES
+                    << " frames, as many as a script may: recording ends\n";
+            return false;
         },
         ctx.interrupted, [&] { Listening(ctx, o.description, ("recording " + file + " from").c_str()); });
     recorder.Finish();
