@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "DevConfigJson.h"
 #include "DeviceListControl.h"
 #include "DriverOutputs.h"
 #include "LinuxBackend.h"
@@ -56,7 +57,9 @@ int main(int argc, char** argv) {
             std::make_unique<CSimBackend>(*loop, options, &CLinuxBackend::AdoptHidPort));
     }
     backends.push_back(std::make_unique<CDriverOutputs>(options));
-    backends.push_back(std::make_unique<CLinuxBackend>(*loop, options, &control));
+    // The bus interface hands out and takes configurations as the JSON of irframectl.
+    const TConfigJsonCodec codec{DevConfigToJson, DevConfigFromJson, DevConfigOverrideFromJson};
+    backends.push_back(std::make_unique<CLinuxBackend>(*loop, options, &control, codec));
     TShellPorts ports;
     for (const std::unique_ptr<IShellBackend>& backend : backends) {
         TBackendFailure failure;

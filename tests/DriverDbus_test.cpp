@@ -377,9 +377,9 @@ TEST_F(DriverDbus, ListsFramesAndAnswersReads) {
     ASSERT_EQ(pattern.bytes.size(), 70u) << pattern.error << pattern.message;
     EXPECT_EQ(pattern.bytes[2], 70);
 
-    const TCall bad = Call(1, "WriteOverride", "s", R"({"flags":1})");
+    const TCall bad = Call(1, "WriteOverride", "s", R"({"flags":"0x1"})");
     EXPECT_EQ(bad.error, "org.irframe.Driver1.Error.InvalidArgument");
-    EXPECT_THAT(bad.message, HasSubstr("$.option1: missing"));
+    EXPECT_THAT(bad.message, HasSubstr("/: missing member"));
     EXPECT_EQ(driver.Stop(), 0) << driver.Log();
 }
 
@@ -435,13 +435,14 @@ TEST_F(DriverDbus, ContactsAfterAnOverride) {
     ASSERT_TRUE(Until([&] { return Running(1); })) << driver.Log();
     EXPECT_FALSE(Signalled("Contacts"));
     ASSERT_EQ(Call(1, "SubscribeContacts").error, "");
+    // The override as the configuration codec reads it (docs/config-json.md).
     const std::string override =
-        R"({"flags":1056517,"option1":255,"option2":0,"option3":0,"value0":2500,"value1":0,)"
-        R"("edgeAdjust":[0,0,0,0]})";
+        R"({"format":"irframe-config-override","version":1,"flags":"0x00101F05","option1":255,)"
+        R"("option2":0,"option3":0,"value0":2500,"value1":0,)"
+        R"("edgeAdjust":{"minusX":0,"plusX":0,"minusY":0,"plusY":0}})";
     const TCall written = Call(1, "WriteOverride", "s", override);
-    // Without a configuration writer the call reports that, after the frame took the write.
-    EXPECT_TRUE(written.error.empty() || written.message.find("JSON writer") != std::string::npos)
-        << written.error << " " << written.message;
+    EXPECT_EQ(written.error, "") << written.message;
+    EXPECT_THAT(written.text, HasSubstr("\"flags\": \"0x00101F05\""));
     ASSERT_TRUE(Until([&] { return Signalled("Contacts " + FramePath(1) + " 1:2"); }))
         << testing::PrintToString(m_signals) << driver.Log();
     EXPECT_TRUE(Signalled("Contacts " + FramePath(1) + " 1:0"));

@@ -1,0 +1,939 @@
+// irframectl end to end, the tool binary itself:
+//   - on an emulated frame it opens directly (--simulate): monitor, record and replay through
+//     irframed, configuration dump and restore, transfers, usage;
+//   - through a stand-in for the driver's D-Bus interface on a private session bus: the same
+//     commands over the bus, progress and Ctrl-C, the driver's refusals;
+//   - through irframed itself on a private bus, once the driver serves its interface (skipped
+//     while it does not).
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "DevConfigJson.h"
+
+extern char** environ;
+
+namespace {
+
+using testing::HasSubstr;
+using Lines = std::vector<std::string>;
+using Json = nlohmann::ordered_json;
+
+constexpr int kSafetyMillis = 60'000;  // a bound against a hang, not a measurement
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+Lines SplitLines(const std::string& text) {
+    Lines lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// A child process with its output in files.
+class CChild {
+public:
+    CChild(Lines argv, const std::string& out, const std::string& err) : m_out(out), m_err(err) {
+        std::vector<char*> cargv;
+        for (std::string& a : argv) cargv.push_back(a.data());
+        cargv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (posix_spawn(&m_pid, cargv[0], &actions, nullptr, cargv.data(), environ) != 0) {
+            m_pid = -1;
+            ADD_FAILURE() << "cannot start " << argv[0];
+        }
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    CChild(CChild&& other) noexcept
+        : m_pid(std::exchange(other.m_pid, -1)), m_status(other.m_status),
+          m_out(std::move(other.m_out)), m_err(std::move(other.m_err)) {}
+    CChild(const CChild&) = delete;
+    CChild& operator=(const CChild&) = delete;
+    ~CChild() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    // Until standard error holds `text`; false when the child ended first.
+    bool WaitForErr(const std::string& text) {
+        for (int waited = 0; waited < kSafetyMillis; waited += 5) {
+            if (ReadFile(m_err).find(text) != std::string::npos) return true;
+            if (Ended()) return ReadFile(m_err).find(text) != std::string::npos;
+            usleep(5'000);
+        }
+        return false;
+    }
+    void Signal(int signal) {
+        if (m_pid > 0) kill(m_pid, signal);
+    }
+    // The exit status, or -1 when it did not exit normally.
+    int Wait() {
+        for (int waited = 0; waited < kSafetyMillis && !Ended(); waited += 5) usleep(5'000);
+        if (!Ended()) {
+            ADD_FAILURE() << "child did not end";
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+            m_pid = -1;
+        }
+        return m_status;
+    }
+    bool Ended() {
+        if (m_pid <= 0) return true;
+        int wstatus = 0;
+        if (waitpid(m_pid, &wstatus, WNOHANG) != m_pid) return false;
+        m_status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+        m_pid = -1;
+        return true;
+    }
+    std::string Out() const { return ReadFile(m_out); }
+    std::string Err() const { return ReadFile(m_err); }
+
+private:
+    pid_t m_pid = -1;
+    int m_status = -1;
+    std::string m_out, m_err;
+};
+
+struct TRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// A private session bus, named in DBUS_SESSION_BUS_ADDRESS for every child while it lives.
+class CPrivateBus {
+public:
+    CPrivateBus() {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+        posix_spawn_file_actions_addclose(&actions, fds[0]);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--session"),
+                        const_cast<char*>("--print-address"), const_cast<char*>("--nofork"),
+                        nullptr};
+        if (posix_spawnp(&m_pid, "dbus-daemon", &actions, nullptr, argv, environ) != 0) m_pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        close(fds[1]);
+        char c;
+        while (m_pid > 0 && read(fds[0], &c, 1) == 1 && c != '\n') m_address.push_back(c);
+        close(fds[0]);
+        if (!m_address.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", m_address.c_str(), 1);
+    }
+    ~CPrivateBus() {
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    bool Ready() const { return !m_address.empty(); }
+    const std::string& Address() const { return m_address; }
+
+    // A client connection of the test's own.
+    sd_bus* Connect() const {
+        sd_bus* bus = nullptr;
+        if (sd_bus_new(&bus) < 0) return nullptr;
+        if (sd_bus_set_address(bus, m_address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
+            sd_bus_start(bus) < 0) {
+            sd_bus_unref(bus);
+            return nullptr;
+        }
+        return bus;
+    }
+
+private:
+    pid_t m_pid = -1;
+    std::string m_address;
+};
+
+// ---------------------------------------------------------------------------------------------
+// A stand-in for the driver's interface: frames with fixed properties, a stored configuration,
+// scripted contact frames, and transfers that report progress, wait for Cancel or are refused.
+
+constexpr const char* kBusName = "org.irframe.Driver1";
+constexpr const char* kRoot = "/org/irframe/Driver1";
+constexpr const char* kFrameIface = "org.irframe.Driver1.Frame";
+constexpr const char* kError = "org.irframe.Driver1.Error.";
+
+struct TFakeContact {
+    uint8_t id, status;
+    bool retired;
+    int32_t x, y;
+    uint16_t rawX, rawY;
+    uint8_t group, index;
+};
+
+struct TFakeFrame {
+    int number = 1;
+    std::string node = "/dev/hidraw4";
+    std::string serial = "S1";
+    std::string state = "running";
+    std::string config;  // JSON
+    std::vector<std::pair<int64_t, std::vector<TFakeContact>>> contacts;  // sent on subscribe
+    std::string refuseWrite;  // WriteConfig answers InvalidArgument with this, when set
+};
+
+class CFakeDriver {
+public:
+    CFakeDriver(const CPrivateBus& bus, std::vector<TFakeFrame> frames) : m_bus(bus.Connect()) {
+        for (TFakeFrame& f : frames) m_frames.push_back(std::make_unique<TObject>(TObject{this, f}));
+        if (m_bus == nullptr) return;
+        sd_bus_add_object_vtable(m_bus, nullptr, kRoot, "org.irframe.Driver1", kRootTable, this);
+        for (auto& object : m_frames) {
+            sd_bus_add_object_vtable(m_bus, nullptr, Path(object->frame.number).c_str(),
+                                     kFrameIface, kFrameTable, object.get());
+        }
+        m_ok = sd_bus_request_name(m_bus, kBusName, 0) >= 0;
+        m_thread = std::thread([this] {
+            while (!m_stop.load()) {
+                if (sd_bus_process(m_bus, nullptr) > 0) continue;
+                sd_bus_wait(m_bus, 10'000);
+            }
+        });
+    }
+    ~CFakeDriver() {
+        m_stop.store(true);
+        if (m_thread.joinable()) m_thread.join();
+        if (m_pending != nullptr) sd_bus_message_unref(m_pending);
+        sd_bus_flush_close_unref(m_bus);
+    }
+
+    bool Ok() const { return m_ok; }
+    int Calls(const std::string& method) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_calls[method];
+    }
+    std::string Config(int frame) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_frames[static_cast<size_t>(frame - 1)]->frame.config;
+    }
+
+private:
+    // What the frame objects' handlers get.
+    struct TObject {
+        CFakeDriver* driver;
+        TFakeFrame frame;
+    };
+
+    static std::string Path(int number) { return std::string(kRoot) + "/frame" + std::to_string(number); }
+
+    static CFakeDriver* Owner(void* object) { return static_cast<TObject*>(object)->driver; }
+    static TFakeFrame& Of(void* object) { return static_cast<TObject*>(object)->frame; }
+    void Count(const char* method) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_calls[method];
+    }
+
+    static int ListFrames(sd_bus_message* m, void* self, sd_bus_error*) {
+        auto* d = static_cast<CFakeDriver*>(self);
+        sd_bus_message* reply = nullptr;
+        sd_bus_message_new_method_return(m, &reply);
+        sd_bus_message_open_container(reply, 'a', "o");
+        for (const auto& o : d->m_frames) sd_bus_message_append(reply, "o", Path(o->frame.number).c_str());
+        sd_bus_message_close_container(reply);
+        const int r = sd_bus_send(nullptr, reply, nullptr);
+        sd_bus_message_unref(reply);
+        return r;
+    }
+
+    static int Property(sd_bus*, const char*, const char*, const char* property,
+                        sd_bus_message* reply, void* frame, sd_bus_error*) {
+        const TFakeFrame& f = Of(frame);
+        const std::string p = property;
+        if (p == "Number") return sd_bus_message_append(reply, "i", f.number);
+        if (p == "Node") return sd_bus_message_append(reply, "s", f.node.c_str());
+        if (p == "VendorId") return sd_bus_message_append(reply, "q", uint16_t{0xAAEC});
+        if (p == "ProductId") return sd_bus_message_append(reply, "q", uint16_t{0xC021});
+        if (p == "Product") return sd_bus_message_append(reply, "s", "IR Touch");
+        if (p == "Serial") return sd_bus_message_append(reply, "s", f.serial.c_str());
+        if (p == "State") return sd_bus_message_append(reply, "s", f.state.c_str());
+        if (p == "Geometry") return sd_bus_message_append(reply, "(iiii)", 8191, 4095, 32766, 16383);
+        return sd_bus_message_append(reply, "s", "1 area, 0 panels");
+    }
+
+    static int Read(sd_bus_message* m, void* frame, sd_bus_error*) {
+        CFakeDriver* d = Owner(frame);
+        const std::string method = sd_bus_message_get_member(m);
+        d->Count(method.c_str());
+        if (method == "ReadConfig") {
+            std::lock_guard<std::mutex> lock(d->m_mutex);
+            return sd_bus_reply_method_return(m, "s", Of(frame).config.c_str());
+        }
+        return sd_bus_reply_method_return(
+            m, "s", method == "ReadInfo" ? R"({"bytes":"49522d3031"})" : R"({"bytes":"00ff10"})");
+    }
+
+    static int WriteConfig(sd_bus_message* m, void* frame, sd_bus_error* error) {
+        CFakeDriver* d = Owner(frame);
+        d->Count("WriteConfig");
+        auto& f = Of(frame);
+        const char* json = nullptr;
+        sd_bus_message_read(m, "s", &json);
+        if (!f.refuseWrite.empty()) {
+            return sd_bus_error_set(error, (std::string(kError) + "InvalidArgument").c_str(),
+                                    f.refuseWrite.c_str());
+        }
+        // Kept as the driver keeps it: read and written again.
+        auto record = std::make_unique<_HARDWARE_DEV_CONFIG>();
+        std::string fault;
+        if (!DevConfigFromJson(json, record.get(), &fault)) {
+            return sd_bus_error_set(error, (std::string(kError) + "InvalidArgument").c_str(),
+                                    fault.c_str());
+        }
+        {
+            std::lock_guard<std::mutex> lock(d->m_mutex);
+            f.config = DevConfigToJson(*record);
+        }
+        return sd_bus_reply_method_return(m, "s", f.config.c_str());
+    }
+
+    static void Progress(sd_bus_message* m, uint32_t done, uint32_t total) {
+        sd_bus_emit_signal(sd_bus_message_get_bus(m), sd_bus_message_get_path(m), kFrameIface,
+                           "Progress", "uu", done, total);
+    }
+
+    static int ReadScanPattern(sd_bus_message* m, void* frame, sd_bus_error*) {
+        Owner(frame)->Count("ReadScanPattern");
+        Progress(m, 3, 6);
+        Progress(m, 6, 6);
+        sd_bus_message* reply = nullptr;
+        sd_bus_message_new_method_return(m, &reply);
+        const uint8_t pattern[] = {0xB2, 0, 6, 0, 0, 0};
+        sd_bus_message_append_array(reply, 'y', pattern, sizeof pattern);
+        const int r = sd_bus_send(nullptr, reply, nullptr);
+        sd_bus_message_unref(reply);
+        return r;
+    }
+
+    // Reports a quarter done and waits for Cancel.
+    static int WriteScanPattern(sd_bus_message* m, void* frame, sd_bus_error*) {
+        CFakeDriver* d = Owner(frame);
+        d->Count("WriteScanPattern");
+        d->m_pending = sd_bus_message_ref(m);
+        Of(frame).state = "running";
+        Progress(m, 250, 1000);
+        return 1;
+    }
+
+    static int WriteTouchSystemFile(sd_bus_message*, void* frame, sd_bus_error* error) {
+        Owner(frame)->Count("WriteTouchSystemFile");
+        return sd_bus_error_set(error, (std::string(kError) + "Busy").c_str(),
+                                "frame 1 is busy with another client's transfer");
+    }
+
+    static int Cancel(sd_bus_message* m, void* frame, sd_bus_error*) {
+        CFakeDriver* d = Owner(frame);
+        d->Count("Cancel");
+        if (d->m_pending != nullptr) {
+            sd_bus_reply_method_errorf(d->m_pending, (std::string(kError) + "Cancelled").c_str(),
+                                       "the transfer was cancelled");
+            d->m_pending = sd_bus_message_unref(d->m_pending);
+        }
+        return sd_bus_reply_method_return(m, "");
+    }
+
+    // Answers, then sends the scripted contact frames and says the frame went away.
+    static int Subscribe(sd_bus_message* m, void* frame, sd_bus_error*) {
+        Owner(frame)->Count("SubscribeContacts");
+        const TFakeFrame& f = Of(frame);
+        sd_bus* bus = sd_bus_message_get_bus(m);
+        sd_bus_reply_method_return(m, "");
+        for (const auto& [stamp, contacts] : f.contacts) {
+            sd_bus_message* s = nullptr;
+            sd_bus_message_new_signal(bus, &s, Path(f.number).c_str(), kFrameIface, "Contacts");
+            sd_bus_message_append(s, "x", stamp);
+            sd_bus_message_open_container(s, 'a', "(yybiiiiqqyy)");
+            for (const TFakeContact& c : contacts) {
+                sd_bus_message_append(s, "(yybiiiiqqyy)", c.id, c.status, static_cast<int>(c.retired),
+                                      c.x, c.y, 0, 0, c.rawX, c.rawY, c.group, c.index);
+            }
+            sd_bus_message_close_container(s);
+            sd_bus_send(bus, s, nullptr);
+            sd_bus_message_unref(s);
+        }
+        sd_bus_emit_signal(bus, kRoot, "org.irframe.Driver1", "FrameRemoved", "o",
+                           Path(f.number).c_str());
+        return 1;
+    }
+
+    static int Unsubscribe(sd_bus_message* m, void* frame, sd_bus_error*) {
+        Owner(frame)->Count("UnsubscribeContacts");
+        return sd_bus_reply_method_return(m, "");
+    }
+
+    static const sd_bus_vtable kRootTable[];
+    static const sd_bus_vtable kFrameTable[];
+
+    std::vector<std::unique_ptr<TObject>> m_frames;
+    sd_bus* m_bus;
+    bool m_ok = false;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::map<std::string, int> m_calls;
+    sd_bus_message* m_pending = nullptr;  // a transfer waiting for Cancel; the bus thread's
+};
+
+const sd_bus_vtable CFakeDriver::kRootTable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("ListFrames", "", "ao", &CFakeDriver::ListFrames, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL("FrameAdded", "o", 0),
+    SD_BUS_SIGNAL("FrameRemoved", "o", 0),
+    SD_BUS_VTABLE_END};
+
+const sd_bus_vtable CFakeDriver::kFrameTable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_PROPERTY("Number", "i", &CFakeDriver::Property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("Node", "s", &CFakeDriver::Property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("VendorId", "q", &CFakeDriver::Property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("ProductId", "q", &CFakeDriver::Property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("Product", "s", &CFakeDriver::Property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("Serial", "s", &CFakeDriver::Property, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("State", "s", &CFakeDriver::Property, 0, 0),
+    SD_BUS_PROPERTY("Geometry", "(iiii)", &CFakeDriver::Property, 0, 0),
+    SD_BUS_PROPERTY("ConfigSummary", "s", &CFakeDriver::Property, 0, 0),
+    SD_BUS_METHOD("ReadInfo", "", "s", &CFakeDriver::Read, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("ReadStatus", "", "s", &CFakeDriver::Read, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("ReadConfig", "", "s", &CFakeDriver::Read, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("WriteConfig", "s", "s", &CFakeDriver::WriteConfig, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("ReadScanPattern", "", "ay", &CFakeDriver::ReadScanPattern,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("WriteScanPattern", "ay", "", &CFakeDriver::WriteScanPattern,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("WriteTouchSystemFile", "ay", "", &CFakeDriver::WriteTouchSystemFile,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Cancel", "", "", &CFakeDriver::Cancel, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("SubscribeContacts", "", "", &CFakeDriver::Subscribe, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("UnsubscribeContacts", "", "", &CFakeDriver::Unsubscribe,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL("Progress", "uu", 0),
+    SD_BUS_SIGNAL("Contacts", "xa(yybiiiiqqyy)", 0),
+    SD_BUS_VTABLE_END};
+
+// ---------------------------------------------------------------------------------------------
+
+class Irframectl : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/irframectl_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+        // No session bus unless a test makes one: the tool then opens frames itself.
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
+    }
+    void TearDown() override { std::system(("rm -rf " + m_dir).c_str()); }
+
+    std::string File(const std::string& name, const std::string& text) {
+        const std::string path = m_dir + "/" + name;
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+    std::string Path(const std::string& name) const { return m_dir + "/" + name; }
+
+    CChild Start(const std::string& program, Lines args) {
+        args.insert(args.begin(), program);
+        const std::string tag = std::to_string(m_children++);
+        return CChild(args, Path("out" + tag), Path("err" + tag));
+    }
+
+    TRun Tool(Lines args) {
+        CChild child = Start(IRFRAMECTL_PATH, std::move(args));
+        TRun run;
+        run.status = child.Wait();
+        run.out = child.Out();
+        run.err = child.Err();
+        EXPECT_EQ(run.err.find("Sanitizer"), std::string::npos) << run.err;
+        return run;
+    }
+
+    // The driver's dry-run event lines for a script, played without a bus.
+    std::string Events(const std::string& script) {
+        const std::string out = Path("events" + std::to_string(m_children));
+        CChild child = Start(IRFRAMED_PATH, {"--simulate", script, "--dry-run", "--output", out});
+        EXPECT_EQ(child.Wait(), 0) << child.Err();
+        return ReadFile(out);
+    }
+
+    std::string m_dir;
+    int m_children = 0;
+};
+
+constexpr const char* kScroll =
+    "down 1 12000 8000, 2 15000 8000\nmove 1 12000 14000, 2 15000 14000 in 20\nup 1, 2\n";
+constexpr const char* kTapTwice =
+    "wait 130ms\ndown 1 16000 16000\nup 1\nhold 3\ndown 1 16010 16000\nup 1\nhold 3\n";
+constexpr const char* kDragVanish = "down 3 9000 9000\nmove 3 20000 9500 in 15\nvanish 3\nhold 2\n";
+
+// ---------------------------------------------------------------------------------------------
+// An emulated frame opened by the tool itself
+
+// Verify that a recorded session played by irframed --simulate posts exactly the events that
+// the session itself posted.
+TEST_F(Irframectl, RecordingReplaysToTheSameEvents) {
+    for (const char* text : {kScroll, kTapTwice, kDragVanish}) {
+        SCOPED_TRACE(text);
+        const std::string script = File("session.gesture", text);
+        const TRun run = Tool({"--simulate", script, "record", Path("recorded.gesture")});
+        ASSERT_EQ(run.status, 0) << run.err;
+        EXPECT_THAT(run.err, HasSubstr("recorded "));
+        const std::string original = Events(script);
+        EXPECT_FALSE(original.empty());
+        EXPECT_EQ(Events(Path("recorded.gesture")), original);
+    }
+}
+
+// Verify that monitor --json shows each contact of each frame where the script put it, with
+// its status, and a contact that vanished as retired.
+TEST_F(Irframectl, MonitorJsonShowsTheScriptContacts) {
+    const std::string script =
+        File("m.gesture", "down 1 1000 2000, 2 30000 4000\nmove 1 1100 2000 in 1\nup 1, 2\n"
+                          "down 7 5000 6000\nvanish 7\nhold 1\n");
+    const TRun run = Tool({"--simulate", script, "monitor", "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    Lines seen;
+    int64_t firstStamp = -1;
+    for (const std::string& line : SplitLines(run.out)) {
+        const Json j = Json::parse(line);
+        if (firstStamp < 0) firstStamp = j["timeStamp"].get<int64_t>();
+        seen.push_back(std::to_string(j["id"].get<int>()) + " " + std::to_string(j["status"].get<int>()) +
+                       (j["retired"].get<bool>() ? " retired " : " ") + std::to_string(j["x"].get<int>()) +
+                       "," + std::to_string(j["y"].get<int>()) + " " + j["place"].get<std::string>());
+    }
+    EXPECT_THAT(seen, testing::ElementsAre("1 0 1000,2000 default", "2 0 30000,4000 default",
+                                           "1 1 1100,2000 default", "2 1 30000,4000 default",
+                                           "1 2 1100,2000 default", "2 2 30000,4000 default",
+                                           "7 0 5000,6000 default", "7 0 retired 5000,6000 default"));
+    // A simulated frame's script starts on a whole second.
+    EXPECT_EQ(firstStamp % 4'000'000, 0);
+}
+
+// Verify that a configuration dumped from the frame, changed and restored is shown as its
+// changes, keeps what it replaced, is written and reads back the same.
+TEST_F(Irframectl, ConfigRestoreShowsChangesKeepsBackupAndVerifies) {
+    const std::string script = File("idle.gesture", "hold 1\n");
+    const TRun dump = Tool({"--simulate", script, "config", "dump", Path("frame.json")});
+    ASSERT_EQ(dump.status, 0) << dump.err;
+    const std::string original = ReadFile(Path("frame.json"));
+    auto record = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    std::string error;
+    ASSERT_TRUE(DevConfigFromJson(original, record.get(), &error)) << error;
+
+    Json changed = Json::parse(original);
+    changed["flags"] = "0x00101F05";
+    changed["areas"] = Json::parse(R"([{"netAddress": "10.0.0.2", "port": 1, "port2": 2, "mode": 5,
+        "id": 3, "group": 0, "rotation": 1,
+        "outputRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
+        "targetRect": {"x": 0, "y": 0, "width": 1280, "height": 720},
+        "edgeAdjust": {"minusX": 15, "plusX": 15, "minusY": 15, "plusY": 15},
+        "center": {"x": 16384, "y": 16384}, "axisH": {"x": -16384, "y": 0},
+        "axisV": {"x": 0, "y": 16384}}])");
+    const std::string wanted = File("wanted.json", changed.dump(2));
+    const TRun restore = Tool({"--simulate", script, "config", "restore", wanted, "--yes",
+                               "--backup", Path("before.json")});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    EXPECT_THAT(restore.out, HasSubstr("  /flags: \"0x00101705\" -> \"0x00101F05\"\n"));
+    EXPECT_THAT(restore.out, HasSubstr("  /areas/0: added\n"));
+    EXPECT_THAT(restore.out, HasSubstr("written and read back: frame 1 now holds 1 area, 0 panels"));
+    EXPECT_EQ(ReadFile(Path("before.json")), original);
+
+    // The backup goes next to the file unless named.
+    const TRun again = Tool({"--simulate", script, "config", "restore", "--yes", wanted});
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_THAT(again.err, HasSubstr("saved in " + m_dir + "/wanted.replaced-"));
+}
+
+// Verify that a file the reader refuses, or a write nobody confirmed, leaves the frame alone.
+TEST_F(Irframectl, ConfigRestoreRefusals) {
+    const std::string script = File("idle.gesture", "hold 1\n");
+    ASSERT_EQ(Tool({"--simulate", script, "config", "dump", Path("frame.json")}).status, 0);
+    Json bad = Json::parse(ReadFile(Path("frame.json")));
+    bad["port"] = 70000;
+    const struct {
+        Lines args;
+        int status;
+        const char* message;
+    } cases[] = {
+        {{"config", "restore", "--yes", File("bad.json", bad.dump())}, 4,
+         "bad.json: /port: 70000 is out of range 0..65535 (nothing was written)"},
+        {{"config", "restore", "--yes", Path("missing.json")}, 4, "cannot read a configuration"},
+        {{"config", "restore", File("changed.json", Json::parse(R"({"x":1})").dump())}, 4,
+         "/x: unknown member"},
+        {{"config", "restore", Path("frame.json")}, 0, ""},  // nothing to change: nothing asked
+    };
+    for (const auto& c : cases) {
+        Lines args = {"--simulate", script};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const TRun run = Tool(args);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_THAT(run.err, HasSubstr(c.message));
+    }
+    bad["port"] = 4000;
+    const TRun unasked = Tool({"--simulate", script, "config", "restore", File("b2.json", bad.dump())});
+    EXPECT_EQ(unasked.status, 2) << unasked.err;
+    EXPECT_THAT(unasked.err, HasSubstr("add --yes"));
+}
+
+// Verify the transfers on an emulated frame: what is read is written back with progress in
+// percentages off a terminal; files that cannot be right are refused before the frame is opened.
+TEST_F(Irframectl, TransfersShowProgressAndRefuseBadFiles) {
+    const std::string script = File("idle.gesture", "hold 1\n");
+    const TRun get = Tool({"--simulate", script, "scan-pattern", "get", Path("pattern.bin")});
+    ASSERT_EQ(get.status, 0) << get.err;
+    const std::string pattern = ReadFile(Path("pattern.bin"));
+    ASSERT_GE(pattern.size(), 6u);
+
+    std::string big(3000, 'x');
+    big.replace(0, 6, std::string("\xB2\x00\xB8\x0B\x00\x00", 6));  // 3000 bytes, said at 2..5
+    const struct {
+        Lines args;
+        int status;
+        const char* message;
+    } cases[] = {
+        {{"scan-pattern", "set", Path("pattern.bin")}, 0, "scan pattern: 100%"},
+        {{"scan-pattern", "set", File("big.bin", big)}, 0, "scan pattern (3000 bytes) written"},
+        {{"scan-pattern", "set", File("short.bin", big.substr(0, 2999))}, 4, "bytes 2..5 say 3000"},
+        {{"touch-system-file", "set", File("ts.bin", std::string(1024, 'a'))}, 0, "touch-system file: 100%"},
+        {{"touch-system-file", "set", File("small.bin", std::string(1023, 'a'))}, 4, "at least 1024"},
+    };
+    for (const auto& c : cases) {
+        Lines args = {"--simulate", script};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const TRun run = Tool(args);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_THAT(run.err, HasSubstr(c.message));
+    }
+}
+
+// Verify what list, info and status show of an emulated frame, and the usage errors.
+TEST_F(Irframectl, ListInfoStatusAndUsage) {
+    const std::string script = File("idle.gesture", "hold 1\n");
+    const TRun list = Tool({"--simulate", script, "list"});
+    EXPECT_EQ(list.status, 0);
+    EXPECT_THAT(list.out, HasSubstr("1     simulated:" + script + " AAEC:C020 emulated frame"));
+    const TRun info = Tool({"--simulate", script, "info", "1"});
+    EXPECT_EQ(info.status, 0) << info.err;
+    EXPECT_THAT(info.out, HasSubstr("geometry       logical 8191x8191, raw 32766x32766\n"));
+    EXPECT_THAT(info.out, HasSubstr("configuration  0 areas, 0 panels\n"));
+    EXPECT_THAT(info.out, HasSubstr("information block (43 bytes)\n000000  30 31 32"));
+    const TRun status = Tool({"--simulate", script, "status"});
+    EXPECT_EQ(status.status, 0) << status.err;
+    EXPECT_THAT(status.out, HasSubstr("000000  00 01 02 03 10 20 30 40"));
+
+    const TRun help = Tool({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* word : {"list", "info", "status", "config", "monitor", "record", "scan-pattern",
+                             "touch-system-file", "Exit status:"}) {
+        EXPECT_THAT(help.out, HasSubstr(word));
+    }
+    EXPECT_THAT(Tool({"--version"}).out, testing::MatchesRegex("irframectl [0-9]+\\.[0-9.]+\n"));
+    EXPECT_EQ(Tool({"--simulate", script, "config", "dump", "-", "1"}).out.rfind("{\n", 0), 0u);
+    EXPECT_EQ(Tool({}).status, 2);
+    EXPECT_EQ(Tool({"frobnicate"}).status, 2);
+    EXPECT_EQ(Tool({"--bus", "--usb", "list"}).status, 2);
+    EXPECT_EQ(Tool({"--simulate", script, "info", "2"}).status, 3);
+    EXPECT_EQ(Tool({"--simulate", Path("none.gesture"), "list"}).status, 4);
+    EXPECT_EQ(Tool({"-f", "1", "--simulate", script, "info", "2"}).status, 2);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Through the driver's interface (a stand-in on a private bus)
+
+class IrframectlBus : public Irframectl {
+protected:
+    void SetUp() override {
+        Irframectl::SetUp();
+        m_bus = std::make_unique<CPrivateBus>();
+        if (!m_bus->Ready()) GTEST_SKIP() << "dbus-daemon is needed (Debian package dbus-daemon)";
+    }
+    void TearDown() override {
+        m_fake.reset();
+        m_bus.reset();
+        Irframectl::TearDown();
+    }
+
+    void Serve(std::vector<TFakeFrame> frames) {
+        m_fake = std::make_unique<CFakeDriver>(*m_bus, std::move(frames));
+        ASSERT_TRUE(m_fake->Ok());
+    }
+
+    // As the writer puts it.
+    static std::string Canonical(const Json& j) {
+        auto record = std::make_unique<_HARDWARE_DEV_CONFIG>();
+        std::string error;
+        EXPECT_TRUE(DevConfigFromJson(j.dump(), record.get(), &error)) << error;
+        return DevConfigToJson(*record);
+    }
+
+    static std::string SampleConfig() {
+        auto c = std::make_unique<_HARDWARE_DEV_CONFIG>();
+        std::memset(static_cast<void*>(c.get()), 0, sizeof *c);
+        DefaultDevConfig(0, 0, c.get());
+        DefaultDevCalConfig(0, 0, c.get());
+        return DevConfigToJson(*c);
+    }
+
+    std::unique_ptr<CPrivateBus> m_bus;
+    std::unique_ptr<CFakeDriver> m_fake;
+};
+
+// Verify that the tool goes through the driver when it runs, and shows its frames.
+TEST_F(IrframectlBus, ListInfoStatusThroughTheDriver) {
+    TFakeFrame second;
+    second.number = 2;
+    second.node = "/dev/hidraw9";
+    second.serial = "S2";
+    second.config = SampleConfig();
+    Serve({TFakeFrame{}, second});
+    const TRun list = Tool({"list"});
+    EXPECT_EQ(list.status, 0) << list.err;
+    EXPECT_THAT(SplitLines(list.out),
+                testing::ElementsAre(HasSubstr("FRAME"),
+                                     "1     /dev/hidraw4           AAEC:C021 IR Touch                 "
+                                     "S1               running     1 area, 0 panels",
+                                     HasSubstr("2     /dev/hidraw9")));
+    const TRun info = Tool({"info", "S2"});
+    EXPECT_EQ(info.status, 0) << info.err;
+    EXPECT_THAT(info.out, HasSubstr("frame          2\nnode           /dev/hidraw9\n"));
+    EXPECT_THAT(info.out, HasSubstr("geometry       logical 8191x4095, raw 32766x16383\n"));
+    EXPECT_THAT(info.out, HasSubstr("000000  49 52 2d 30 31"));
+    EXPECT_EQ(Tool({"status"}).status, 2);  // two frames, none named
+    EXPECT_THAT(Tool({"status", "hidraw9"}).out, HasSubstr("000000  00 ff 10"));
+    EXPECT_EQ(Tool({"--direct", "--simulate", File("i.gesture", "hold 1\n"), "list"}).status, 0);
+}
+
+// Verify dump, restore and dump through the driver: the second dump is the restored file byte
+// for byte, the first is kept as the backup, and the driver's refusal names the fault.
+TEST_F(IrframectlBus, ConfigDumpRestoreDumpThroughTheDriver) {
+    TFakeFrame frame;
+    frame.config = SampleConfig();
+    Serve({frame});
+    ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
+    EXPECT_EQ(ReadFile(Path("a.json")), SampleConfig());
+
+    Json changed = Json::parse(ReadFile(Path("a.json")));
+    changed["areas"][0]["targetRect"]["width"] = 1280;
+    changed["text"] = "Lobby";
+    const std::string b = File("b.json", Canonical(changed));
+    const TRun restore = Tool({"config", "restore", "--yes", "--backup", Path("backup.json"), b});
+    EXPECT_EQ(restore.status, 0) << restore.err;
+    EXPECT_THAT(restore.out, HasSubstr("/areas/0/targetRect/width: 1920 -> 1280"));
+    EXPECT_EQ(m_fake->Calls("WriteConfig"), 1);
+    ASSERT_EQ(Tool({"config", "dump", Path("c.json")}).status, 0);
+    EXPECT_EQ(ReadFile(Path("c.json")), ReadFile(b));
+    EXPECT_EQ(ReadFile(Path("backup.json")), ReadFile(Path("a.json")));
+}
+
+TEST_F(IrframectlBus, DriverRefusalIsBadInput) {
+    TFakeFrame frame;
+    frame.config = SampleConfig();
+    frame.refuseWrite = "/areas/0/rotation: not usable on this frame";
+    Serve({frame});
+    Json changed = Json::parse(frame.config);
+    changed["areas"][0]["rotation"] = 2;
+    const TRun run = Tool({"config", "restore", "--yes", "--backup", Path("k.json"),
+                           File("r.json", changed.dump())});
+    EXPECT_EQ(run.status, 4);
+    EXPECT_THAT(run.err, HasSubstr("writing the configuration: /areas/0/rotation: not usable"));
+}
+
+// Verify that monitor and record take the driver's contact frames until the frame goes away.
+TEST_F(IrframectlBus, MonitorAndRecordThroughTheDriver) {
+    TFakeFrame frame;
+    frame.node = "simulated:x.gesture";  // its going away is the end of its script
+    frame.config = SampleConfig();
+    const int64_t second = 1'700'000'001LL * 4'000'000;
+    frame.contacts = {
+        {second, {{1, 0, false, 100, 200, 10, 20, 0, 0}}},
+        {second + 10'000, {{1, 1, false, 110, 200, 11, 20, 0xFF, 2}}},
+        {second + 20'000, {}},
+        {second + 30'000, {{1, 1, true, 110, 200, 11, 20, 0xFF, 2}}},
+    };
+    Serve({frame});
+    const TRun monitor = Tool({"monitor", "--json"});
+    EXPECT_EQ(monitor.status, 0) << monitor.err;
+    const Lines lines = SplitLines(monitor.out);
+    ASSERT_EQ(lines.size(), 3u) << monitor.out;
+    EXPECT_EQ(lines[1],
+              R"({"frame":1,"timeStamp":6800000004010000,"id":1,"status":1,"retired":false,"x":110,)"
+              R"("y":200,"width":0,"height":0,"rawX":11,"rawY":20,"cell":[255,2],"place":"panel","index":2})");
+    EXPECT_THAT(Tool({"monitor"}).out, HasSubstr("  0.010000  id 1   moving   raw    11,20     at   110,200    panel 2"));
+
+    const TRun record = Tool({"record", Path("r.gesture")});
+    EXPECT_EQ(record.status, 0) << record.err;
+    EXPECT_THAT(ReadFile(Path("r.gesture")), testing::EndsWith("raw 1 0 100 200\nraw 1 1 110 200\nhold 2\n"));
+    EXPECT_EQ(m_fake->Calls("SubscribeContacts"), 3);
+}
+
+// Verify that Ctrl-C during a transfer cancels it through the driver and says what state the
+// frame is in, and that a busy frame is its own exit status.
+TEST_F(IrframectlBus, TransferCancelAndBusy) {
+    Serve({TFakeFrame{}});
+    std::string pattern = std::string("\xB2\x00\x08\x00\x00\x00", 6) + "ab";
+    CChild child = Start(IRFRAMECTL_PATH, {"scan-pattern", "set", File("p.bin", pattern)});
+    ASSERT_TRUE(child.WaitForErr("scan pattern: 25%")) << child.Err();
+    child.Signal(SIGINT);
+    EXPECT_EQ(child.Wait(), 5) << child.Err();
+    EXPECT_THAT(child.Err(), HasSubstr("the transfer was cancelled; frame 1 is now running"));
+    EXPECT_EQ(m_fake->Calls("Cancel"), 1);
+
+    const TRun busy = Tool({"touch-system-file", "set", File("t.bin", std::string(2048, 't'))});
+    EXPECT_EQ(busy.status, 6);
+    EXPECT_THAT(busy.err, HasSubstr("frame 1 is busy with another client's transfer"));
+
+    const TRun get = Tool({"scan-pattern", "get", Path("got.bin")});
+    EXPECT_EQ(get.status, 0) << get.err;
+    EXPECT_THAT(get.err, HasSubstr("scan pattern: 50%\nscan pattern: 100%\n"));
+    EXPECT_EQ(ReadFile(Path("got.bin")), std::string("\xB2\x00\x06\x00\x00\x00", 6));
+}
+
+TEST_F(IrframectlBus, NoDriverOnTheBus) {
+    const TRun run = Tool({"--bus", "list"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.err, HasSubstr("no driver owns org.irframe.Driver1"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Through irframed itself on a private bus. Skipped while the driver does not take its bus name.
+
+class IrframectlDriver : public IrframectlBus {
+protected:
+    // Starts irframed with `args` (and --dry-run into a file). False when it does not take its
+    // bus name by the time its frame runs: the caller then skips.
+    bool StartDriver(Lines args) {
+        args.insert(args.end(), {"--dry-run", "--output", Path("driver.json")});
+        m_driver = std::make_unique<CChild>(Start(IRFRAMED_PATH, args));
+        // The interface starts with the driver; by the time its frame is found, the name is
+        // taken or about to be (a short bound, only ever waited out where it is not served).
+        if (!m_driver->WaitForErr("frame 1 found")) return false;
+        sd_bus* bus = m_bus->Connect();
+        int owned = 0;
+        for (int tries = 0; bus != nullptr && owned == 0 && tries < 100; ++tries) {
+            sd_bus_message* reply = nullptr;
+            if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
+                                   kBusName) >= 0) {
+                sd_bus_message_read(reply, "b", &owned);
+            }
+            sd_bus_message_unref(reply);
+            if (owned == 0) usleep(20'000);
+        }
+        sd_bus_flush_close_unref(bus);
+        return owned != 0;
+    }
+    void TearDown() override {
+        if (m_driver) {
+            m_driver->Signal(SIGTERM);
+            m_driver->Wait();
+        }
+        IrframectlBus::TearDown();
+    }
+    std::string DriverEvents() const { return ReadFile(m_dir + "/driver.json"); }
+
+    // A carried value changed: writing it releases a frame that holds its script.
+    std::string Changed(const std::string& dumped, int value1) {
+        Json j = Json::parse(dumped);
+        j["value1"] = value1;
+        return File("changed" + std::to_string(value1) + ".json", Canonical(j));
+    }
+
+    std::unique_ptr<CChild> m_driver;
+};
+
+TEST_F(IrframectlDriver, ListInfoAndDumpRestoreDumpByteIdentical) {
+    const std::string script = File("long.gesture", "hold 6000\n");
+    if (!StartDriver({"--simulate", script, "--realtime"})) {
+        GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
+    }
+    const TRun list = Tool({"list"});
+    EXPECT_EQ(list.status, 0) << list.err;
+    EXPECT_THAT(list.out, HasSubstr("simulated:" + script));
+    EXPECT_THAT(Tool({"info", "1"}).out, HasSubstr("geometry       logical 8191x8191, raw 32766x32766"));
+
+    ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
+    const std::string b = Changed(ReadFile(Path("a.json")), 77);
+    const TRun restore = Tool({"config", "restore", "--yes", "--backup", Path("bk.json"), b});
+    ASSERT_EQ(restore.status, 0) << restore.err;
+    ASSERT_EQ(Tool({"config", "dump", Path("c.json")}).status, 0);
+    EXPECT_EQ(ReadFile(Path("c.json")), ReadFile(b));
+    ASSERT_EQ(Tool({"config", "restore", "--yes", "--backup", Path("bk2.json"), Path("a.json")}).status, 0);
+    ASSERT_EQ(Tool({"config", "dump", Path("d.json")}).status, 0);
+    EXPECT_EQ(ReadFile(Path("d.json")), ReadFile(Path("a.json")));
+}
+
+// The frame holds its script until its configuration is written, so the tool is listening
+// before the first contact; in real time, so that no contact frame is dropped on the way.
+TEST_F(IrframectlDriver, MonitorShowsAndRecordReplaysTheScript) {
+    const std::string script = File("scroll.gesture", kScroll);
+    for (const bool recording : {false, true}) {
+        SCOPED_TRACE(recording ? "record" : "monitor");
+        if (!StartDriver({"--simulate", script, "--realtime", "--fault", "hold:1@0"})) {
+            GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
+        }
+        ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
+        CChild tool = Start(IRFRAMECTL_PATH, recording ? Lines{"record", Path("rec.gesture")}
+                                                       : Lines{"monitor", "--json"});
+        ASSERT_TRUE(tool.WaitForErr("frame 1 (")) << tool.Err();
+        ASSERT_EQ(Tool({"config", "restore", "--yes", "--backup", Path("bk.json"),
+                        Changed(ReadFile(Path("a.json")), 5)}).status, 0);
+        EXPECT_EQ(tool.Wait(), 0) << tool.Err();
+        EXPECT_EQ(m_driver->Wait(), 0) << m_driver->Err();
+        if (recording) {
+            EXPECT_EQ(Events(Path("rec.gesture")), DriverEvents());
+            continue;
+        }
+        // The same contacts as the tool sees on the emulated frame it opens itself (where the
+        // emulated calibration places each script position), whatever the time stamps.
+        const auto withoutTime = [](const std::string& lines) {
+            Lines out;
+            for (const std::string& line : SplitLines(lines)) {
+                Json j = Json::parse(line);
+                j.erase("timeStamp");
+                out.push_back(j.dump());
+            }
+            return out;
+        };
+        const TRun direct = Tool({"--simulate", script, "monitor", "--json"});
+        ASSERT_EQ(direct.status, 0) << direct.err;
+        const Lines want = withoutTime(direct.out);
+        const Lines seen = withoutTime(tool.Out());
+        EXPECT_EQ(want.size(), 2u * 22u);
+        EXPECT_EQ(seen, want);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,505 @@
+#include "BusTransport.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
+
+#include "DevConfigJson.h"
+
+namespace {
+
+// Transfers may run for minutes; the driver reports progress meanwhile.
+constexpr uint64_t kTransferTimeoutMicros = 24ull * 3600 * 1'000'000;
+constexpr uint64_t kWaitSliceMicros = 100'000;
+// Largest JSON reply read back (a configuration is far smaller).
+constexpr size_t kMaxReplyBytes = 4u << 20;
+constexpr size_t kMaxContactsPerSignal = 256;
+
+struct TBusDeleter {
+    void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
+    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
+    void operator()(sd_bus_slot* s) const { sd_bus_slot_unref(s); }
+};
+using TBus = std::unique_ptr<sd_bus, TBusDeleter>;
+using TMessage = std::unique_ptr<sd_bus_message, TBusDeleter>;
+using TSlot = std::unique_ptr<sd_bus_slot, TBusDeleter>;
+
+struct TBusError {
+    sd_bus_error e = SD_BUS_ERROR_NULL;
+    ~TBusError() { sd_bus_error_free(&e); }
+};
+
+[[noreturn]] void Throw(const sd_bus_error& e, const std::string& what) {
+    const std::string name = e.name != nullptr ? e.name : "";
+    std::string message = e.message != nullptr ? e.message : name;
+    if (name == SD_BUS_ERROR_SERVICE_UNKNOWN || name == SD_BUS_ERROR_NAME_HAS_NO_OWNER ||
+        name == SD_BUS_ERROR_NO_REPLY) {
+        message = "the driver did not answer (" + message + ")";
+    }
+    throw CToolError(ExitCodeForBusError(name), what + ": " + message);
+}
+
+[[noreturn]] void ThrowErrno(int r, const std::string& what) {
+    throw CToolError(kCtlFailure, what + ": " + std::strerror(-r));
+}
+
+std::vector<uint8_t> HexToBytes(const std::string& hex, const std::string& what) {
+    const auto digit = [](char c) {
+        return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                                              : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    };
+    if (hex.size() % 2 != 0) throw CToolError(kCtlFailure, what + ": odd hexadecimal text");
+    std::vector<uint8_t> out(hex.size() / 2);
+    for (size_t i = 0; i < out.size(); ++i) {
+        const int hi = digit(hex[2 * i]), lo = digit(hex[2 * i + 1]);
+        if (hi < 0 || lo < 0) throw CToolError(kCtlFailure, what + ": not hexadecimal");
+        out[i] = static_cast<uint8_t>(hi << 4 | lo);
+    }
+    return out;
+}
+
+}  // namespace
+
+std::vector<uint8_t> BytesFromDriverJson(const std::string& text, const std::string& what) {
+    if (text.size() > kMaxReplyBytes) throw CToolError(kCtlFailure, what + ": reply too long");
+    const nlohmann::json j = nlohmann::json::parse(text, nullptr, false);
+    if (j.is_discarded() || !j.is_object() || j.size() != 1 || !j.contains("bytes") ||
+        !j["bytes"].is_string()) {
+        throw CToolError(kCtlFailure, what + ": the driver's answer is not {\"bytes\": \"...\"}");
+    }
+    return HexToBytes(j["bytes"].get<std::string>(), what);
+}
+
+namespace {
+
+class CBusFrame final : public IFrame {
+public:
+    CBusFrame(sd_bus* bus, std::string path, TFrameEntry description)
+        : m_bus(bus), m_path(std::move(path)), m_description(std::move(description)) {}
+
+    TFrameEntry Describe() override;
+
+    std::vector<uint8_t> ReadInfo() override {
+        return BytesFromDriverJson(CallForString("ReadInfo", "reading the information block"),
+                             "reading the information block");
+    }
+
+    std::vector<uint8_t> ReadStatus() override {
+        return BytesFromDriverJson(CallForString("ReadStatus", "reading the status"),
+                             "reading the status");
+    }
+
+    std::unique_ptr<_HARDWARE_DEV_CONFIG> ReadConfig() override {
+        return ConfigFromDriver(CallForString("ReadConfig", "reading the configuration"),
+                                "reading the configuration");
+    }
+
+    std::unique_ptr<_HARDWARE_DEV_CONFIG> WriteConfig(const _HARDWARE_DEV_CONFIG& config) override {
+        const std::string json = DevConfigToJson(config);
+        TMessage m = NewCall("WriteConfig");
+        if (const int r = sd_bus_message_append(m.get(), "s", json.c_str()); r < 0) {
+            ThrowErrno(r, "WriteConfig");
+        }
+        TMessage reply = Run(std::move(m), {}, "writing the configuration");
+        return ConfigFromDriver(ReadString(reply.get(), "writing the configuration"),
+                                "reading the written configuration back");
+    }
+
+    std::vector<uint8_t> ReadScanPattern(const TTransferHooks& hooks) override {
+        TMessage reply = Run(NewCall("ReadScanPattern"), hooks, "reading the scan pattern");
+        const void* data = nullptr;
+        size_t size = 0;
+        if (const int r = sd_bus_message_read_array(reply.get(), 'y', &data, &size); r < 0) {
+            ThrowErrno(r, "reading the scan pattern");
+        }
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        return {bytes, bytes + size};
+    }
+
+    void WriteScanPattern(const std::vector<uint8_t>& pattern, const TTransferHooks& hooks) override {
+        WriteBytes("WriteScanPattern", pattern, hooks, "writing the scan pattern");
+    }
+
+    void WriteTouchSystemFile(const std::vector<uint8_t>& file, const TTransferHooks& hooks) override {
+        WriteBytes("WriteTouchSystemFile", file, hooks, "writing the touch-system file");
+    }
+
+    TStreamEnd StreamContacts(const std::function<bool(const TMonitoredFrame&)>& onFrame,
+                              const std::function<bool()>& stop,
+                              const std::function<void()>& started) override;
+
+private:
+    struct TStream {
+        CBusFrame* self;
+        const std::function<bool(const TMonitoredFrame&)>* onFrame;
+        std::optional<TStreamEnd> end;
+    };
+
+    TMessage NewCall(const char* method) {
+        sd_bus_message* m = nullptr;
+        if (const int r = sd_bus_message_new_method_call(m_bus, &m, kDriverBusName, m_path.c_str(),
+                                                         kFrameInterface, method);
+            r < 0) {
+            ThrowErrno(r, method);
+        }
+        return TMessage(m);
+    }
+
+    std::string CallForString(const char* method, const std::string& what) {
+        TMessage reply = Run(NewCall(method), {}, what);
+        return ReadString(reply.get(), what);
+    }
+
+    static std::string ReadString(sd_bus_message* reply, const std::string& what) {
+        const char* text = nullptr;
+        if (const int r = sd_bus_message_read(reply, "s", &text); r < 0) ThrowErrno(r, what);
+        const std::string s = text != nullptr ? text : "";
+        if (s.size() > kMaxReplyBytes) throw CToolError(kCtlFailure, what + ": reply too long");
+        return s;
+    }
+
+    std::unique_ptr<_HARDWARE_DEV_CONFIG> ConfigFromDriver(const std::string& json,
+                                                           const std::string& what) {
+        auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+        std::string error;
+        if (!DevConfigFromJson(json, config.get(), &error)) {
+            throw CToolError(kCtlFailure, what + ": the driver's configuration is unreadable: " +
+                                               error);
+        }
+        return config;
+    }
+
+    void WriteBytes(const char* method, const std::vector<uint8_t>& bytes,
+                    const TTransferHooks& hooks, const std::string& what) {
+        TMessage m = NewCall(method);
+        if (const int r = sd_bus_message_append_array(m.get(), 'y', bytes.data(), bytes.size());
+            r < 0) {
+            ThrowErrno(r, what);
+        }
+        Run(std::move(m), hooks, what);
+    }
+
+    // Sends the call and runs the bus until its reply: progress signals go to the hooks, and a
+    // cancel request sends Cancel once. The reply, or CToolError for an error reply.
+    TMessage Run(TMessage call, const TTransferHooks& hooks, const std::string& what);
+
+    static int OnReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
+        auto* slot = static_cast<TMessage*>(userdata);
+        slot->reset(sd_bus_message_ref(m));
+        return 0;
+    }
+
+    static int OnProgress(sd_bus_message* m, void* userdata, sd_bus_error*) {
+        const auto* hooks = static_cast<const TTransferHooks*>(userdata);
+        uint32_t done = 0, total = 0;
+        if (sd_bus_message_read(m, "uu", &done, &total) >= 0 && hooks->progress) {
+            hooks->progress(done, total);
+        }
+        return 0;
+    }
+
+    static int OnContacts(sd_bus_message* m, void* userdata, sd_bus_error*);
+    static int OnFrameRemoved(sd_bus_message* m, void* userdata, sd_bus_error*);
+    static int OnOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*);
+
+    sd_bus* m_bus;  // the transport's
+    std::string m_path;
+    TFrameEntry m_description;
+};
+
+TMessage CBusFrame::Run(TMessage call, const TTransferHooks& hooks, const std::string& what) {
+    TSlot progress;
+    if (hooks.progress) {
+        sd_bus_slot* s = nullptr;
+        if (const int r = sd_bus_match_signal(m_bus, &s, nullptr, m_path.c_str(), kFrameInterface,
+                                              "Progress", OnProgress,
+                                              const_cast<TTransferHooks*>(&hooks));
+            r < 0) {
+            ThrowErrno(r, what);
+        }
+        progress.reset(s);
+    }
+    TMessage reply;
+    sd_bus_slot* s = nullptr;
+    if (const int r = sd_bus_call_async(m_bus, &s, call.get(), OnReply, &reply,
+                                        kTransferTimeoutMicros);
+        r < 0) {
+        ThrowErrno(r, what);
+    }
+    TSlot pending(s);
+    bool cancelSent = false;
+    while (!reply) {
+        const int r = sd_bus_process(m_bus, nullptr);
+        if (r < 0) ThrowErrno(r, what);
+        if (r > 0) continue;
+        if (!cancelSent && hooks.cancelRequested && hooks.cancelRequested()) {
+            cancelSent = true;
+            sd_bus_call_method_async(m_bus, nullptr, kDriverBusName, m_path.c_str(),
+                                     kFrameInterface, "Cancel", nullptr, nullptr, "");
+        }
+        if (const int w = sd_bus_wait(m_bus, kWaitSliceMicros); w < 0 && w != -EINTR) {
+            ThrowErrno(w, what);
+        }
+    }
+    if (const sd_bus_error* e = sd_bus_message_get_error(reply.get())) {
+        std::string extra;
+        if (cancelSent) {
+            // Say what the frame is doing now.
+            try {
+                extra = "; frame " + std::to_string(m_description.number) + " is now " +
+                        Describe().state;
+            } catch (const CToolError&) {
+                extra = "; the frame's state cannot be read";
+            }
+        }
+        try {
+            Throw(*e, what);
+        } catch (const CToolError& error) {
+            throw CToolError(error.ExitCode(), error.what() + extra);
+        }
+    }
+    return reply;
+}
+
+TFrameEntry CBusFrame::Describe() {
+    TBusError error;
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_call_method(m_bus, kDriverBusName, m_path.c_str(), "org.freedesktop.DBus.Properties",
+                           "GetAll", &error.e, &raw, "s", kFrameInterface) < 0) {
+        Throw(error.e, "reading the frame's properties");
+    }
+    TMessage reply(raw);
+    TFrameEntry d = m_description;
+    sd_bus_message* m = reply.get();
+    if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) {
+        throw CToolError(kCtlFailure, "the frame's properties are not a{sv}");
+    }
+    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+        const char* name = nullptr;
+        const char* contents = nullptr;
+        char type = 0;
+        if (sd_bus_message_read(m, "s", &name) < 0 ||
+            sd_bus_message_peek_type(m, &type, &contents) < 0 || contents == nullptr) {
+            throw CToolError(kCtlFailure, "unreadable frame property");
+        }
+        const std::string n = name, c = contents;
+        const auto readString = [&](std::string& out) {
+            const char* s = nullptr;
+            sd_bus_message_read(m, "v", "s", &s);
+            out = s != nullptr ? s : "";
+        };
+        if (n == "Number" && c == "i") {
+            sd_bus_message_read(m, "v", "i", &d.number);
+        } else if (n == "Node" && c == "s") {
+            readString(d.node);
+        } else if (n == "VendorId" && c == "q") {
+            sd_bus_message_read(m, "v", "q", &d.vendorId);
+        } else if (n == "ProductId" && c == "q") {
+            sd_bus_message_read(m, "v", "q", &d.productId);
+        } else if (n == "Product" && c == "s") {
+            readString(d.product);
+        } else if (n == "Serial" && c == "s") {
+            readString(d.serial);
+        } else if (n == "State" && c == "s") {
+            readString(d.state);
+        } else if (n == "ConfigSummary" && c == "s") {
+            readString(d.configSummary);
+        } else if (n == "Geometry" && c == "(iiii)") {
+            sd_bus_message_read(m, "v", "(iiii)", &d.logicalWidth, &d.logicalHeight, &d.rawWidth,
+                                &d.rawHeight);
+        } else {
+            sd_bus_message_skip(m, "v");  // a property of a later version
+        }
+        sd_bus_message_exit_container(m);
+    }
+    m_description = d;
+    return d;
+}
+
+int CBusFrame::OnContacts(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* stream = static_cast<TStream*>(userdata);
+    if (stream->end) return 0;
+    TMonitoredFrame frame;
+    if (sd_bus_message_read(m, "x", &frame.timeStamp) < 0 ||
+        sd_bus_message_enter_container(m, 'a', "(yybiiiiqqyy)") < 0) {
+        return 0;  // not the documented signal: ignored
+    }
+    // A frame report holds at most 9 contacts (and a few retired ones); more is not a frame.
+    while (frame.contacts.size() < kMaxContactsPerSignal) {
+        TMonitoredContact c;
+        int retired = 0;
+        const int r = sd_bus_message_read(m, "(yybiiiiqqyy)", &c.id, &c.status, &retired, &c.x,
+                                          &c.y, &c.width, &c.height, &c.rawX, &c.rawY,
+                                          &c.cellGroup, &c.cellIndex);
+        if (r <= 0) break;
+        c.retired = retired != 0;
+        frame.contacts.push_back(c);
+    }
+    if (!(*stream->onFrame)(frame)) stream->end = TStreamEnd::Stopped;
+    return 0;
+}
+
+int CBusFrame::OnFrameRemoved(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* stream = static_cast<TStream*>(userdata);
+    const char* path = nullptr;
+    if (sd_bus_message_read(m, "o", &path) >= 0 && path != nullptr &&
+        stream->self->m_path == path && !stream->end) {
+        stream->end = TStreamEnd::FrameGone;
+    }
+    return 0;
+}
+
+int CBusFrame::OnOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* stream = static_cast<TStream*>(userdata);
+    const char *name = nullptr, *before = nullptr, *after = nullptr;
+    if (sd_bus_message_read(m, "sss", &name, &before, &after) >= 0 && name != nullptr &&
+        std::strcmp(name, kDriverBusName) == 0 && after != nullptr && after[0] == '\0' &&
+        !stream->end) {
+        stream->end = TStreamEnd::DriverGone;
+    }
+    return 0;
+}
+
+TStreamEnd CBusFrame::StreamContacts(const std::function<bool(const TMonitoredFrame&)>& onFrame,
+                                     const std::function<bool()>& stop,
+                                     const std::function<void()>& started) {
+    TStream stream{this, &onFrame, std::nullopt};
+    sd_bus_slot* s = nullptr;
+    if (const int r = sd_bus_match_signal(m_bus, &s, nullptr, m_path.c_str(), kFrameInterface,
+                                          "Contacts", OnContacts, &stream);
+        r < 0) {
+        ThrowErrno(r, "listening to contacts");
+    }
+    TSlot contacts(s);
+    if (const int r = sd_bus_match_signal(m_bus, &s, nullptr, kDriverPath, kDriverInterface,
+                                          "FrameRemoved", OnFrameRemoved, &stream);
+        r < 0) {
+        ThrowErrno(r, "listening to contacts");
+    }
+    TSlot removed(s);
+    if (const int r = sd_bus_match_signal(m_bus, &s, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                          "org.freedesktop.DBus", "NameOwnerChanged",
+                                          OnOwnerChanged, &stream);
+        r < 0) {
+        ThrowErrno(r, "listening to contacts");
+    }
+    TSlot owner(s);
+
+    TBusError error;
+    if (sd_bus_call_method(m_bus, kDriverBusName, m_path.c_str(), kFrameInterface,
+                           "SubscribeContacts", &error.e, nullptr, "") < 0) {
+        Throw(error.e, "subscribing to contacts");
+    }
+    if (started) started();
+    while (!stream.end) {
+        const int r = sd_bus_process(m_bus, nullptr);
+        if (r < 0) {
+            stream.end = TStreamEnd::DriverGone;
+            break;
+        }
+        if (r > 0) continue;
+        if (stop && stop()) {
+            stream.end = TStreamEnd::Stopped;
+            break;
+        }
+        if (const int w = sd_bus_wait(m_bus, kWaitSliceMicros); w < 0 && w != -EINTR) {
+            stream.end = TStreamEnd::DriverGone;
+        }
+    }
+    if (*stream.end == TStreamEnd::Stopped) {
+        // The driver drops a subscriber that leaves the bus anyway; this is the polite way.
+        TBusError ignored;
+        sd_bus_call_method(m_bus, kDriverBusName, m_path.c_str(), kFrameInterface,
+                           "UnsubscribeContacts", &ignored.e, nullptr, "");
+    }
+    return *stream.end;
+}
+
+class CBusTransport final : public ITransport {
+public:
+    explicit CBusTransport(sd_bus* bus) : m_bus(bus) {}
+
+    std::string Name() const override { return "the driver"; }
+
+    std::vector<TFrameEntry> List() override {
+        TBusError error;
+        sd_bus_message* raw = nullptr;
+        if (sd_bus_call_method(m_bus.get(), kDriverBusName, kDriverPath, kDriverInterface,
+                               "ListFrames", &error.e, &raw, "") < 0) {
+            Throw(error.e, "listing the frames");
+        }
+        TMessage reply(raw);
+        std::vector<std::string> paths;
+        if (sd_bus_message_enter_container(reply.get(), 'a', "o") < 0) {
+            throw CToolError(kCtlFailure, "ListFrames did not answer with ao");
+        }
+        const char* path = nullptr;
+        while (sd_bus_message_read(reply.get(), "o", &path) > 0) paths.emplace_back(path);
+        std::vector<TFrameEntry> frames;
+        for (const std::string& p : paths) {
+            try {
+                frames.push_back(CBusFrame(m_bus.get(), p, {}).Describe());
+                m_paths[frames.back().number] = p;
+            } catch (const CToolError&) {
+                // Gone between the list and the question: not listed.
+            }
+        }
+        return frames;
+    }
+
+    std::unique_ptr<IFrame> Open(const TFrameEntry& frame) override {
+        auto it = m_paths.find(frame.number);
+        const std::string path = it != m_paths.end()
+                                     ? it->second
+                                     : std::string(kDriverPath) + "/frame" +
+                                           std::to_string(frame.number);
+        return std::make_unique<CBusFrame>(m_bus.get(), path, frame);
+    }
+
+private:
+    TBus m_bus;
+    std::map<int, std::string> m_paths;  // frame number -> object path, from List
+};
+
+}  // namespace
+
+sd_bus* OpenSessionBus(std::string* error) {
+    sd_bus* bus = nullptr;
+    if (const int r = sd_bus_open_user(&bus); r < 0) {
+        *error = std::string("no session bus: ") + std::strerror(-r);
+        return nullptr;
+    }
+    return bus;
+}
+
+bool DriverOnBus(sd_bus* bus) {
+    TBusError error;
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "NameHasOwner", &error.e, &raw, "s",
+                           kDriverBusName) < 0) {
+        return false;
+    }
+    TMessage reply(raw);
+    int owned = 0;
+    return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned != 0;
+}
+
+std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus) {
+    return std::make_unique<CBusTransport>(bus);
+}
+
+int ExitCodeForBusError(const std::string& name) {
+    const std::string prefix = kDriverErrorPrefix;
+    if (name.rfind(prefix, 0) != 0) return kCtlFailure;
+    const std::string kind = name.substr(prefix.size());
+    if (kind == "InvalidArgument") return kCtlBadInput;
+    if (kind == "Busy") return kCtlBusy;
+    if (kind == "Cancelled") return kCtlCancelled;
+    return kCtlFailure;  // Gone, Failed and anything newer
+}
