@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 scripts/setup-test.sh
 
 jobs=$(nproc)
-fuzz_seconds=${IRFRAME_FUZZ_SECONDS:-30}
+fuzz_seconds=${IRFRAME_FUZZ_SECONDS:-20}
 
 step() { printf '\n==== %s\n' "$*"; }
 
