@@ -937,3 +937,48 @@ TEST_F(IrframectlDriver, MonitorShowsAndRecordReplaysTheScript) {
 }
 
 }  // namespace
+
+namespace {
+
+// Verify that a configuration restored through the driver is the one the next touch is
+// calibrated with: the same script posts its events elsewhere when the area's target
+// rectangle is halved.
+TEST_F(IrframectlDriver, RestoredAreaMovesTheNextTouch) {
+    const std::string script = File("tap.gesture", "down 1 16000 16000\nhold 2\nup 1\n");
+    std::vector<std::string> events;
+    for (const bool changed : {false, true}) {
+        SCOPED_TRACE(changed ? "halved" : "as read");
+        if (!StartDriver({"--simulate", script, "--fault", "hold:1@0"})) {
+            GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
+        }
+        ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
+        Json j = Json::parse(ReadFile(Path("a.json")));
+        // One area over the whole frame, areas on; the second run halves its target.
+        Json area = Json::parse(R"({
+            "netAddress": "127.0.0.1", "port": 3333, "port2": 3000,
+            "mode": 5, "id": 0, "group": 0, "rotation": 0,
+            "outputRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
+            "targetRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
+            "edgeAdjust": {"minusX": 15, "plusX": 15, "minusY": 15, "plusY": 15},
+            "center": {"x": 16384, "y": 16384},
+            "axisH": {"x": -16384, "y": 0}, "axisV": {"x": 0, "y": 16384}})");
+        if (changed) area["targetRect"] = {{"x", 0}, {"y", 0}, {"width", 960}, {"height", 540}};
+        j["areas"] = Json::array({area});
+        const unsigned long flags = std::stoul(j["flags"].get<std::string>(), nullptr, 16);
+        char text[32];
+        std::snprintf(text, sizeof text, "0x%08lX", flags | 0x800ul);
+        j["flags"] = text;
+        j["value1"] = 9;  // a carried value: writing releases the held script either way
+        const std::string file = File(changed ? "half.json" : "same.json", Canonical(j));
+        const TRun restore = Tool({"config", "restore", "--yes", "--backup", Path("bk.json"), file});
+        ASSERT_EQ(restore.status, 0) << restore.err;
+        EXPECT_EQ(m_driver->Wait(), 0) << m_driver->Err();
+        events.push_back(DriverEvents());
+        m_driver.reset();
+    }
+    ASSERT_FALSE(events[0].empty());
+    ASSERT_FALSE(events[1].empty());
+    EXPECT_NE(events[0], events[1]);
+}
+
+}  // namespace
