@@ -157,8 +157,12 @@ TArgumentCheck ParseOverrideJson(std::string_view text, const TDbusArgumentLimit
 }
 
 std::string OverrideToJson(const _HARDWARE_CONFIG_OVERRIDE& o) {
-    json out = {{"flags", o.flags},     {"option1", o.option1}, {"option2", o.option2},
-                {"option3", o.option3}, {"value0", o.value0},   {"value1", o.value1}};
+    // Copied out first: the record is packed, and a reference to a member may be misaligned.
+    const uint32_t flags = o.flags;
+    const uint16_t value0 = o.value0, value1 = o.value1;
+    const int option1 = o.option1, option2 = o.option2, option3 = o.option3;
+    json out = {{"flags", flags},     {"option1", option1}, {"option2", option2},
+                {"option3", option3}, {"value0", value0},   {"value1", value1}};
     out["edgeAdjust"] = json::array();
     for (const int8_t e : o.edgeAdjust) out["edgeAdjust"].push_back(e);
     return out.dump();
