@@ -237,21 +237,19 @@ bool CDriverControl::Cancel(int number) {
     node->frame.Cancel(node->controller);
     // Each step of a request starts by clearing the abort flag: set it again until it is done.
     if (m_loop != nullptr) {
+        // Only the pending task holds the repetition: no cycle, so a task the loop drops at
+        // the end frees it.
         auto again = std::make_shared<std::function<void()>>();
-        *again = [number, again, loop = m_loop] {
+        std::weak_ptr<std::function<void()>> self = again;
+        *again = [number, self, loop = m_loop] {
             MtDevNode* n = PresentRecord(number);
-            if (n == nullptr || !n->frame.Busy() || !n->frame.Cancelled()) {
-                *again = nullptr;  // breaks the cycle
-                return;
-            }
+            if (n == nullptr || !n->frame.Busy() || !n->frame.Cancelled()) return;
             n->frame.Cancel(n->controller);
-            loop->PostDelayed(kCancelRepeatMillis, [again] {
-                if (*again) (*again)();
+            loop->PostDelayed(kCancelRepeatMillis, [next = self.lock()] {
+                if (next) (*next)();
             });
         };
-        m_loop->PostDelayed(kCancelRepeatMillis, [again] {
-            if (*again) (*again)();
-        });
+        m_loop->PostDelayed(kCancelRepeatMillis, [again] { (*again)(); });
     }
     return true;
 }

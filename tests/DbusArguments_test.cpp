@@ -64,12 +64,16 @@ TEST(DbusArguments, OverrideRoundTrip) {
     _HARDWARE_CONFIG_OVERRIDE o{};
     const TArgumentCheck check = ParseOverrideJson(kOverride, TDbusArgumentLimits{}, &o);
     ASSERT_TRUE(check.ok) << check.error;
-    EXPECT_EQ(o.flags, 1050373u);
-    EXPECT_EQ(o.option1, 255);
-    EXPECT_EQ(o.option3, 7);
-    EXPECT_EQ(o.value0, 2500);
-    EXPECT_EQ(o.edgeAdjust[1], -15);
-    EXPECT_EQ(o.edgeAdjust[3], 127);
+    // Read by value: the record is packed.
+    const uint32_t flags = o.flags;
+    const int option1 = o.option1, option3 = o.option3, value0 = o.value0;
+    const int edge1 = o.edgeAdjust[1], edge3 = o.edgeAdjust[3];
+    EXPECT_EQ(flags, 1050373u);
+    EXPECT_EQ(option1, 255);
+    EXPECT_EQ(option3, 7);
+    EXPECT_EQ(value0, 2500);
+    EXPECT_EQ(edge1, -15);
+    EXPECT_EQ(edge3, 127);
     _HARDWARE_CONFIG_OVERRIDE again{};
     ASSERT_TRUE(ParseOverrideJson(OverrideToJson(o), TDbusArgumentLimits{}, &again).ok);
     EXPECT_EQ(std::memcmp(&o, &again, sizeof o), 0);

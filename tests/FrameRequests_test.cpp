@@ -137,7 +137,10 @@ TEST(FrameRequests, WrittenConfigurationCalibratesTheNextTouch) {
         ASSERT_EQ(rig.results.size(), 1u);
         EXPECT_EQ(rig.results[0].outcome, TFrameOutcome::Done) << rig.results[0].message;
         ASSERT_TRUE(rig.results[0].config);
-        EXPECT_EQ(rig.results[0].config->areas[0].targetRect.width, HalfWidthConfig()->areas[0].targetRect.width);
+        // Read by value: the record is packed.
+        const int32_t readBack = rig.results[0].config->areas[0].targetRect.width;
+        const int32_t asWritten = HalfWidthConfig()->areas[0].targetRect.width;
+        EXPECT_EQ(readBack, asWritten);
         EXPECT_EQ(rig.node.frame.Summary(), "1 area, 0 panels");
     }
     {
