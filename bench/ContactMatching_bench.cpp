@@ -48,25 +48,19 @@ struct Rig {
     }
 
     // The worker's road: the frame goes through the contact stream to the gestures alone.
-    struct TGestures final : IContactListener {
-        explicit TGestures(CContactTracker& t) : tracker(t) {}
-        void OnContacts(const TContactFrame& f) override {
-            tracker.DealFrame(f.points, f.timeStamp);
-        }
-        CContactTracker& tracker;
-    };
     void ThroughStream() {
-        gestures = std::make_unique<TGestures>(tracker);
+        gestures = std::make_unique<CGestureListener>(container);
         stream = std::make_unique<CContactPublisher>(
             1, std::vector<IContactListener*>{gestures.get()});
     }
-    std::unique_ptr<TGestures> gestures;
+    const CContactTracker& Tracker() const { return gestures ? gestures->Tracker() : tracker; }
+    std::unique_ptr<CGestureListener> gestures;
     std::unique_ptr<CContactPublisher> stream;
     _HARDWARE_FRAME_SDK frame{};
 
     // A touch already down and pressed, its path holding `samples` samples.
     void HoldWithPath(size_t samples) {
-        CTouchPointInfo* contact = tracker.Tracked()[0];
+        CTouchPointInfo* contact = Tracker().Tracked()[0];
         contact->Remove();
         for (size_t i = 0; i < samples; ++i) {
             stamp += kFrameUnits;

@@ -39,26 +39,23 @@ void Frames(benchmark::State& state, int contacts, bool moving) {
     source.geometry = &geometry;
     output.OnFrameReady(source);
 
-    std::vector<_HARDWARE_SDK_POINT> points(static_cast<size_t>(contacts));
-    for (int i = 0; i < contacts; ++i) {
-        _HARDWARE_SDK_POINT& p = points[static_cast<size_t>(i)];
-        p = {};
-        p.id = static_cast<uint8_t>(i + 1);
-        p.status = kContactMoving;
-        p.rawX = static_cast<uint16_t>(3000 + 3000 * i);
-        p.rawY = 16000;
-        p.next = i + 1 < contacts ? &points[static_cast<size_t>(i + 1)] : nullptr;
-    }
     TContactFrame frame;
     frame.device = 1;
-    frame.points = points.data();
+    for (int i = 0; i < contacts; ++i) {
+        TContact c;
+        c.id = static_cast<uint8_t>(i + 1);
+        c.status = kContactMoving;
+        c.rawX = static_cast<uint16_t>(3000 + 3000 * i);
+        c.rawY = 16000;
+        frame.contacts.push_back(c);
+    }
 
     int64_t micros = 0;
     for (auto _ : state) {
         micros += 5000;  // 200 frames a second
         frame.timeStamp = micros / 1'000'000 * 4'000'000 + micros % 1'000'000;
         if (moving) {
-            for (auto& p : points) p.rawY = static_cast<uint16_t>(8000 + (micros / 5000) % 16000);
+            for (auto& c : frame.contacts) c.rawY = static_cast<uint16_t>(8000 + (micros / 5000) % 16000);
         }
         output.OnContacts(frame);
     }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 constexpr uint8_t FRAME_TAG_COMPACT = 0xB0;
 constexpr uint8_t FRAME_TAG_EXTENDED = 0xB1;
@@ -43,6 +44,17 @@ struct _HARDWARE_FRAME_SDK {
     _HARDWARE_SDK_POINT* points;  // contacts, last contact of the report first; null when none
     uint16_t pointBufferBytes;
     uint8_t* pointBuffer;  // must be aligned for _HARDWARE_SDK_POINT (any new[] buffer is)
+};
+
+// A frame record with contact storage of its own, allocated once and reused for every frame.
+struct TFrameRecord {
+    _HARDWARE_FRAME_SDK frame{};
+    std::unique_ptr<uint8_t[]> storage;
+
+    explicit TFrameRecord(uint16_t storageBytes) : storage(new uint8_t[storageBytes]) {
+        frame.pointBufferBytes = storageBytes;
+        frame.pointBuffer = storage.get();
+    }
 };
 
 // Decodes a frame payload (reply byte 1 onward). True when the payload is a frame, with or

@@ -3,8 +3,9 @@
 // monitor and recording are others.
 //
 // Calls come on the frame's worker thread, in this order: OnFrameReady once the frame is
-// configured, OnContacts once per polled frame, OnFrameEnd once when the worker ends (the frame
-// went away, stopped answering, or the driver is ending). A listener that holds touches must
+// configured, OnContacts once per polled frame (OnConfigChanged between two of them when a tool
+// rewrote the frame's configuration), OnFrameEnd once when the worker ends (the frame went away,
+// stopped answering, or the driver is ending). A listener that holds touches must
 // lift them all in OnFrameEnd. Listeners of several frames are called from several threads.
 #pragma once
 
@@ -47,8 +48,20 @@ struct TContactFrame {
     int device = 0;         // the frame's number (1, 2, ... in order of discovery)
     int64_t timeStamp = 0;  // seconds * 4,000,000 + microseconds
     std::vector<TContact> contacts;
-    // The calibrated contact list the values above come from; valid only during the call.
-    const _HARDWARE_SDK_POINT* points = nullptr;
+};
+
+// Turns one frame's calibrated contact list after the other into values, and works out which
+// contacts retired: down in the previous frame, missing now, never lifted. One per frame (the
+// worker's publisher, irframectl's direct monitor); used on one thread.
+class CContactFrameBuilder {
+public:
+    explicit CContactFrameBuilder(int device);
+    // `frame` has been calibrated into absolute units. The result is valid until the next call.
+    const TContactFrame& Build(const _HARDWARE_FRAME_SDK& frame, int64_t timeStamp);
+
+private:
+    TContactFrame m_frame;
+    std::vector<TContact> m_down;  // contacts of the previous frame that had not ended
 };
 
 // What a listener may want to know about the frame it listens to, valid from OnFrameReady to
@@ -67,6 +80,9 @@ public:
     virtual ~IContactListener() = default;
     virtual void OnFrameReady(const TContactSource& source) { (void)source; }
     virtual void OnContacts(const TContactFrame& frame) = 0;
+    // The frame took a new configuration (a tool wrote it): `source.config` is the new one, which
+    // the frame's contacts are calibrated with from the next OnContacts on.
+    virtual void OnConfigChanged(const TContactSource& source) { (void)source; }
     // The frame's worker ends: every contact still down is to be lifted now.
     virtual void OnFrameEnd(int device) { (void)device; }
 };

@@ -304,6 +304,10 @@ TEST(DevConfigJson, SummaryCountsWhatIsInUse) {
     c->panels[0].columns = 1;
     EXPECT_EQ(DevConfigSummary(*c), "1 area, 1 panel (1 key)");
     EXPECT_EQ(DevConfigSummary(*RichRecord()), "3 areas, 2 panels (6 keys)");
+    // Counts a device may claim are taken within the record.
+    c->areaCount = 200;
+    c->panelCount = 200;
+    EXPECT_EQ(DevConfigSummary(*c).substr(0, 19), "32 areas, 4 panels ");
 }
 
 }  // namespace

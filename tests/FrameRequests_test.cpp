@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -12,6 +14,7 @@
 #include "LoadEvent.h"
 #include "MtDevEmulator.h"
 #include "MtScriptedHidDevice.h"
+#include "TuioOutput.h"
 #include "support/MtDevLinkRig.h"
 
 namespace {
@@ -157,6 +160,83 @@ TEST(FrameRequests, WrittenConfigurationCalibratesTheNextTouch) {
     EXPECT_NE(written, before);
 }
 
+// Records what a TUIO output sends, by target: the count of datagrams that set a cursor.
+struct TTuioCapture {
+    std::map<std::string, int> cursorUpdates;
+
+    TTuioSocketFactory Factory() {
+        return [this](const TTuioTarget& target, std::string*) -> std::unique_ptr<ITuioSocket> {
+            return std::make_unique<Socket>(this, FormatTuioTarget(target));
+        };
+    }
+
+private:
+    struct Socket : ITuioSocket {
+        Socket(TTuioCapture* c, std::string t) : capture(c), target(std::move(t)) {}
+        bool Send(std::span<const uint8_t> bytes, std::string*) override {
+            static constexpr char kSet[] = {'s', 'e', 't', '\0'};
+            if (std::search(bytes.begin(), bytes.end(), std::begin(kSet), std::end(kSet)) !=
+                bytes.end()) {
+                ++capture->cursorUpdates[target];
+            }
+            return true;
+        }
+        bool Loopback() const override { return true; }
+        TTuioCapture* capture;
+        std::string target;
+    };
+};
+
+// The default area shrunk to the left half of the frame, and a new area on the right half that
+// sends its cursors to port 4001.
+std::shared_ptr<_HARDWARE_DEV_CONFIG> SplitAreasConfig() {
+    auto config = ConfigOf(EmuDefaultConfigBlock());
+    config->flags |= DEV_FLAG_AREAS_ENABLED;
+    _HCRECT_CONFIG_FILE left = config->areas[0];
+    left.center.x = 8192;
+    left.axisH.x = -8192;
+    _HCRECT_CONFIG_FILE right = left;
+    right.center.x = 24576;
+    right.id = 1;
+    right.port = 4001;
+    config->areas[0] = left;
+    config->areas[1] = right;
+    config->areaCount = 2;
+    return config;
+}
+
+// Verify that TUIO routes by the areas of a configuration written through the worker from the
+// next frame on: the same touch on the right half goes to the frame's target before the write
+// and to the new area's target after it.
+TEST(FrameRequests, TuioFollowsAWrittenArea) {
+    const auto Run = [](bool write) {
+        TRig rig;
+        TTuioSettings settings;
+        std::atomic<int32_t> sessions{0};
+        TTuioCapture capture;
+        CTuioOutput tuio(settings, sessions, capture.Factory(), "test");
+        rig.node.worker.listeners = {&tuio};
+        if (write) {
+            rig.beforePoll = [&rig](uint64_t polls) {
+                if (polls != 2) return;
+                TFrameRequest request;
+                request.operation = TFrameOperation::WriteConfig;
+                request.config = SplitAreasConfig();
+                rig.Submit(std::move(request));
+            };
+        }
+        rig.TapAt(4, 12000, 8192);
+        rig.Run();
+        return capture.cursorUpdates;
+    };
+    const std::map<std::string, int> before = Run(false);
+    const std::map<std::string, int> after = Run(true);
+    EXPECT_GT(before.count("127.0.0.1:3333"), 0u);
+    EXPECT_EQ(before.count("127.0.0.1:4001"), 0u);
+    EXPECT_GT(after.count("127.0.0.1:4001"), 0u);
+    EXPECT_EQ(after.count("127.0.0.1:3333"), 0u);
+}
+
 struct TFailureCase {
     const char* name;
     int failedPolls;         // polls failing after the failed transfer
@@ -252,18 +332,6 @@ TEST(FrameRequests, CancelledBetweenSteps) {
     EXPECT_THAT(result.message, HasSubstr("stopped"));
     EXPECT_EQ(rig.emulator.RequestCount(), 0u);
     controller.CloseDevice(MTDEV_CLOSE_SILENT);
-}
-
-TEST(FrameRequests, ConfigSummary) {
-    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    EXPECT_EQ(DescribeConfig(*config), "0 areas, 0 panels");
-    config->areaCount = 2;
-    config->panelCount = 1;
-    config->panels[0].rows = 2;
-    config->panels[0].columns = 2;
-    EXPECT_EQ(DescribeConfig(*config), "2 areas, 1 panel (4 keys)");
-    config->panelCount = 200;  // as a device may claim: counted within the record
-    EXPECT_THAT(DescribeConfig(*config), HasSubstr("4 panels"));
 }
 
 }  // namespace

@@ -185,18 +185,17 @@ protected:
 
     static void Feed(CTuioOutput& output, int64_t micros, const std::vector<Touch>& touches,
                      int device = 1) {
-        std::vector<_HARDWARE_SDK_POINT> points(touches.size());
-        for (size_t i = 0; i < touches.size(); ++i) {
-            points[i].id = touches[i].id;
-            points[i].status = touches[i].status;
-            points[i].rawX = touches[i].rawX;
-            points[i].rawY = touches[i].rawY;
-            points[i].next = i + 1 < touches.size() ? &points[i + 1] : nullptr;
-        }
         TContactFrame frame;
         frame.device = device;
         frame.timeStamp = Stamp(micros);
-        frame.points = points.empty() ? nullptr : points.data();
+        for (const Touch& touch : touches) {
+            TContact c;
+            c.id = touch.id;
+            c.status = touch.status;
+            c.rawX = touch.rawX;
+            c.rawY = touch.rawY;
+            frame.contacts.push_back(c);
+        }
         output.OnContacts(frame);
     }
 

@@ -146,16 +146,3 @@ TFrameResult RunFrameRequest(CMtDevController& controller, const TFrameRequest& 
     }
     return Failure(op, DE_UNSUPPORT);
 }
-
-std::string DescribeConfig(const _HARDWARE_DEV_CONFIG& config) {
-    const int areas = config.areaCount;
-    const int panels = std::min<int>(config.panelCount, DEV_CONFIG_MAX_PANELS);
-    int keys = 0;
-    for (int i = 0; i < panels; ++i) {
-        keys += std::min(config.panels[i].rows * config.panels[i].columns, DEV_CONFIG_MAX_KEYS);
-    }
-    std::string text = std::to_string(areas) + (areas == 1 ? " area, " : " areas, ") +
-                       std::to_string(panels) + (panels == 1 ? " panel" : " panels");
-    if (panels > 0) text += " (" + std::to_string(keys) + (keys == 1 ? " key)" : " keys)");
-    return text;
-}

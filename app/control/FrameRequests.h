@@ -16,6 +16,3 @@ inline constexpr int kFrameStatusMaxBytes = 64 * 1024;
 // (with the device error); the caller tells Cancelled and Gone apart.
 TFrameResult RunFrameRequest(CMtDevController& controller, const TFrameRequest& request,
                              const std::atomic<bool>& cancelled);
-
-// "2 areas, 1 panel (4 keys)": what a configuration holds, in a few words.
-std::string DescribeConfig(const _HARDWARE_DEV_CONFIG& config);

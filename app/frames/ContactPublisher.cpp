@@ -1,14 +1,7 @@
 #include "ContactPublisher.h"
 
-#include <algorithm>
-
 CContactPublisher::CContactPublisher(int device, std::vector<IContactListener*> listeners)
-    : m_device(device), m_listeners(std::move(listeners)) {
-    m_frame.device = device;
-    // A frame report holds at most nine contacts; the retired ones come on top.
-    m_frame.contacts.reserve(32);
-    m_down.reserve(32);
-}
+    : m_device(device), m_listeners(std::move(listeners)), m_values(device) {}
 
 CContactPublisher::~CContactPublisher() { End(); }
 
@@ -18,44 +11,42 @@ void CContactPublisher::Ready(const TContactSource& source) {
 }
 
 void CContactPublisher::Publish(const _HARDWARE_FRAME_SDK& frame, int64_t timeStamp) {
-    m_frame.timeStamp = timeStamp;
-    m_frame.points = frame.points;
-    m_frame.contacts.clear();
-    for (const _HARDWARE_SDK_POINT* p = frame.points; p != nullptr; p = p->next) {
-        TContact c;
-        c.id = p->id;
-        c.status = p->status;
-        c.hasSize = p->rawW != 0 || p->rawH != 0;
-        c.x = p->x;
-        c.y = p->y;
-        c.width = c.hasSize ? p->width : 0;
-        c.height = c.hasSize ? p->height : 0;
-        c.rawX = p->rawX;
-        c.rawY = p->rawY;
-        c.cell[0] = p->cell[0];
-        c.cell[1] = p->cell[1];
-        m_frame.contacts.push_back(c);
-    }
-    const size_t reported = m_frame.contacts.size();
-    // A contact that was down and is missing now never lifted: contact matching retires it.
-    for (TContact& before : m_down) {
-        const auto first = m_frame.contacts.begin();
-        const auto last = first + static_cast<std::ptrdiff_t>(reported);
-        if (std::none_of(first, last, [&](const TContact& c) { return c.id == before.id; })) {
-            before.retired = true;
-            m_frame.contacts.push_back(before);
-        }
-    }
-    m_down.clear();
-    for (size_t i = 0; i < reported; ++i) {
-        if (!m_frame.contacts[i].Ended()) m_down.push_back(m_frame.contacts[i]);
-    }
-    for (IContactListener* listener : m_listeners) listener->OnContacts(m_frame);
-    m_frame.points = nullptr;
+    const TContactFrame& values = m_values.Build(frame, timeStamp);
+    for (IContactListener* listener : m_listeners) listener->OnContacts(values);
+}
+
+void CContactPublisher::ConfigChanged(const TContactSource& source) {
+    if (!m_started || m_ended) return;
+    for (IContactListener* listener : m_listeners) listener->OnConfigChanged(source);
 }
 
 void CContactPublisher::End() {
     if (!m_started || m_ended) return;
     m_ended = true;
     for (IContactListener* listener : m_listeners) listener->OnFrameEnd(m_device);
+}
+
+CGestureListener::CGestureListener(CTouchPointContainer& container) : m_tracker(container) {
+    m_points.reserve(32);
+}
+
+void CGestureListener::OnContacts(const TContactFrame& frame) {
+    m_points.clear();
+    for (const TContact& c : frame.contacts) {
+        if (c.retired) continue;
+        _HARDWARE_SDK_POINT p{};
+        p.id = c.id;
+        p.status = c.status;
+        p.x = c.x;
+        p.y = c.y;
+        p.width = c.width;
+        p.height = c.height;
+        p.rawX = c.rawX;
+        p.rawY = c.rawY;
+        p.cell[0] = c.cell[0];
+        p.cell[1] = c.cell[1];
+        m_points.push_back(p);
+    }
+    for (size_t i = 0; i + 1 < m_points.size(); ++i) m_points[i].next = &m_points[i + 1];
+    m_tracker.DealFrame(m_points.empty() ? nullptr : m_points.data(), frame.timeStamp);
 }

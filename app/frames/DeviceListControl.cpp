@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "DevConfigJson.h"
 #include "FrameRequests.h"
 #include "LoadEvent.h"
 
@@ -54,7 +55,7 @@ void CFrameSlot::SetConfigured(int number, const TFrameGeometry& geometry,
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_geometry = geometry;
-        m_summary = DescribeConfig(config);
+        m_summary = DevConfigSummary(config);
     }
     OnMainLoop(loop, [number] { FrameStateChanged(number); });
 }

@@ -11,17 +11,6 @@
 
 namespace {
 
-// The frame record and its contact storage, allocated once per worker.
-struct TFrameRecord {
-    _HARDWARE_FRAME_SDK frame{};
-    std::unique_ptr<uint8_t[]> storage;
-
-    TFrameRecord() : storage(new uint8_t[kFrameBufferBytes]) {
-        frame.pointBufferBytes = static_cast<uint16_t>(kFrameBufferBytes);
-        frame.pointBuffer = storage.get();
-    }
-};
-
 // Counts the worker out however it returns.
 struct TWorkerScope {
     const TWorkerContext& context;
@@ -97,7 +86,7 @@ unsigned int test(void* arg) {
     }
 
     TLogSystem("STEP 2");
-    TFrameRecord record;
+    TFrameRecord record(kFrameBufferBytes);
     _HARDWARE_FRAME_SDK* frame = &record.frame;
     pDev->isRunning.store(true);
 
@@ -144,8 +133,9 @@ unsigned int test(void* arg) {
                                    static_cast<float>(board.height));
     const TMtHidIdentity identity =
         pDev->hidDevice != nullptr ? pDev->hidDevice->Identity() : TMtHidIdentity{};
-    stream.Ready(TContactSource{pDev->deviceNumber, name, identity.vendorId, identity.productId,
-                                config.get(), &geometry});
+    const TContactSource source{pDev->deviceNumber, name, identity.vendorId, identity.productId,
+                                config.get(), &geometry};
+    stream.Ready(source);
     TLog(TLogLevel::Debug, "frame %d ready: logical %dx%d, raw %dx%d", pDev->deviceNumber,
          geometry.logicalWidth, geometry.logicalHeight, geometry.rawWidth, geometry.rawHeight);
 
@@ -170,6 +160,7 @@ unsigned int test(void* arg) {
                                   {geometry.logicalWidth, geometry.logicalHeight,
                                    geometry.rawWidth, geometry.rawHeight},
                                   *config);
+        stream.ConfigChanged(source);  // `source` points at the rewritten record
     };
 
     for (;;) {

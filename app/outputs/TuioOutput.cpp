@@ -138,6 +138,13 @@ void CTuioOutput::OnContacts(const TContactFrame& frame) {
     }
 }
 
+void CTuioOutput::OnConfigChanged(const TContactSource& source) {
+    if (m_ready) {
+        if (const std::optional<std::string> why = Failure([&] { End(); })) Warn(*why);
+    }
+    OnFrameReady(source);
+}
+
 void CTuioOutput::OnFrameEnd(int device) {
     if (!m_ready || device != m_device) return;
     if (const std::optional<std::string> why = Failure([&] { End(); })) Warn(*why);
@@ -258,9 +265,15 @@ const CTuioOutput::TRoute* CTuioOutput::RouteOf(const _CAL_COORDINATE_INFO* info
 void CTuioOutput::Contacts(const TContactFrame& frame) {
     // A copy of the contact list for this output's own calibration.
     m_points.clear();
-    for (const _HARDWARE_SDK_POINT* p = frame.points; p != nullptr; p = p->next) {
+    for (const TContact& c : frame.contacts) {
+        if (c.retired) continue;  // not in the frame: leaves `alive`
         if (m_points.size() == m_points.capacity()) break;
-        m_points.push_back(*p);
+        _HARDWARE_SDK_POINT p{};
+        p.id = c.id;
+        p.status = c.status;
+        p.rawX = c.rawX;
+        p.rawY = c.rawY;
+        m_points.push_back(p);
     }
     for (size_t i = 0; i < m_points.size(); ++i) {
         m_points[i].next = i + 1 < m_points.size() ? &m_points[i + 1] : nullptr;

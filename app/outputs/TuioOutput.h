@@ -53,6 +53,8 @@ public:
 
     void OnFrameReady(const TContactSource& source) override;
     void OnContacts(const TContactFrame& frame) override;
+    // The cursors of the old areas end; the new areas get their routes and streams.
+    void OnConfigChanged(const TContactSource& source) override;
     void OnFrameEnd(int device) override;
 
     // Read access for tests: the streams opened for the current frame, by target.

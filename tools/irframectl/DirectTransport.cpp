@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "CCalibrateSystem.h"
+#include "ContactStream.h"
 #include "DevConfigJson.h"
 #include "FrameTimeStamp.h"
 #include "GestureScript.h"
@@ -141,17 +142,6 @@ std::string Failed(const std::string& what, DEV_ERR code) {
     return what + " failed: " + MtDevErrorName(code);
 }
 
-// Frame record with its contact storage, as the driver's worker keeps it.
-struct TFrameRecord {
-    _HARDWARE_FRAME_SDK frame{};
-    std::unique_ptr<uint8_t[]> storage;
-
-    TFrameRecord() : storage(new uint8_t[kFrameBufferBytes]) {
-        frame.pointBufferBytes = static_cast<uint16_t>(kFrameBufferBytes);
-        frame.pointBuffer = storage.get();
-    }
-};
-
 // One frame opened by the tool. Owns what the device path points at.
 class CDirectFrame final : public IFrame {
 public:
@@ -271,8 +261,7 @@ public:
         calibration.InitCalibrateSys(&Config(), &geometry);
         if (started) started();
 
-        // Ids reported in the previous frame and not ended: missing now means retired.
-        std::map<uint8_t, TMonitoredContact> open;
+        CContactFrameBuilder values(0);
         for (int failed = 0;;) {
             if (stop && stop()) return TStreamEnd::Stopped;
             if (m_controller.GetFrameSdk(&m_record.frame) != DE_OK) {
@@ -281,32 +270,15 @@ public:
                 continue;
             }
             failed = 0;
-            TMonitoredFrame out;
-            out.timeStamp = CurrentFrameTimeStamp();
             calibration.CalFramePoint(&m_record.frame);
             calibration.GetAbsHIDCoords(&m_record.frame);
-            std::map<uint8_t, TMonitoredContact> now;
-            for (const _HARDWARE_SDK_POINT* p = m_record.frame.points; p != nullptr; p = p->next) {
-                TMonitoredContact c;
-                c.id = p->id;
-                c.status = p->status;
-                c.x = p->x;
-                c.y = p->y;
-                c.width = p->width;
-                c.height = p->height;
-                c.rawX = p->rawX;
-                c.rawY = p->rawY;
-                c.cellGroup = p->cell[0];
-                c.cellIndex = p->cell[1];
-                out.contacts.push_back(c);
-                if (c.status < 2) now[c.id] = c;
-                open.erase(c.id);
+            const TContactFrame& frame = values.Build(m_record.frame, CurrentFrameTimeStamp());
+            TMonitoredFrame out;
+            out.timeStamp = frame.timeStamp;
+            for (const TContact& c : frame.contacts) {
+                out.contacts.push_back({c.id, c.status, c.retired, c.x, c.y, c.width, c.height,
+                                        c.rawX, c.rawY, c.cell[0], c.cell[1]});
             }
-            for (auto& [id, c] : open) {
-                c.retired = true;
-                out.contacts.push_back(c);
-            }
-            open = std::move(now);
             if (!onFrame(out)) return TStreamEnd::Stopped;
         }
     }
@@ -378,7 +350,7 @@ private:
     CMtDevController m_controller;
     std::unique_ptr<_HARDWARE_DEV_CONFIG> m_config;
     std::optional<_CS_CONFIG> m_geometry;
-    TFrameRecord m_record;
+    TFrameRecord m_record{kFrameBufferBytes};
 };
 
 class CDirectTransport final : public ITransport {

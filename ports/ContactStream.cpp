@@ -1,0 +1,45 @@
+#include "ContactStream.h"
+
+#include <algorithm>
+
+CContactFrameBuilder::CContactFrameBuilder(int device) {
+    m_frame.device = device;
+    // A frame report holds at most nine contacts; the retired ones come on top.
+    m_frame.contacts.reserve(32);
+    m_down.reserve(32);
+}
+
+const TContactFrame& CContactFrameBuilder::Build(const _HARDWARE_FRAME_SDK& frame,
+                                                 int64_t timeStamp) {
+    m_frame.timeStamp = timeStamp;
+    m_frame.contacts.clear();
+    for (const _HARDWARE_SDK_POINT* p = frame.points; p != nullptr; p = p->next) {
+        TContact c;
+        c.id = p->id;
+        c.status = p->status;
+        c.hasSize = p->rawW != 0 || p->rawH != 0;
+        c.x = p->x;
+        c.y = p->y;
+        c.width = c.hasSize ? p->width : 0;
+        c.height = c.hasSize ? p->height : 0;
+        c.rawX = p->rawX;
+        c.rawY = p->rawY;
+        c.cell[0] = p->cell[0];
+        c.cell[1] = p->cell[1];
+        m_frame.contacts.push_back(c);
+    }
+    const size_t reported = m_frame.contacts.size();
+    for (TContact& before : m_down) {
+        const auto first = m_frame.contacts.begin();
+        const auto last = first + static_cast<std::ptrdiff_t>(reported);
+        if (std::none_of(first, last, [&](const TContact& c) { return c.id == before.id; })) {
+            before.retired = true;
+            m_frame.contacts.push_back(before);
+        }
+    }
+    m_down.clear();
+    for (size_t i = 0; i < reported; ++i) {
+        if (!m_frame.contacts[i].Ended()) m_down.push_back(m_frame.contacts[i]);
+    }
+    return m_frame;
+}
