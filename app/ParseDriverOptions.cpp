@@ -189,7 +189,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "script waits after K frames until C configuration writes)")
         ->type_name("[N:]KIND:COUNT[@K]");
     app.add_option("--simulate-id", simulateId,
-                   "USB vendor:product of the simulated frames (default AAEC:C020)")
+                   "USB vendor:product of the simulated frames: AAEC:C020 (the default), "
+                   "AAEC:C021 or 202E:0006")
         ->type_name("VVVV:PPPP");
     app.add_flag("--realtime", opt.realtime,
                  "Pace simulated frames in real time instead of on an instant virtual clock");
