@@ -14,9 +14,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/PrivateBus.h"
 
 extern char** environ;
 
@@ -94,31 +97,10 @@ protected:
         char dir[] = "/tmp/driver_dbus_test.XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
         m_dir = dir;
-        // The private bus; it prints its address once it listens.
-        int pipeFds[2];
-        ASSERT_EQ(pipe(pipeFds), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-        posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--session"),
-                        const_cast<char*>("--print-address"), const_cast<char*>("--nofork"),
-                        nullptr};
-        ASSERT_EQ(posix_spawnp(&m_daemon, "dbus-daemon", &actions, nullptr, argv, environ), 0)
-            << "dbus-daemon is needed (Debian package dbus-daemon)";
-        posix_spawn_file_actions_destroy(&actions);
-        close(pipeFds[1]);
-        std::string address;
-        char c;
-        while (read(pipeFds[0], &c, 1) == 1 && c != '\n') address.push_back(c);
-        close(pipeFds[0]);
-        ASSERT_FALSE(address.empty());
-        setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-        ASSERT_GE(sd_bus_new(&m_bus), 0);
-        ASSERT_GE(sd_bus_set_address(m_bus, address.c_str()), 0);
-        ASSERT_GE(sd_bus_set_bus_client(m_bus, 1), 0);
-        ASSERT_GE(sd_bus_start(m_bus), 0);
+        m_daemon = std::make_unique<CPrivateBus>();
+        ASSERT_TRUE(m_daemon->Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
+        m_bus = m_daemon->Connect();
+        ASSERT_NE(m_bus, nullptr);
         // A frame that waits for a write of its configuration before it touches.
         m_tap = Script("tap.gesture", "down 1 16000 16000\nhold 2\nup 1\nhold 1\n");
     }
@@ -127,11 +109,7 @@ protected:
         for (TDriver* d : m_drivers) d->Stop();
         m_signalSlot = sd_bus_slot_unref(m_signalSlot);
         m_bus = sd_bus_flush_close_unref(m_bus);
-        if (m_daemon > 0) {
-            kill(m_daemon, SIGTERM);
-            waitpid(m_daemon, nullptr, 0);
-        }
-        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        m_daemon.reset();
         std::system(("rm -rf " + m_dir).c_str());
     }
 
@@ -330,7 +308,7 @@ protected:
     }
 
     std::string m_dir;
-    pid_t m_daemon = -1;
+    std::unique_ptr<CPrivateBus> m_daemon;
     sd_bus* m_bus = nullptr;
     sd_bus_slot* m_signalSlot = nullptr;
     std::string m_tap;

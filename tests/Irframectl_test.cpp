@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "DevConfigJson.h"
+#include "support/PrivateBus.h"
 
 extern char** environ;
 
@@ -129,55 +130,6 @@ struct TRun {
     int status = -1;
     std::string out;
     std::string err;
-};
-
-// A private session bus, named in DBUS_SESSION_BUS_ADDRESS for every child while it lives.
-class CPrivateBus {
-public:
-    CPrivateBus() {
-        int fds[2];
-        if (pipe(fds) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--session"),
-                        const_cast<char*>("--print-address"), const_cast<char*>("--nofork"),
-                        nullptr};
-        if (posix_spawnp(&m_pid, "dbus-daemon", &actions, nullptr, argv, environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        close(fds[1]);
-        char c;
-        while (m_pid > 0 && read(fds[0], &c, 1) == 1 && c != '\n') m_address.push_back(c);
-        close(fds[0]);
-        if (!m_address.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", m_address.c_str(), 1);
-    }
-    ~CPrivateBus() {
-        unsetenv("DBUS_SESSION_BUS_ADDRESS");
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    bool Ready() const { return !m_address.empty(); }
-    const std::string& Address() const { return m_address; }
-
-    // A client connection of the test's own.
-    sd_bus* Connect() const {
-        sd_bus* bus = nullptr;
-        if (sd_bus_new(&bus) < 0) return nullptr;
-        if (sd_bus_set_address(bus, m_address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
-            sd_bus_start(bus) < 0) {
-            sd_bus_unref(bus);
-            return nullptr;
-        }
-        return bus;
-    }
-
-private:
-    pid_t m_pid = -1;
-    std::string m_address;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -678,7 +630,7 @@ protected:
     void SetUp() override {
         Irframectl::SetUp();
         m_bus = std::make_unique<CPrivateBus>();
-        if (!m_bus->Ready()) GTEST_SKIP() << "dbus-daemon is needed (Debian package dbus-daemon)";
+        ASSERT_TRUE(m_bus->Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
     }
     void TearDown() override {
         m_fake.reset();

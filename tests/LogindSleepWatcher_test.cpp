@@ -1,80 +1,16 @@
 #include "LogindSleepWatcher.h"
 
 #include "SdEventLoop.h"
+#include "support/PrivateBus.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
 
-extern char** environ;
-
 namespace {
-
-// A private bus daemon standing in for the system bus, so that a test can play logind.
-class CPrivateBus {
-public:
-    CPrivateBus() {
-        char dir[] = "/tmp/irframe-bus-XXXXXX";
-        if (mkdtemp(dir) == nullptr) return;
-        m_dir = dir;
-        const std::string socket = m_dir + "/bus";
-        const std::string config = m_dir + "/bus.conf";
-        std::ofstream(config)
-            << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-               " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-               "<busconfig><type>session</type><listen>unix:path=" << socket << "</listen>"
-               "<auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\"/>"
-               "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n";
-        const std::string configArg = "--config-file=" + config;
-        const char* argv[] = {"dbus-daemon", configArg.c_str(), "--nofork", "--nopidfile",
-                              nullptr};
-        if (posix_spawnp(&m_pid, "dbus-daemon", nullptr, nullptr, const_cast<char**>(argv),
-                         environ) != 0) {
-            m_pid = -1;
-            return;
-        }
-        // Wait (bounded) for the socket to appear.
-        struct stat info;
-        for (int i = 0; i < 6000 && stat(socket.c_str(), &info) != 0; ++i) usleep(10'000);
-        m_address = "unix:path=" + socket;
-    }
-    ~CPrivateBus() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, nullptr, 0);
-        }
-        if (!m_dir.empty()) {
-            std::remove((m_dir + "/bus").c_str());
-            std::remove((m_dir + "/bus.conf").c_str());
-            rmdir(m_dir.c_str());
-        }
-    }
-    bool Ready() const { return m_pid > 0 && !m_address.empty(); }
-    const std::string& Address() const { return m_address; }
-
-private:
-    pid_t m_pid = -1;
-    std::string m_dir;
-    std::string m_address;
-};
-
-sd_bus* Connect(const std::string& address) {
-    sd_bus* bus = nullptr;
-    if (sd_bus_new(&bus) < 0) return nullptr;
-    if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
-        sd_bus_start(bus) < 0) {
-        sd_bus_unref(bus);
-        return nullptr;
-    }
-    return bus;
-}
 
 void EmitPrepareForSleep(sd_bus* bus, bool preparing) {
     ASSERT_GE(sd_bus_emit_signal(bus, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
@@ -87,7 +23,7 @@ void EmitPrepareForSleep(sd_bus* bus, bool preparing) {
 // same signal from another sender does not.
 TEST(LogindSleepWatcher, WakeOnResumeFromLogindOnly) {
     CPrivateBus daemon;
-    if (!daemon.Ready()) GTEST_SKIP() << "dbus-daemon is not available";
+    ASSERT_TRUE(daemon.Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
     std::string error;
     auto loop = CSdEventLoop::Create(&error);
     ASSERT_NE(loop, nullptr) << error;
@@ -97,8 +33,8 @@ TEST(LogindSleepWatcher, WakeOnResumeFromLogindOnly) {
     ASSERT_TRUE(watcher.Start(loop->Event(), [&] { ++wakes; }, &error, daemon.Address().c_str()))
         << error;
 
-    sd_bus* impostor = Connect(daemon.Address());
-    sd_bus* logind = Connect(daemon.Address());
+    sd_bus* impostor = daemon.Connect();
+    sd_bus* logind = daemon.Connect();
     ASSERT_NE(impostor, nullptr);
     ASSERT_NE(logind, nullptr);
     ASSERT_GE(sd_bus_request_name(logind, "org.freedesktop.login1", 0), 0);
