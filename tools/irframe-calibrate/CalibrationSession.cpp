@@ -4,6 +4,29 @@
 
 #include "TargetLayout.h"
 
+std::optional<_HCRECT_CONFIG_FILE> AreaToReplace(const _HARDWARE_DEV_CONFIG& config, int number) {
+    if (number < 1 || number > DEV_CONFIG_MAX_AREAS || number > config.areaCount + 1) {
+        return std::nullopt;
+    }
+    if (number <= config.areaCount) return config.areas[number - 1];
+    _HCRECT_CONFIG_FILE area{};
+    area.netAddress = config.netAddress;
+    area.port = config.port;
+    area.port2 = config.port2;
+    area.mode = static_cast<uint8_t>(config.flags & 0xFF);
+    area.id = static_cast<uint8_t>(number);
+    return area;
+}
+
+_HARDWARE_DEV_CONFIG ConfigWithArea(const _HARDWARE_DEV_CONFIG& config, int number,
+                                    const _HCRECT_CONFIG_FILE& area) {
+    _HARDWARE_DEV_CONFIG out = config;
+    out.areas[number - 1] = area;
+    if (number > out.areaCount) out.areaCount = static_cast<uint8_t>(number);
+    out.flags |= DEV_FLAG_AREAS_ENABLED;
+    return out;
+}
+
 CCalibrationSession::CCalibrationSession(const TSessionSetup& setup, int64_t nowMicros)
     : m_setup(setup), m_taker(setup.geometry.rawWidth, setup.geometry.rawHeight) {
     for (const TPointD& f : TargetFractions(setup.points)) {

@@ -29,6 +29,14 @@ struct TSessionSetup {
     int64_t timeoutMicros = 30'000'000;
 };
 
+// The area that calibration `number` (1..32) replaces: the configuration's own, or for the
+// number after the last a new one (id = number, network fields from the configuration). Empty
+// for a number further on.
+std::optional<_HCRECT_CONFIG_FILE> AreaToReplace(const _HARDWARE_DEV_CONFIG& config, int number);
+// `config` with area `number` replaced by `area` and the calibration areas switched on.
+_HARDWARE_DEV_CONFIG ConfigWithArea(const _HARDWARE_DEV_CONFIG& config, int number,
+                                    const _HCRECT_CONFIG_FILE& area);
+
 enum class TSessionPhase {
     Taking,    // a target is shown and waits for its touch
     Check,     // every touch taken and fitted: the crosses show where they land now
