@@ -46,9 +46,10 @@ public:
 
     Glib::Dispatcher& Arrived() { return m_arrived; }
 
-    void Start() {
+    // `started` runs on the feed's thread once the contacts flow.
+    void Start(std::function<void()> started) {
         m_stop = false;
-        m_thread = std::thread([this] {
+        m_thread = std::thread([this, started = std::move(started)] {
             TStreamEnd end = TStreamEnd::DriverGone;
             std::string error;
             try {
@@ -57,7 +58,7 @@ public:
                         Push(f);
                         return true;
                     },
-                    [this] { return m_stop.load(); }, nullptr);
+                    [this] { return m_stop.load(); }, started);
             } catch (const CToolError& e) {
                 error = e.what();
             }
@@ -117,6 +118,16 @@ public:
 
     int ExitCode() const { return m_exit; }
 
+    // The contacts flow from now on, before any window, so that no touch is missed; the
+    // gestures are held once they do.
+    void StartFeed() {
+        m_feed.Arrived().connect([this] { OnFrames(); });
+        m_feed.Start([this] {
+            m_frame.HoldGestures(true);
+            m_held = true;
+        });
+    }
+
     void Activate(const Glib::RefPtr<Gtk::Application>& app) {
         m_app = app;
         const auto monitors = Gdk::Display::get_default()->get_monitors();
@@ -156,10 +167,11 @@ public:
         m_window = std::make_unique<CCalibrateWindow>(*m_session, setup.output,
                                                       [this](auto c) { Choose(c); });
         app->add_window(*m_window);
+        // The monitor's size too, for an X server without a window manager to make it full-screen.
+        m_window->set_default_size(r.get_width(), r.get_height());
         m_window->fullscreen_on_monitor(chosen);
         m_window->present();
-        m_feed.Arrived().connect([this] { OnFrames(); });
-        m_feed.Start();
+        OnFrames();  // what came while the window was being made
         m_ticks = Glib::signal_timeout().connect(
             [this] {
                 m_session->Tick(NowMicros());
@@ -171,7 +183,7 @@ public:
 
 private:
     void OnFrames() {
-        if (m_done) return;
+        if (m_done || !m_session) return;
         for (const TMonitoredFrame& f : m_feed.Take()) {
             m_session->OnFrame(f, NowMicros());
             if (m_session->Phase() != TSessionPhase::Check) continue;
@@ -230,6 +242,7 @@ private:
 
     void Save() {
         m_feed.Stop();
+        Release();
         const _HARDWARE_DEV_CONFIG updated =
             ConfigWithArea(*m_config, m_options.area, m_session->Fit()->area);
         if (m_options.dryRun) {
@@ -264,14 +277,19 @@ private:
         m_exit = code;
         m_ticks.disconnect();
         m_feed.Stop();
-        if (release) {
-            try {
-                m_frame.HoldGestures(false);
-            } catch (const CToolError&) {
-                // The hold ends anyway when this process leaves the bus.
-            }
-        }
+        if (release) Release();
         if (m_app) m_app->quit();
+    }
+
+    // Before a write, so that the touches after it click again at once.
+    void Release() {
+        if (!m_held) return;
+        m_held = false;
+        try {
+            m_frame.HoldGestures(false);
+        } catch (const CToolError&) {
+            // The hold ends anyway when this process leaves the bus.
+        }
     }
 
     const TOptions m_options;
@@ -285,6 +303,7 @@ private:
     std::unique_ptr<CCalibrateWindow> m_window;
     sigc::connection m_ticks;
     bool m_done = false;
+    std::atomic<bool> m_held{false};  // set on the feed's thread
     int m_exit = kExitError;
 };
 
@@ -359,8 +378,8 @@ int main(int argc, char** argv) {
                                             " area(s); choose 1.." +
                                             std::to_string(config->areaCount + 1));
         }
-        frame->HoldGestures(true);
         calibrator.emplace(opt, *frame, now, std::move(config));
+        calibrator->StartFeed();
     } catch (const CToolError& e) {
         Say(e.what());
         return e.ExitCode() == kCtlUsage ? kExitUsage : kExitError;
