@@ -96,7 +96,8 @@ add_custom_command(
   DEPENDS packaging/changelog
   VERBATIM)
 add_custom_target(changelog ALL DEPENDS ${CMAKE_BINARY_DIR}/packaging/changelog.gz)
-file(GLOB doc_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md)
+file(GLOB doc_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md
+     ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.png)
 file(GLOB example_scripts CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/examples/*.gesture)
 install(FILES README.md packaging/copyright ${CMAKE_BINARY_DIR}/packaging/changelog.gz
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -122,9 +123,9 @@ string(CONCAT CPACK_PACKAGE_DESCRIPTION
     "and scroll events through uinput, so that every application on X11 or Wayland\n"
     "is driven by touch.\n"
     ".\n"
-    "The package holds the driver, udev rules that give the logged-in user access\n"
-    "to the frames and to uinput, a systemd user unit, man pages and example\n"
-    "gesture scripts.")
+    "The package holds the driver, the frame tool, an on-screen calibrator, udev\n"
+    "rules that give the logged-in user access to the frames and to uinput, a\n"
+    "systemd user unit, man pages and example gesture scripts.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
