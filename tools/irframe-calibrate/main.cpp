@@ -351,7 +351,7 @@ int main(int argc, char** argv) {
     std::string error;
     sd_bus* bus = OpenSessionBus(&error);
     if (bus == nullptr) {
-        Say("no session bus (" + error + "): run this in your desktop session");
+        Say(error + "; run this in your desktop session");
         return kExitError;
     }
     if (!DriverOnBus(bus)) {
