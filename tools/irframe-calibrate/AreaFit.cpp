@@ -170,9 +170,11 @@ std::optional<TAreaFit> FitArea(const TAreaFitInput& in, std::string* error) {
     // The record's integers are coarse: the side scales are whole output units and the edge
     // adjustments whole logical units, multiplied in 32 bits. Several axis lengths (and output
     // units per pixel to match) are tried, each refined through the translation itself.
-    for (int trial = 0; trial < 18; ++trial) {
-        const double axisHalf = std::array{512.0, 724.0, 1024.0, 1448.0, 2048.0, 4096.0}[trial % 6];
-        const double halfScale = std::array{2400.0, 3600.0, 6000.0}[trial / 6];
+    constexpr std::array kAxisHalves{362.0, 512.0, 724.0, 1024.0, 1448.0, 2048.0, 2896.0, 4096.0};
+    constexpr std::array kHalfScales{1800.0, 2400.0, 3000.0, 3600.0, 4800.0, 6000.0, 8000.0};
+    for (size_t trial = 0; trial < kAxisHalves.size() * kHalfScales.size(); ++trial) {
+        const double axisHalf = kAxisHalves[trial % kAxisHalves.size()];
+        const double halfScale = kHalfScales[trial / kAxisHalves.size()];
         const double scaleX = halfScale / ((mx.minus + mx.plus) / 2 * axisHalf);
         const double scaleY = halfScale / ((my.minus + my.plus) / 2 * axisHalf);
         const _HC_RECT32 outputRect{0, 0,
@@ -224,6 +226,29 @@ std::optional<TAreaFit> FitArea(const TAreaFitInput& in, std::string* error) {
                             cost = c;
                             p = q;
                             improved = true;
+                        }
+                    }
+                }
+            }
+            if (improved) continue;
+            // Stuck on single steps: the integers interact through the truncations, so try
+            // moving two at once.
+            for (int k = 0; k < kParamCount && !improved; ++k) {
+                for (int m = k + 1; m < kParamCount && !improved; ++m) {
+                    for (const int sk : {-1, 1}) {
+                        for (const int sm : {-1, 1}) {
+                            TParams q = p;
+                            q[k] += sk;
+                            q[m] += sm;
+                            if (q[kHalfWidth] < 25 || q[kHalfHeight] < 25) continue;
+                            if (k >= kEdgeMinusX && (q[k] < -128 || q[k] > 127)) continue;
+                            if (m >= kEdgeMinusX && (q[m] < -128 || q[m] > 127)) continue;
+                            const double c = Cost(AreaOf(q, in.base, outputRect), in);
+                            if (c < cost) {
+                                cost = c;
+                                p = q;
+                                improved = true;
+                            }
                         }
                     }
                 }
