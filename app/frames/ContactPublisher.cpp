@@ -1,5 +1,7 @@
 #include "ContactPublisher.h"
 
+#include <algorithm>
+
 CContactPublisher::CContactPublisher(int device, std::vector<IContactListener*> listeners)
     : m_device(device), m_listeners(std::move(listeners)), m_values(device) {}
 
@@ -26,11 +28,30 @@ void CContactPublisher::End() {
     for (IContactListener* listener : m_listeners) listener->OnFrameEnd(m_device);
 }
 
-CGestureListener::CGestureListener(CTouchPointContainer& container) : m_tracker(container) {
+CGestureListener::CGestureListener(CTouchPointContainer& container,
+                                   const std::atomic<bool>* held)
+    : m_container(container), m_tracker(container), m_held(held) {
     m_points.reserve(32);
 }
 
 void CGestureListener::OnContacts(const TContactFrame& frame) {
+    if (m_held != nullptr && m_held->load()) {
+        if (!m_holding) {
+            m_holding = true;
+            const CTouchPointList& tracked = m_tracker.Tracked();
+            m_container.releaseClickAt(tracked.empty() ? nullptr : tracked.front());
+            m_tracker.Reset();
+        }
+        return;
+    }
+    if (m_holding) {
+        if (std::any_of(frame.contacts.begin(), frame.contacts.end(),
+                        [](const TContact& c) { return !c.Ended(); })) {
+            return;
+        }
+        m_holding = false;
+        return;
+    }
     m_points.clear();
     for (const TContact& c : frame.contacts) {
         if (c.retired) continue;

@@ -2,6 +2,7 @@
 // listener of the frame; and the gesture emulation as one such listener.
 #pragma once
 
+#include <atomic>
 #include <vector>
 
 #include "ContactMatching.h"
@@ -32,14 +33,21 @@ private:
 };
 
 // The gesture emulation: contact matching and the frame's gesture container, fed with the
-// contacts the frame reported (the retired ones are contact matching's own to find).
+// contacts the frame reported (the retired ones are contact matching's own to find). While
+// `held` is set (a tool calibrates the frame) no frame reaches the gestures: a button held when
+// the hold begins is released where the finger was, and after the hold the gestures resume with
+// the first frame that has no finger down, so no gesture starts in the middle of a touch.
 class CGestureListener final : public IContactListener {
 public:
-    explicit CGestureListener(CTouchPointContainer& container);
+    explicit CGestureListener(CTouchPointContainer& container,
+                              const std::atomic<bool>* held = nullptr);
     void OnContacts(const TContactFrame& frame) override;
     const CContactTracker& Tracker() const { return m_tracker; }
 
 private:
+    CTouchPointContainer& m_container;
     CContactTracker m_tracker;
+    const std::atomic<bool>* m_held;
+    bool m_holding = false;
     std::vector<_HARDWARE_SDK_POINT> m_points;  // the reported contacts as matching takes them
 };
