@@ -90,7 +90,10 @@ std::optional<int> ApplyConfigFile(const CLI::App& app, const std::string& path,
     if (app.count("--keys") == 0) opt->keys = config.keyProfile;
     opt->shortcuts = config.shortcuts;
     // A dry run posts nothing: the file's touchscreen waits for a real run.
-    if (app.count("--touchscreen") == 0) opt->touchscreen = config.touchscreen && !opt->dryRun;
+    if (app.count("--touchscreen") == 0 && app.count("--touchscreen-per-area") == 0) {
+        opt->touchscreen = config.touchscreen && !opt->dryRun;
+        opt->touchscreenPerArea = config.touchscreenPerArea && opt->touchscreen;
+    }
     opt->touchscreenWidthMm = config.touchscreenWidthMm;
     opt->touchscreenHeightMm = config.touchscreenHeightMm;
     if (app.count("--tuio") == 0) {
@@ -117,6 +120,7 @@ std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChe
     config.keyProfile = opt.keys;
     config.shortcuts = opt.shortcuts;
     config.touchscreen = opt.touchscreen;
+    config.touchscreenPerArea = opt.touchscreenPerArea;
     config.touchscreenWidthMm = opt.touchscreenWidthMm;
     config.touchscreenHeightMm = opt.touchscreenHeightMm;
     config.tuio = opt.tuio.enabled;
@@ -188,6 +192,9 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_flag("--touchscreen", opt.touchscreen,
                  "Also present each frame as a multitouch touchscreen (uinput) that libinput "
                  "and the desktops use directly");
+    app.add_flag("--touchscreen-per-area", opt.touchscreenPerArea,
+                 "As --touchscreen, but one touchscreen per calibration area of a frame, each "
+                 "with only its area's touches (a frame across several displays)");
     bool noGestures = false;
     app.add_flag("--no-gestures", noGestures,
                  "No mouse and shortcut emulation: only the other outputs (--touchscreen, --tuio)");
@@ -238,6 +245,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
         return UsageError("--log-level '" + opt.logLevel +
                           "': use error, warning, info or debug");
     }
+    if (opt.touchscreenPerArea) opt.touchscreen = true;
     if (opt.dryRun && opt.touchscreen) {
         return UsageError("--touchscreen makes a uinput device: it cannot go with --dry-run");
     }

@@ -29,6 +29,7 @@ struct DriverOptions {
     TTuioSettings tuio;    // the TUIO output: --tuio, or the configuration file
     bool gestures = true;     // the mouse and shortcut emulation; --no-gestures turns it off
     bool touchscreen = false;  // a uinput touchscreen per frame
+    bool touchscreenPerArea = false;  // one per calibration area instead (implies touchscreen)
     int touchscreenWidthMm = 0;   // the touch surface's size; 0: the touchscreen's default
     int touchscreenHeightMm = 0;
     bool claimBusName = false;  // hidden: a simulation takes part in the exchange (tests)

@@ -77,10 +77,10 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
         ::close(probe);
         TTouchscreenOptions touch;
         touch.uinputPath = m_options.uinputPath;
-        if (m_options.touchscreenWidthMm > 0) touch.size.widthMm = m_options.touchscreenWidthMm;
-        if (m_options.touchscreenHeightMm > 0) {
-            touch.size.heightMm = m_options.touchscreenHeightMm;
-        }
+        touch.perArea = m_options.touchscreenPerArea;
+        // The configured size, else the monitor's own where the desktop knows it.
+        touch.size = TouchscreenSizeFor(m_options.touchscreenWidthMm,
+                                        m_options.touchscreenHeightMm, geometry);
         // The touchscreen's axes span the whole desktop; libinput confines it to the chosen
         // output through a udev property, which only the user can install.
         TLog(TLogLevel::Info,
@@ -88,8 +88,8 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
              "rule for them (docs/touchscreen.md): %s",
              geometry.main.width, geometry.main.height, geometry.main.x, geometry.main.y,
              LibinputCalibrationLine(geometry).c_str());
-        // After the listeners of the outputs opened before this backend.
-        ports->contactListeners = [this, touch, before = ports->contactListeners](int frame) {
+        ports->firstContactListeners = [this, touch, before = ports->firstContactListeners](
+                                           int frame) {
             std::vector<IContactListener*> listeners;
             if (before) listeners = before(frame);
             std::unique_ptr<CUinputTouchscreen>& touchscreen = m_touchscreens[frame];

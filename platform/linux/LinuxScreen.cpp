@@ -4,6 +4,7 @@
 #include <X11/extensions/Xrandr.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 
@@ -120,7 +121,7 @@ int IgnoreXError(Display*, XErrorEvent*) {
 
 // The CRTC rectangle of an output, when the output is lit.
 std::optional<TScreenRect> OutputRect(TXlib& x, Display* display, XRRScreenResources* resources,
-                                      RROutput output, std::string* name) {
+                                      RROutput output, TDisplayOutput* out) {
     XRROutputInfo* info = x.getOutputInfo(display, resources, output);
     if (info == nullptr) return std::nullopt;
     std::optional<TScreenRect> rect;
@@ -130,7 +131,9 @@ std::optional<TScreenRect> OutputRect(TXlib& x, Display* display, XRRScreenResou
                 rect = TScreenRect{static_cast<double>(crtc->x), static_cast<double>(crtc->y),
                                    static_cast<double>(crtc->width),
                                    static_cast<double>(crtc->height)};
-                name->assign(info->name, static_cast<size_t>(info->nameLen));
+                out->name.assign(info->name, static_cast<size_t>(info->nameLen));
+                out->widthMm = static_cast<int>(std::clamp<unsigned long>(info->mm_width, 0, 1000000));
+                out->heightMm = static_cast<int>(std::clamp<unsigned long>(info->mm_height, 0, 1000000));
             }
             x.freeCrtcInfo(crtc);
         }
@@ -186,7 +189,7 @@ std::optional<TXrandrDesktop> QueryXrandrDesktop(const char* displayName, std::s
             for (int i = 0; i < resources->noutput; ++i) {
                 TDisplayOutput output;
                 const RROutput id = resources->outputs[i];
-                if (auto rect = OutputRect(x, display, resources, id, &output.name)) {
+                if (auto rect = OutputRect(x, display, resources, id, &output)) {
                     output.rect = *rect;
                     output.primary = id == primary;
                     desktop.outputs.push_back(std::move(output));
@@ -223,6 +226,8 @@ std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayO
     geometry.desktopHeight = desktopHeight;
     if (chosen != nullptr) {
         geometry.main = chosen->rect;
+        geometry.widthMm = chosen->widthMm;
+        geometry.heightMm = chosen->heightMm;
         geometry.source = "XRandR output " + chosen->name;
     } else if (wanted.empty()) {
         geometry.main = TScreenRect{0, 0, desktopWidth, desktopHeight};

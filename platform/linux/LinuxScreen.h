@@ -32,6 +32,8 @@ struct TDisplayGeometry {
     double desktopWidth = 0;      // the whole X screen (all outputs)
     double desktopHeight = 0;
     std::string source;           // for the log line: where the size came from
+    int widthMm = 0;              // the main screen's physical size; 0: not known
+    int heightMm = 0;
 };
 
 // One lit XRandR output: its name and its CRTC's rectangle on the desktop.
@@ -39,6 +41,8 @@ struct TDisplayOutput {
     std::string name;
     TScreenRect rect;
     bool primary = false;
+    int widthMm = 0;  // physical size; 0: not known
+    int heightMm = 0;
 };
 
 // What the X server reports: the lit outputs in its own order and the X screen that holds them.
