@@ -33,12 +33,16 @@ private:
 // The gesture emulation: contact matching and the frame's gesture container.
 class CGestureListener final : public IContactListener {
 public:
-    explicit CGestureListener(CTouchPointContainer& container) : m_tracker(container) {}
+    explicit CGestureListener(CTouchPointContainer& container)
+        : m_container(container), m_tracker(container) {}
     void OnContacts(const TContactFrame& frame) override {
+        // A frame's events reach the sink together: one write to the input device.
+        TEventFrame events(m_container.EventSink());
         m_tracker.DealFrame(frame.points, frame.timeStamp);
     }
     const CContactTracker& Tracker() const { return m_tracker; }
 
 private:
+    CTouchPointContainer& m_container;
     CContactTracker m_tracker;
 };
