@@ -166,9 +166,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "Screen size in points, and its place on the desktop, when no X server "
                    "answers (default 1920x1080); simulation always uses it")
         ->type_name("WxH[+X+Y]");
+    app.add_option("--desktop", opt.desktopSize,
+                   "The whole desktop's size in points, for --screen when neither an X server "
+                   "nor the compositor tells the layout (default: up to the screen's far corner)")
+        ->type_name("WxH");
     app.add_option("--display", opt.display,
-                   "Map the gestures into this XRandR output (e.g. HDMI-1) instead of the "
-                   "primary one")
+                   "Map the gestures into this output (e.g. HDMI-1, as the X server or the "
+                   "Wayland compositor names it) instead of the primary one")
         ->type_name("NAME");
     app.add_option("--keys", opt.keys,
                    "Shortcut mapping: 'safe' (the default: no chord that locks, closes, tiles, "

@@ -19,6 +19,7 @@ struct DriverOptions {
     bool realtime = false;         // pace emulated frames in real time
     std::string screen;            // WxH or WxH+X+Y given on the command line; empty when not
     std::string display;           // the XRandR output the gestures map into; empty: primary
+    std::string desktopSize;       // --desktop WxH: the desktop's size beside --screen
     std::string keys = "safe";     // the shortcut profile
     TShortcutOverrides shortcuts;  // the configuration's chord per named gesture shortcut
     std::string uinputPath = "/dev/uinput";

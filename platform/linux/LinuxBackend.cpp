@@ -4,9 +4,28 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "HidrawDevice.h"
 #include "MtDevLog.h"
+#include "WlrOutputLayout.h"
+
+namespace {
+
+// A Wayland session's compositor knows its monitors by their connector names; XRandR there
+// sees only Xwayland's. Without Wayland, the X server.
+std::optional<TXrandrDesktop> QueryDesktopLayout(std::string* why) {
+    std::string whyNotWayland;
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (wayland != nullptr && *wayland != '\0') {
+        if (auto layout = QueryWlrOutputs(nullptr, &whyNotWayland)) return layout;
+    }
+    std::optional<TXrandrDesktop> fromX = QueryXrandrDesktop(nullptr, why);
+    if (!fromX && !whyNotWayland.empty()) *why = whyNotWayland + "; " + *why;
+    return fromX;
+}
+
+}  // namespace
 
 bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     TScreenRequest request;
@@ -20,16 +39,25 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
             return false;
         }
     }
+    if (!m_options.desktopSize.empty()) {
+        request.desktop = ParseScreenPlacement(m_options.desktopSize);
+        if (!request.desktop || request.desktop->x != 0 || request.desktop->y != 0) {
+            *failure = {2, "--desktop '" + m_options.desktopSize +
+                               "' is not WIDTHxHEIGHT (e.g. 3840x1080)"};
+            return false;
+        }
+    }
     const std::optional<TKeyProfile> profile = ParseKeyProfile(m_options.keys);
     if (!profile) {
         *failure = {2, "--keys '" + m_options.keys + "': use 'safe', 'literal' or 'desktop'"};
         return false;
     }
 
-    // The X server's outputs, unless this is a simulation (kept deterministic).
+    // The outputs of the compositor or the X server, unless this is a simulation (kept
+    // deterministic).
     std::string whyNoX = "simulation";
     std::optional<TXrandrDesktop> fromX;
-    if (!m_options.Simulating()) fromX = QueryXrandrDesktop(nullptr, &whyNoX);
+    if (!m_options.Simulating()) fromX = QueryDesktopLayout(&whyNoX);
     std::string error;
     const std::optional<TDisplayGeometry> resolved =
         ResolveDisplayGeometry(fromX, request, whyNoX, &error);

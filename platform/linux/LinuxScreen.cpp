@@ -210,7 +210,8 @@ std::optional<TXrandrDesktop> QueryXrandrDesktop(const char* displayName, std::s
 std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayOutput>& outputs,
                                                      const std::string& wanted,
                                                      double desktopWidth, double desktopHeight,
-                                                     std::string* error) {
+                                                     std::string* error,
+                                                     const std::string& origin) {
     const TDisplayOutput* chosen = nullptr;
     for (const TDisplayOutput& output : outputs) {
         const bool match = wanted.empty() ? output.primary : output.name == wanted;
@@ -228,7 +229,7 @@ std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayO
         geometry.main = chosen->rect;
         geometry.widthMm = chosen->widthMm;
         geometry.heightMm = chosen->heightMm;
-        geometry.source = "XRandR output " + chosen->name;
+        geometry.source = origin + " output " + chosen->name;
     } else if (wanted.empty()) {
         geometry.main = TScreenRect{0, 0, desktopWidth, desktopHeight};
         geometry.source = "the X screen";
@@ -238,7 +239,7 @@ std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayO
             list += (list.empty() ? "" : ", ") + output.name + " " + Describe(output.rect) +
                     (output.primary ? " (primary)" : "");
         }
-        *error = "no XRandR output named '" + wanted + "'; " +
+        *error = "no " + origin + " output named '" + wanted + "'; " +
                  (list.empty() ? "the X server reports no lit output" : "the outputs are: " + list);
         return std::nullopt;
     }
@@ -252,7 +253,7 @@ std::optional<TDisplayGeometry> ResolveDisplayGeometry(const std::optional<TXran
                                                        std::string* error) {
     if (fromX) {
         return ChooseOutputGeometry(fromX->outputs, request.output, fromX->width, fromX->height,
-                                    error);
+                                    error, fromX->origin);
     }
     if (!request.output.empty() && !request.placement) {
         *error = "output '" + request.output + "' cannot be looked up (" + whyNoX +
@@ -265,6 +266,11 @@ std::optional<TDisplayGeometry> ResolveDisplayGeometry(const std::optional<TXran
                                 static_cast<double>(p.width), static_cast<double>(p.height)};
     geometry.desktopWidth = geometry.main.x + geometry.main.width;
     geometry.desktopHeight = geometry.main.y + geometry.main.height;
+    if (request.desktop) {
+        // The screen need not be the last one: the desktop may reach beyond it.
+        geometry.desktopWidth = std::max<double>(geometry.desktopWidth, request.desktop->width);
+        geometry.desktopHeight = std::max<double>(geometry.desktopHeight, request.desktop->height);
+    }
     geometry.source = request.placement ? "--screen" : "the default";
     if (!request.output.empty()) geometry.source += " as output " + request.output;
     if (p.x != 0 || p.y != 0) {
