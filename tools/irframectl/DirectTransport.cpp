@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "CCalibrateSystem.h"
-#include "ContactMatching.h"
 #include "DevConfigJson.h"
+#include "FrameTimeStamp.h"
 #include "GestureScript.h"
 #include "HidrawDevice.h"
 #include "LibusbDevice.h"
