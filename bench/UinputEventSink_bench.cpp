@@ -52,7 +52,7 @@ void PerEvdevEvent(benchmark::State& state) {
 BENCHMARK(PerEvdevEvent)->Arg(0)->Arg(1);
 
 void PerFrame(benchmark::State& state) {
-    auto sink = CUinputEventSink::ForDescriptor(open("/dev/null", O_WRONLY | O_CLOEXEC),
+    auto sink = CUinputEventSink::Adopt(open("/dev/null", O_WRONLY | O_CLOEXEC),
                                                 Screen(), TKeyProfile::Literal);
     const std::vector<TInputEvent> frame = FrameEvents(state.range(0));
     for (auto _ : state) {

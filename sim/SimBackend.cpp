@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 
+#include "FifoWait.h"
 #include "MtDevLog.h"
 
 namespace {
@@ -30,7 +30,10 @@ bool ParseFaultOption(const std::string& text, int* device, TSimFault* fault) {
 // Larger than any script a person writes or a recording of several minutes makes.
 constexpr size_t kMaxScriptBytes = 64u << 20;
 
-bool ReadScriptFile(const std::string& path, std::string* text, std::string* error) {
+// A script may come through a FIFO; SIGINT or SIGTERM while its writer is awaited ends the
+// wait: `stopSignal` is then set and the error says what was awaited.
+bool ReadScriptFile(const std::string& path, std::string* text, std::string* error,
+                    int* stopSignal) {
     const auto cannot = [&](const std::string& why) {
         *error = "cannot read gesture script '" + path + "': " + why;
         return false;
@@ -41,20 +44,26 @@ bool ReadScriptFile(const std::string& path, std::string* text, std::string* err
     if (std::filesystem::is_directory(status)) {
         return cannot("it is a directory; name a .gesture file in it");
     }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return cannot(std::strerror(errno));
-    char buffer[65536];
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-        text->append(buffer, static_cast<size_t>(in.gcount()));
-        if (text->size() > kMaxScriptBytes) return cannot("larger than 64 MiB");
+    if (std::filesystem::is_fifo(status)) {
+        TLog(TLogLevel::Info, "gesture script '%s' is a FIFO: waiting for a writer",
+             path.c_str());
     }
-    if (in.bad()) return cannot(std::strerror(errno));
+    std::string why;
+    const int result = ReadWholeFileWaiting(path, kMaxScriptBytes, text, &why);
+    if (result < 0) return cannot(why);
+    if (result > 0) {
+        *stopSignal = result;
+        *error = SignalName(result) + " while waiting for a writer to the gesture script '" +
+                 path + "': stopping";
+        return false;
+    }
     return true;
 }
 
-bool LoadScript(const std::string& path, CGestureScript* script, std::string* error) {
+bool LoadScript(const std::string& path, CGestureScript* script, std::string* error,
+                int* stopSignal) {
     std::string text;
-    if (!ReadScriptFile(path, &text, error)) return false;
+    if (!ReadScriptFile(path, &text, error, stopSignal)) return false;
     std::string parseError;
     if (!CGestureScript::Parse(text, script, &parseError)) {
         *error = path + ": " + parseError;
@@ -80,9 +89,11 @@ bool CSimBackend::LoadSpecs(std::vector<TSimDeviceSpec>* specs, TBackendFailure*
     for (const std::string& argument : m_options.simulate) {
         TSimDeviceSpec spec;
         std::string path, error;
+        int stopSignal = 0;
         if (!ParseSimulateArgument(argument, &path, &spec.plugDelayMillis, &error) ||
-            !LoadScript(path, &spec.script, &error)) {
-            *failure = {error.rfind("cannot read", 0) == 0 ? 1 : 2, error};
+            !LoadScript(path, &spec.script, &error, &stopSignal)) {
+            // A stop asked for while waiting is the driver's ordinary end.
+            *failure = {stopSignal != 0 ? 0 : error.rfind("cannot read", 0) == 0 ? 1 : 2, error};
             return false;
         }
         spec.name = path;

@@ -245,7 +245,7 @@ std::vector<std::vector<TEvdevEvent>> Writes(int fd) {
 TEST(UinputEventSink, OneWritePerFrame) {
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds), 0);
-    auto sink = CUinputEventSink::ForDescriptor(fds[0], Screen(1920, 1080), TKeyProfile::Literal);
+    auto sink = CUinputEventSink::Adopt(fds[0], Screen(1920, 1080), TKeyProfile::Literal);
     CEvdevTranslator expected(Screen(1920, 1080), TKeyProfile::Literal);
     const std::vector<TInputEvent> click = {
         TInputEvent::Mouse(TInputEventType::MouseMoved, 10, 20, EVENT_FLAG_SECONDARY_FN, 1),

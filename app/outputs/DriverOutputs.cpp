@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "FifoWait.h"
 #include "MtDevLog.h"
 
 bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
@@ -27,6 +28,15 @@ void CDriverOutputs::OpenTuio(TShellPorts* ports) {
 bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
     std::ostream* out = &std::cout;
     if (m_options.output != "-") {
+        // A FIFO without a reader would make the open wait where no signal can end it.
+        const auto waiting = [this] {
+            TLog(TLogLevel::Info, "'%s' is a FIFO: waiting for a reader", m_options.output.c_str());
+        };
+        if (const int signal = WaitForFifoReader(m_options.output, waiting)) {
+            *failure = {0, SignalName(signal) + " while waiting for a reader of '" +
+                               m_options.output + "': stopping"};
+            return false;
+        }
         m_file.open(m_options.output, std::ios::out | std::ios::trunc);
         if (!m_file) {
             *failure = {1, "cannot write '" + m_options.output + "': " + std::strerror(errno)};

@@ -32,6 +32,12 @@ void Sync(std::vector<TEvdevEvent>* out) {
     Add(out, EV_SYN, SYN_REPORT, 0);
 }
 
+// Contacts map to 1..32766 and so to points away from the origin; a left release exactly at
+// the origin is the gestures' release of a held button with no contact left to place it.
+bool IsReleaseWithoutContact(const TInputEvent& event) {
+    return event.type == TInputEventType::LeftMouseUp && event.x == 0.0 && event.y == 0.0;
+}
+
 }  // namespace
 
 int32_t CEvdevTranslator::AbsoluteX(double x) const {
@@ -40,6 +46,15 @@ int32_t CEvdevTranslator::AbsoluteX(double x) const {
 
 int32_t CEvdevTranslator::AbsoluteY(double y) const {
     return ScaleToAxis(m_geometry.main.y + y, m_geometry.desktopHeight);
+}
+
+void CEvdevTranslator::SetKeys(CKeyMap keys) {
+    if (m_shortcutsDown > 0) {
+        m_nextKeys = std::move(keys);
+        return;
+    }
+    m_keys = std::move(keys);
+    m_nextKeys.reset();
 }
 
 void CEvdevTranslator::Wheel(std::vector<TEvdevEvent>* out, int32_t pixels, uint16_t hiResCode,
@@ -74,9 +89,14 @@ void CEvdevTranslator::Translate(const TInputEvent& event, std::vector<TEvdevEve
         case TInputEventType::LeftMouseUp:
         case TInputEventType::RightMouseDown:
         case TInputEventType::RightMouseUp: {
-            // Every mouse event carries its position, and the pointer goes there.
-            Add(events, EV_ABS, ABS_X, AbsoluteX(event.x));
-            Add(events, EV_ABS, ABS_Y, AbsoluteY(event.y));
+            // Every mouse event carries its position, and the pointer goes there; except the
+            // release of a button whose contact is gone (the frame went away, stopped answering,
+            // or the driver stops): it comes at the origin, which no contact maps to, and the
+            // button goes up where the finger was, where the pointer still is.
+            if (!IsReleaseWithoutContact(event)) {
+                Add(events, EV_ABS, ABS_X, AbsoluteX(event.x));
+                Add(events, EV_ABS, ABS_Y, AbsoluteY(event.y));
+            }
             if (event.type == TInputEventType::LeftMouseDown) Add(events, EV_KEY, BTN_LEFT, 1);
             if (event.type == TInputEventType::LeftMouseUp) Add(events, EV_KEY, BTN_LEFT, 0);
             if (event.type == TInputEventType::RightMouseDown) Add(events, EV_KEY, BTN_RIGHT, 1);
@@ -86,13 +106,19 @@ void CEvdevTranslator::Translate(const TInputEvent& event, std::vector<TEvdevEve
         }
         case TInputEventType::KeyDown:
         case TInputEventType::KeyUp: {
+            const bool down = event.type == TInputEventType::KeyDown;
             const auto keys = m_keys.KeyChanges(event);
+            if (down) {
+                ++m_shortcutsDown;
+            } else if (m_shortcutsDown > 0 && --m_shortcutsDown == 0 && m_nextKeys) {
+                m_keys = std::move(*m_nextKeys);
+                m_nextKeys.reset();
+            }
             if (!keys) break;
             // One key per report: some clients take a modifier and its key in one report in
             // either order.
-            const int32_t value = event.type == TInputEventType::KeyDown ? 1 : 0;
             for (uint16_t key : *keys) {
-                Add(events, EV_KEY, key, value);
+                Add(events, EV_KEY, key, down ? 1 : 0);
                 Sync(events);
             }
             break;
@@ -191,6 +217,14 @@ std::unique_ptr<CUinputEventSink> CUinputEventSink::Create(const std::string& pa
     return sink;
 }
 
+std::unique_ptr<CUinputEventSink> CUinputEventSink::Adopt(int fd, TDisplayGeometry geometry,
+                                                          CKeyMap keys) {
+    std::unique_ptr<CUinputEventSink> sink(
+        new CUinputEventSink(std::move(geometry), std::move(keys)));
+    sink->m_fd = fd;
+    return sink;
+}
+
 CUinputEventSink::~CUinputEventSink() {
     if (m_uinput != nullptr) libevdev_uinput_destroy(m_uinput);
     if (m_device != nullptr) libevdev_free(m_device);
@@ -247,12 +281,9 @@ void CUinputEventSink::Write(const std::vector<TEvdevEvent>& events) {
     }
 }
 
-std::unique_ptr<CUinputEventSink> CUinputEventSink::ForDescriptor(int fd, TDisplayGeometry geometry,
-                                                                  CKeyMap keys) {
-    std::unique_ptr<CUinputEventSink> sink(
-        new CUinputEventSink(std::move(geometry), std::move(keys)));
-    sink->m_fd = fd;
-    return sink;
+void CUinputEventSink::SetKeys(CKeyMap keys) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_translator.SetKeys(std::move(keys));
 }
 
 std::string CUinputEventSink::DeviceNode() const {
