@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <iterator>
 
-#include "FifoWait.h"
+#include "StopSignalWaits.h"
 #include "MtDevLog.h"
 
 namespace {

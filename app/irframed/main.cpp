@@ -97,6 +97,10 @@ int main(int argc, char** argv) {
         TLog(TLogLevel::Info, "SIGHUP: reading the configuration again");
         reload();
     });
+    control.SetReload([&] {
+        const TReloadResult result = reload();
+        return TReloadAnswer{result.reloaded, result.message, result.restartNeeded};
+    });
     shell.init();
     const int status = loop->Run();
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "FifoWait.h"
+#include "StopSignalWaits.h"
 #include "MtDevLog.h"
 
 bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {

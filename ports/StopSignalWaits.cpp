@@ -1,4 +1,4 @@
-#include "FifoWait.h"
+#include "StopSignalWaits.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,7 +12,7 @@
 namespace {
 
 // How long one step of a wait lasts: the delay between a signal and the end of the wait.
-constexpr int kStepMillis = 50;
+constexpr int kStepMillis = static_cast<int>(kStopCheckMicros / 1000);
 
 // A pending SIGINT or SIGTERM, taken; 0 when there is none.
 int TakeStopSignal() {
@@ -95,6 +95,13 @@ int ReadWholeFileWaiting(const std::string& path, size_t limit, std::string* tex
     }
     ::close(fd);
     return 0;
+}
+
+bool StopSignalPending() {
+    sigset_t pending;
+    sigemptyset(&pending);
+    if (sigpending(&pending) != 0) return false;
+    return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1;
 }
 
 std::string SignalName(int signal) {
