@@ -136,7 +136,7 @@ unsigned int test(void* arg) {
     // The outputs a desktop reads directly listen first, then the gestures, then the frame's
     // other outputs. The publisher ends the stream (every listener lifts its contacts) on each
     // way out of the worker.
-    CGestureListener gestures(pDev->container);
+    CGestureListener gestures(pDev->container, &pDev->frame.GesturesHeld());
     std::vector<IContactListener*> listeners = context.firstListeners;
     if (ports == nullptr || ports->gestures) listeners.push_back(&gestures);
     listeners.insert(listeners.end(), context.listeners.begin(), context.listeners.end());
