@@ -80,7 +80,6 @@ void SelectAreaContacts(const TContactFrame& frame, const TTouchscreenArea& area
                         TContactFrame* out) {
     out->device = frame.device;
     out->timeStamp = frame.timeStamp;
-    out->points = nullptr;
     out->contacts.clear();
     for (const TContact& c : frame.contacts) {
         if (c.cell[0] != area.cell[0] || c.cell[1] != area.cell[1]) continue;
