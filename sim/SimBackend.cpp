@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "MtDevLog.h"
+#include "QuotedText.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ constexpr size_t kMaxScriptBytes = 64u << 20;
 
 bool ReadScriptFile(const std::string& path, std::string* text, std::string* error) {
     const auto cannot = [&](const std::string& why) {
-        *error = "cannot read gesture script '" + path + "': " + why;
+        *error = "cannot read gesture script " + QuotedText(path) + ": " + why;
         return false;
     };
     std::error_code ec;
@@ -52,23 +53,26 @@ bool ReadScriptFile(const std::string& path, std::string* text, std::string* err
     return true;
 }
 
-bool LoadScript(const std::string& path, CGestureScript* script, std::string* error) {
-    std::string text;
-    if (!ReadScriptFile(path, &text, error)) return false;
-    std::string parseError;
-    if (!CGestureScript::Parse(text, script, &parseError)) {
-        *error = path + ": " + parseError;
+}  // namespace
+
+bool LoadGestureScriptFile(const std::string& path, CGestureScript* script,
+                           TBackendFailure* failure) {
+    std::string text, error;
+    if (!ReadScriptFile(path, &text, &error)) {
+        *failure = {1, error};
+        return false;
+    }
+    if (!CGestureScript::Parse(text, script, &error)) {
+        *failure = {2, EscapedText(path) + ": " + error};
         return false;
     }
     if (script->Frames().empty()) {
-        *error = path + ": the script plays no frame; write at least one 'down' line "
-                        "(docs/gesture-scripts.md)";
+        *failure = {2, EscapedText(path) + ": the script plays no frame; write at least one "
+                                           "'down' line (docs/gesture-scripts.md)"};
         return false;
     }
     return true;
 }
-
-}  // namespace
 
 CSimBackend::CSimBackend(IMainLoop& loop, const DriverOptions& options,
                          CSimDevice::PortFactory makePort)
@@ -80,11 +84,11 @@ bool CSimBackend::LoadSpecs(std::vector<TSimDeviceSpec>* specs, TBackendFailure*
     for (const std::string& argument : m_options.simulate) {
         TSimDeviceSpec spec;
         std::string path, error;
-        if (!ParseSimulateArgument(argument, &path, &spec.plugDelayMillis, &error) ||
-            !LoadScript(path, &spec.script, &error)) {
-            *failure = {error.rfind("cannot read", 0) == 0 ? 1 : 2, error};
+        if (!ParseSimulateArgument(argument, &path, &spec.plugDelayMillis, &error)) {
+            *failure = {2, error};
             return false;
         }
+        if (!LoadGestureScriptFile(path, &spec.script, failure)) return false;
         spec.name = path;
         spec.vendorId = m_options.simulateVendor;
         spec.productId = m_options.simulateProduct;
