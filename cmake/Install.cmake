@@ -17,7 +17,7 @@ add_library(irframe_version INTERFACE)
 target_include_directories(irframe_version INTERFACE ${CMAKE_BINARY_DIR}/generated)
 
 # irframed's options, --version among them, are parsed in the agent library.
-target_link_libraries(irframe_app PRIVATE irframe_version)
+target_link_libraries(irframe_config PRIVATE irframe_version)
 set(IRFRAME_PROGRAMS)
 foreach(program irframed irframectl)
   if(TARGET ${program})

@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "CCalibrateSystem.h"
-#include "ContactMatching.h"
 #include "DevConfigJson.h"
+#include "FrameTimeStamp.h"
 #include "GestureScript.h"
 #include "SimBackend.h"
 #include "HidrawDevice.h"

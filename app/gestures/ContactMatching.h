@@ -8,10 +8,10 @@
 #pragma once
 
 #include <cstdint>
-#include <sys/time.h>
 
 #include "CTouchPointContainer.h"
 #include "CTouchPointInfo.h"
+#include "FrameTimeStamp.h"
 #include "MtDevFrame.h"
 
 // The first tracked contact, from the front, with this id; nullptr if none.
@@ -22,16 +22,6 @@ void removeTouchPoint(int id, CTouchPointList* list);
 // index moves on after a removal too, so the entry that slides into the freed slot waits for
 // the next frame.
 void checkTouchPoint(const _HARDWARE_SDK_POINT* points, CTouchPointList* list);
-
-// Weight of a whole second in a frame time stamp. Not a million: plain microseconds are added
-// on top, so a stamp unit is a microsecond within a second and each second boundary adds
-// 3,000,000 more. Deliberate; the span thresholds of contact matching are in this unit.
-inline constexpr int64_t kStampUnitsPerSecond = 4'000'000;
-
-// A frame's time stamp: seconds * kStampUnitsPerSecond + microseconds.
-int64_t FrameTimeStamp(const timeval& tv);
-// FrameTimeStamp of the current time of day (through the injectable clock).
-int64_t CurrentFrameTimeStamp();
 
 // The worker's tracked list and last gesture, and the per-frame update. One per device worker,
 // used on that worker's thread only.

@@ -7,7 +7,7 @@
 #include <limits>
 #include <string_view>
 
-#include "ContactMatching.h"
+#include "FrameTimeStamp.h"
 
 namespace {
 
