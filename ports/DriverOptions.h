@@ -32,6 +32,20 @@ struct DriverOptions {
     int touchscreenWidthMm = 0;   // the touch surface's size; 0: the touchscreen's default
     int touchscreenHeightMm = 0;
     bool claimBusName = false;  // hidden: a simulation takes part in the exchange (tests)
+    // How the configuration file was chosen, so that it can be read again (SIGHUP): --config's
+    // file (empty: the usual places), or none at all (--no-config).
+    std::string configPath;
+    bool noConfig = false;
+    // The settings that the command line gave: the file does not change them, on a reload
+    // either.
+    struct TGivenOnCommandLine {
+        bool logLevel = false;  // --log-level or -v
+        bool screen = false;
+        bool display = false;
+        bool keys = false;
+        bool touchscreen = false;
+        bool tuio = false;
+    } given;
 
     bool Simulating() const { return !simulate.empty(); }
     // Whether this run takes part in the single-instance exchange with other real instances.

@@ -19,6 +19,9 @@ public:
     virtual ~IShellBackend() = default;
     // Checks its part of the options and fills the ports it provides. False with `failure`.
     virtual bool Open(TShellPorts* ports, TBackendFailure* failure) = 0;
+    // The options that change live (the key profile, the shortcuts) were read again: put them
+    // in force. Main thread.
+    virtual void OptionsChanged() {}
     // The driver was asked to end (a signal): stop whatever plays.
     virtual void Stopping() {}
     // `finished` runs on the main loop once the backend has nothing more to do (the emulated

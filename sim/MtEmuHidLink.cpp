@@ -75,13 +75,17 @@ void CMtEmuHidLink::Run() {
             fds[0].fd = -1;  // the host closed its end, or the device was unplugged
             continue;
         }
-        m_received.fetch_add(1);
+        const uint64_t received = m_received.fetch_add(1) + 1;
         // Only report number 0: the frame has no numbered reports.
-        if (buffer[0] != 0) continue;
+        if (buffer[0] != 0) {
+            m_settled.store(received);
+            continue;
+        }
         const bool alive =
             m_emulator.OnHidOutput(buffer.data() + 1, static_cast<size_t>(n) - 1, &replies);
         for (const TEmuReply& reply : replies) {
             if (reply.delayMs > 0) {
+                m_settled.store(received);  // what follows is late
                 pollfd stop{m_stop, POLLIN, 0};
                 if (::poll(&stop, 1, static_cast<int>(reply.delayMs)) > 0) return;
             }
@@ -91,5 +95,6 @@ void CMtEmuHidLink::Run() {
             ::shutdown(m_device, SHUT_RDWR);
             fds[0].fd = -1;
         }
+        m_settled.store(received);
     }
 }

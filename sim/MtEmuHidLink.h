@@ -33,6 +33,10 @@ public:
     void Unplug();
     // Output reports received so far.
     uint64_t ReportsReceived() const { return m_received.load(); }
+    // Output reports dealt with: every reply due in time is sent (a late reply may still be on
+    // its way). Once this reaches the number of reports the host wrote, the host has all it will
+    // get in time, and a test's wait can end without a time-out running out.
+    uint64_t ReportsSettled() const { return m_settled.load(); }
 
 private:
     void Run();
@@ -43,5 +47,6 @@ private:
     int m_stop = -1;  // eventfd that ends the thread
     bool m_ok = false;
     std::atomic<uint64_t> m_received{0};
+    std::atomic<uint64_t> m_settled{0};
     std::thread m_thread;
 };

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 
+#include "StopSignalWaits.h"
 #include "MtDevLog.h"
 #include "QuotedText.h"
 
@@ -31,7 +31,10 @@ bool ParseFaultOption(const std::string& text, int* device, TSimFault* fault) {
 // Larger than any script a person writes or a recording of several minutes makes.
 constexpr size_t kMaxScriptBytes = 64u << 20;
 
-bool ReadScriptFile(const std::string& path, std::string* text, std::string* error) {
+// A script may come through a FIFO; SIGINT or SIGTERM while its writer is awaited ends the
+// wait: `stopSignal` is then set and the error says what was awaited.
+bool ReadScriptFile(const std::string& path, std::string* text, std::string* error,
+                    int* stopSignal) {
     const auto cannot = [&](const std::string& why) {
         *error = "cannot read gesture script " + QuotedText(path) + ": " + why;
         return false;
@@ -42,14 +45,19 @@ bool ReadScriptFile(const std::string& path, std::string* text, std::string* err
     if (std::filesystem::is_directory(status)) {
         return cannot("it is a directory; name a .gesture file in it");
     }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return cannot(std::strerror(errno));
-    char buffer[65536];
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-        text->append(buffer, static_cast<size_t>(in.gcount()));
-        if (text->size() > kMaxScriptBytes) return cannot("larger than 64 MiB");
+    if (std::filesystem::is_fifo(status)) {
+        TLog(TLogLevel::Info, "gesture script %s is a FIFO: waiting for a writer",
+             QuotedText(path).c_str());
     }
-    if (in.bad()) return cannot(std::strerror(errno));
+    std::string why;
+    const int result = ReadWholeFileWaiting(path, kMaxScriptBytes, text, &why);
+    if (result < 0) return cannot(why);
+    if (result > 0) {
+        *stopSignal = result;
+        *error = SignalName(result) + " while waiting for a writer to the gesture script " +
+                 QuotedText(path) + ": stopping";
+        return false;
+    }
     return true;
 }
 
@@ -58,8 +66,10 @@ bool ReadScriptFile(const std::string& path, std::string* text, std::string* err
 bool LoadGestureScriptFile(const std::string& path, CGestureScript* script,
                            TBackendFailure* failure) {
     std::string text, error;
-    if (!ReadScriptFile(path, &text, &error)) {
-        *failure = {1, error};
+    int stopSignal = 0;
+    if (!ReadScriptFile(path, &text, &error, &stopSignal)) {
+        // A stop asked for while waiting is the driver's ordinary end.
+        *failure = {stopSignal != 0 ? 0 : 1, error};
         return false;
     }
     if (!CGestureScript::Parse(text, script, &error)) {

@@ -7,6 +7,7 @@
 
 #include "QuotedText.h"
 #include "MtDevCtrlInterface.h"
+#include "MtDevLog.h"
 
 // ---------------------------------------------------------------------------------------------
 // Clock
@@ -229,16 +230,29 @@ bool CSimDevice::NextPayload(TEmuFramePayload& payload) {
             m_player = std::make_unique<CGestureScriptPlayer>(m_spec.script, m_schedule);
         }
     }
-    if (m_player->Done()) {
-        EndOfScript();
-        return false;
+    if (!m_framePending) {
+        if (m_player->Done()) {
+            EndOfScript();
+            return false;
+        }
+        m_player->NextFrame();
+        m_framePending = true;
     }
-    m_player->NextFrame();
     if (m_timelines == nullptr) {
         const uint64_t due = m_realStartNanos + m_schedule.MonotonicNanos();
         const uint64_t now = TGetClock().MonotonicNanos();
+        // A real frame answers every poll: through a long pause of the script (a wait) it
+        // reports no contacts, so that the driver does not take it for dead.
+        if (due > now + kSimLongestAnswerMillis * 1'000'000ull) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait_for(lock, std::chrono::milliseconds(kSimIdlePaceMillis),
+                               [this] { return m_aborted; });
+            payload = m_encoder.IdleFrame();
+            return true;
+        }
         if (due > now) TSleepMicros((due - now) / 1000u);
     }
+    m_framePending = false;
     payload = m_encoder.Encode(m_player->Current().contacts);
     m_framesPlayed.fetch_add(1);
     return true;
@@ -271,6 +285,14 @@ bool CSimDevice::Holding() {
                               m_emulator->WriteCount(MTDEV_CMD_CONFIG_OVERRIDE);
         if (writes >= static_cast<size_t>(fault.count)) {
             continue;
+        }
+        if (!m_holdAnnounced) {
+            m_holdAnnounced = true;  // what the frame waits for, or a hold looks like a hang
+            TLog(TLogLevel::Info,
+                 "simulated frame %d holds after %d scripted frames until a tool has written "
+                 "its configuration %d time(s) over the driver's D-Bus interface (irframectl "
+                 "config restore); SIGINT or SIGTERM ends the driver meanwhile",
+                 m_number, fault.after, fault.count);
         }
         // Polls without contacts at an idle pace, so a waiting frame does not spin.
         std::unique_lock<std::mutex> lock(m_mutex);

@@ -79,6 +79,9 @@ struct TSimFault {
 // Real time between two polls answered while a script holds, and the lateness of each empty
 // reply of a stalled read: the frame idles instead of spinning.
 constexpr unsigned kSimIdlePaceMillis = 10;
+// In real time, the longest a scripted frame's answer is held back; a longer pause is answered
+// with frames without contacts. Well within the driver's reply time-out.
+constexpr unsigned kSimLongestAnswerMillis = 200;
 
 // "config:N", "frame:N" (the first frame), "poll:N@K" (N polls fail after K scripted frames),
 // "stall:N@K", "vanish:N@K" (transfers), "hold:N@K" (the script waits for N config writes).
@@ -158,6 +161,8 @@ private:
     std::set<uint64_t> m_faultedPolls;  // 1-based indexes of frame polls that fail
     bool m_geometrySent = false;
     bool m_scriptStarted = false;
+    bool m_framePending = false;
+    bool m_holdAnnounced = false;  // the player's current frame is due but not yet sent
     bool m_vanished = false;
     bool m_unplugRequested = false;
 

@@ -677,7 +677,7 @@ private:
         to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         to.sin_port = htons(m_port);
         // A safety net, not a measurement: oscdump answers in milliseconds.
-        for (int waited = 0; waited < 10'000; waited += 20) {
+        for (int waited = 0; waited < 60'000; waited += 20) {
             if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
                 m_pid = -1;
                 return false;

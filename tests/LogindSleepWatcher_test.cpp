@@ -42,7 +42,7 @@ public:
         }
         // Wait (bounded) for the socket to appear.
         struct stat info;
-        for (int i = 0; i < 500 && stat(socket.c_str(), &info) != 0; ++i) usleep(10'000);
+        for (int i = 0; i < 6000 && stat(socket.c_str(), &info) != 0; ++i) usleep(10'000);
         m_address = "unix:path=" + socket;
     }
     ~CPrivateBus() {

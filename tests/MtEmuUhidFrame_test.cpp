@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int kBoundMs = 5000;  // a bound on each wait, so a fault fails instead of hanging
+constexpr int kBoundMs = 30000;  // a bound on each wait, so a fault fails instead of hanging
 
 const CSimFrameEncoder& Encoder() {
     static const CSimFrameEncoder encoder;  // slow to build: shared by every test

@@ -10,6 +10,7 @@
 #include "CommandLine.h"
 #include "DriverConfig.h"
 #include "IrframeVersion.h"
+#include "Parameter.h"
 #include "QuotedText.h"
 
 namespace {
@@ -59,6 +60,26 @@ bool StderrIsJournal() {
            static_cast<unsigned long long>(st.st_ino) == inode;
 }
 
+bool IsServedId(uint16_t vendor, uint16_t product) {
+    return std::any_of(std::begin(kDeviceMatchTable), std::end(kDeviceMatchTable),
+                       [&](const TDeviceMatchRow& row) {
+                           return row.vendorId == vendor && row.productId == product;
+                       });
+}
+
+// "AAEC:C020, AAEC:C021 or 202E:0006"
+std::string ServedIds() {
+    std::string list;
+    for (size_t i = 0; i < kDeviceMatchRows; ++i) {
+        char id[16];
+        std::snprintf(id, sizeof id, "%04X:%04X", kDeviceMatchTable[i].vendorId,
+                      kDeviceMatchTable[i].productId);
+        if (i > 0) list += i + 1 == kDeviceMatchRows ? " or " : ", ";
+        list += id;
+    }
+    return list;
+}
+
 int UsageError(const std::string& line) {
     std::fprintf(stderr, "irframed: %s\n", line.c_str());
     return kExitUsage;
@@ -73,34 +94,48 @@ std::string Quoted(const std::vector<std::string>& names) {
     return out;
 }
 
-// The configuration file under the options: what the command line did not say, the file says.
-std::optional<int> ApplyConfigFile(const CLI::App& app, const std::string& path,
-                                   const TConfigChecks& checks, DriverOptions* opt) {
-    TDriverConfig config = DefaultDriverConfig(checks);
+// The file's settings under the options: what the command line did not say, the file says.
+void ApplyDriverConfig(const TDriverConfig& config, DriverOptions* opt) {
+    if (!opt->given.logLevel) opt->logLevel = config.logLevel;
+    if (!opt->given.screen) opt->screen = config.screenSize;
+    if (!opt->given.display) opt->display = config.screenOutput;
+    if (!opt->given.keys) opt->keys = config.keyProfile;
+    opt->shortcuts = config.shortcuts;
+    // A dry run posts nothing: the file's touchscreen waits for a real run.
+    if (!opt->given.touchscreen) opt->touchscreen = config.touchscreen && !opt->dryRun;
+    opt->touchscreenWidthMm = config.touchscreenWidthMm;
+    opt->touchscreenHeightMm = config.touchscreenHeightMm;
+    if (!opt->given.tuio) {
+        opt->tuio.enabled = config.tuio;
+        opt->tuio.target = config.tuioTarget;
+    }
+    opt->tuio.allowDeviceTargets = config.tuioAllowDeviceTargets;
+    opt->tuio.areaTargets = config.tuioAreaTargets;
+}
+
+// Reads the configuration file that the options name; `config` starts as the defaults.
+TConfigStatus ReadDriverConfig(const TConfigChecks& checks, DriverOptions* opt,
+                               TDriverConfig* config, std::string* error) {
+    *config = DefaultDriverConfig(checks);
+    if (opt->noConfig) {
+        opt->configFile.clear();
+        return TConfigStatus::Ok;
+    }
+    return LoadDriverConfig(ProcessConfigEnvironment(opt->configPath), checks, config,
+                            &opt->configFile, error);
+}
+
+std::optional<int> ApplyConfigFile(const TConfigChecks& checks, DriverOptions* opt) {
+    TDriverConfig config;
     std::string error;
-    switch (LoadDriverConfig(ProcessConfigEnvironment(path), checks, &config, &opt->configFile,
-                             &error)) {
+    switch (ReadDriverConfig(checks, opt, &config, &error)) {
         case TConfigStatus::Ok: break;
         case TConfigStatus::CannotRead:
             std::fprintf(stderr, "irframed: %s\n", error.c_str());
             return kExitCannotStart;
         case TConfigStatus::Invalid: return UsageError(error);
     }
-    if (app.count("--log-level") == 0 && opt->verbose == 0) opt->logLevel = config.logLevel;
-    if (app.count("--screen") == 0) opt->screen = config.screenSize;
-    if (app.count("--display") == 0) opt->display = config.screenOutput;
-    if (app.count("--keys") == 0) opt->keys = config.keyProfile;
-    opt->shortcuts = config.shortcuts;
-    // A dry run posts nothing: the file's touchscreen waits for a real run.
-    if (app.count("--touchscreen") == 0) opt->touchscreen = config.touchscreen && !opt->dryRun;
-    opt->touchscreenWidthMm = config.touchscreenWidthMm;
-    opt->touchscreenHeightMm = config.touchscreenHeightMm;
-    if (app.count("--tuio") == 0) {
-        opt->tuio.enabled = config.tuio;
-        opt->tuio.target = config.tuioTarget;
-    }
-    opt->tuio.allowDeviceTargets = config.tuioAllowDeviceTargets;
-    opt->tuio.areaTargets = config.tuioAreaTargets;
+    ApplyDriverConfig(config, opt);
     return std::nullopt;
 }
 
@@ -156,7 +191,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "script waits after K frames until C configuration writes)")
         ->type_name("[N:]KIND:COUNT[@K]");
     app.add_option("--simulate-id", simulateId,
-                   "USB vendor:product of the simulated frames (default AAEC:C020)")
+                   "USB vendor:product of the simulated frames: AAEC:C020 (the default), "
+                   "AAEC:C021 or 202E:0006")
         ->type_name("VVVV:PPPP");
     app.add_flag("--realtime", opt.realtime,
                  "Pace simulated frames in real time instead of on an instant virtual clock");
@@ -217,11 +253,15 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     if (app.count("--config") != 0 && configPath.empty()) {
         return UsageError("--config needs a file name");
     }
-    if (!noConfig) {
-        if (const std::optional<int> status = ApplyConfigFile(app, configPath, checks, &opt)) {
-            return status;
-        }
-    }
+    opt.configPath = configPath;
+    opt.noConfig = noConfig;
+    opt.given.logLevel = app.count("--log-level") != 0 || opt.verbose != 0;
+    opt.given.screen = app.count("--screen") != 0;
+    opt.given.display = app.count("--display") != 0;
+    opt.given.keys = app.count("--keys") != 0;
+    opt.given.touchscreen = app.count("--touchscreen") != 0;
+    opt.given.tuio = app.count("--tuio") != 0;
+    if (const std::optional<int> status = ApplyConfigFile(checks, &opt)) return status;
     if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), opt.keys) ==
         checks.keyProfiles.end()) {
         return UsageError("--keys " + QuotedText(opt.keys) + ": use " + Quoted(checks.keyProfiles));
@@ -241,7 +281,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     }
     if (!simulateId.empty() &&
         !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {
-        return UsageError("--simulate-id " + QuotedText(simulateId) + " is not VVVV:PPPP in hexadecimal");
+        return UsageError("--simulate-id " + QuotedText(simulateId) +
+                          " is not VVVV:PPPP in hexadecimal");
+    }
+    if (!simulateId.empty() && !IsServedId(opt.simulateVendor, opt.simulateProduct)) {
+        // Discovery would never match the emulated frame: the driver would wait for ever.
+        return UsageError("--simulate-id " + QuotedText(simulateId) +
+                          " is not a frame the driver serves: use " + ServedIds());
     }
     if (app.count("--tuio") != 0) {
         std::string error;
@@ -251,6 +297,21 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     }
     if (printConfig) return PrintConfiguration(opt, checks);
     return std::nullopt;
+}
+
+bool RereadDriverConfig(const TConfigChecks& checks, DriverOptions* options, std::string* error) {
+    DriverOptions next = *options;
+    TDriverConfig config;
+    if (ReadDriverConfig(checks, &next, &config, error) != TConfigStatus::Ok) return false;
+    ApplyDriverConfig(config, &next);
+    if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), next.keys) ==
+        checks.keyProfiles.end()) {
+        *error = next.configFile + ": keys.profile '" + next.keys + "': use " +
+                 Quoted(checks.keyProfiles);
+        return false;
+    }
+    *options = std::move(next);
+    return true;
 }
 
 TLogLevel EffectiveLogLevel(const DriverOptions& options) {

@@ -20,6 +20,11 @@ inline constexpr int kExitUsage = 2;        // a bad option or script
 std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverOptions* options,
                                       const TConfigChecks& checks);
 
+// Reads the configuration file again, as the options chose it at start, under the settings the
+// command line gave. False with one line in `error` (the file, and for a mistake in it its
+// line and column) and `options` unchanged.
+bool RereadDriverConfig(const TConfigChecks& checks, DriverOptions* options, std::string* error);
+
 // The level the options ask for: --log-level, else info raised by -v (-vv: debug).
 TLogLevel EffectiveLogLevel(const DriverOptions& options);
 // Sets the log writer from the options; under systemd (JOURNAL_STREAM names our standard

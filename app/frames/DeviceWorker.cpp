@@ -181,6 +181,9 @@ unsigned int test(void* arg) {
                 // back. A hidraw node held open keeps its minor number taken, and there are
                 // only 64 of them.
                 pDev->controller.CloseDevice(MTDEV_CLOSE_SILENT);
+                // The removal released the button, but a frame this worker still had in hand
+                // may have pressed it again: nothing stays held once the worker is gone.
+                pDev->container.releaseClick();
                 TLogSystem("THREAD QUIT");
                 return 0;
             }

@@ -3,12 +3,15 @@
 // Wires the backends to the service shell and runs the main loop until the driver is asked to
 // end (a signal, a later instance, wake from sleep) or, in simulation, until every emulated
 // frame has been played.
+#include <pthread.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
+#include "ConfigReload.h"
 #include "DevConfigJson.h"
 #include "DeviceListControl.h"
 #include "DriverOutputs.h"
@@ -34,6 +37,13 @@ int main(int argc, char** argv) {
     COutputFile::GuardStandardDescriptors();
     // A closed pipe on standard output is a write error to report, not a silent death.
     std::signal(SIGPIPE, SIG_IGN);
+    // SIGHUP reloads the configuration once the loop runs; until then it waits, blocked,
+    // rather than ending the driver.
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
+
     DriverOptions options;
     if (const std::optional<int> status =
             ParseDriverOptions(argc, argv, &options, LinuxConfigChecks())) {
@@ -79,6 +89,18 @@ int main(int argc, char** argv) {
     for (const std::unique_ptr<IShellBackend>& backend : backends) {
         backend->OnFinished([&shell](int status) { shell.Terminate(status); });
     }
+    const auto reload = [&] {
+        return ReloadDriverConfiguration(LinuxConfigChecks(), &options, [&] {
+            ApplyLogOptions(options);
+            for (const std::unique_ptr<IShellBackend>& backend : backends) {
+                backend->OptionsChanged();
+            }
+        });
+    };
+    loop->OnReloadSignal([&] {
+        TLog(TLogLevel::Info, "SIGHUP: reading the configuration again");
+        reload();
+    });
     shell.init();
     int status = loop->Run();
     if (!driverOutputs.Finish() && status == kExitOk) status = kExitCannotStart;

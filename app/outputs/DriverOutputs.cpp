@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 
-
 #include "MtDevLog.h"
 
 bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
@@ -25,7 +24,8 @@ void CDriverOutputs::OpenTuio(TShellPorts* ports) {
 
 bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
     std::string error;
-    // Followed live by whoever reads the lines: written in place as they come.
+    // Followed live by whoever reads the lines: written in place as they come. A FIFO is
+    // refused with the other nodes, so no open waits for a reader.
     if (!m_output.Open(m_options.output, COutputFile::TExisting::Replace, &error,
                        COutputFile::TWriting::Live)) {
         *failure = {1, error};

@@ -2,8 +2,11 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "StopSignalWaits.h"
 
 namespace {
 
@@ -107,8 +110,8 @@ bool CBusNameClaim::WaitUntilGone(const std::string& unique, int waitMillis) {
         if (processed < 0) break;
         if (processed > 0) continue;
         const uint64_t now = MonotonicMicros();
-        if (now >= deadline) break;
-        if (sd_bus_wait(m_bus, deadline - now) < 0) break;
+        if (now >= deadline || StopSignalPending()) break;  // the loop then ends the driver
+        if (sd_bus_wait(m_bus, std::min<uint64_t>(deadline - now, kStopCheckMicros)) < 0) break;
     }
     sd_bus_slot_unref(slot);
     const bool gone = m_waitingFor.empty();

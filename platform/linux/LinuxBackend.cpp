@@ -20,8 +20,7 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
             return false;
         }
     }
-    const std::optional<TKeyProfile> profile = ParseKeyProfile(m_options.keys);
-    if (!profile) {
+    if (!ParseKeyProfile(m_options.keys)) {
         *failure = {2, "--keys '" + m_options.keys + "': use 'safe', 'literal' or 'desktop'"};
         return false;
     }
@@ -45,23 +44,19 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
 
     ports->gestures = m_options.gestures;
     // One key map: what the uinput device presses is what the dry run shows.
-    std::optional<CKeyMap> keys = CKeyMap::Make(*profile, m_options.shortcuts, &error);
-    if (!keys) {
-        *failure = {2, "shortcuts." + error};
+    if (!MakeKeys(&error)) {
+        *failure = {2, error};
         return false;
     }
-    m_keys = std::make_unique<const CKeyMap>(std::move(*keys));
-    ports->keyNamer = [keys = m_keys.get()](const TInputEvent& event) {
-        return keys->KeyNames(event);
-    };
+    ports->keyNamer = [this](const TInputEvent& event) { return Keys()->KeyNames(event); };
     if (!m_options.dryRun && m_options.gestures) {
-        m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *m_keys, &error);
+        m_uinput = CUinputEventSink::Create(m_options.uinputPath, geometry, *Keys(), &error);
         if (!m_uinput) {
             *failure = {1, error};
             return false;
         }
         TLog(TLogLevel::Info, "virtual input device %s (keys: %s)",
-             m_uinput->DeviceNode().c_str(), KeyProfileName(*profile));
+             m_uinput->DeviceNode().c_str(), KeyProfileName(Keys()->Profile()));
         ports->sinkForDevice = [sink = m_uinput.get()](int) -> CEventSink* { return sink; };
     }
 
@@ -112,6 +107,38 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     ports->notifications = m_notifications.get();
     ports->loop = &m_loop;
     return true;
+}
+
+bool CLinuxBackend::MakeKeys(std::string* error) {
+    const std::optional<TKeyProfile> profile = ParseKeyProfile(m_options.keys);
+    if (!profile) {
+        *error = "--keys '" + m_options.keys + "': use 'safe', 'literal' or 'desktop'";
+        return false;
+    }
+    std::string why;
+    std::optional<CKeyMap> keys = CKeyMap::Make(*profile, m_options.shortcuts, &why);
+    if (!keys) {
+        *error = "shortcuts." + why;
+        return false;
+    }
+    auto made = std::make_shared<const CKeyMap>(std::move(*keys));
+    std::lock_guard<std::mutex> lock(m_keysMutex);
+    m_keys = std::move(made);
+    return true;
+}
+
+std::shared_ptr<const CKeyMap> CLinuxBackend::Keys() const {
+    std::lock_guard<std::mutex> lock(m_keysMutex);
+    return m_keys;
+}
+
+void CLinuxBackend::OptionsChanged() {
+    std::string error;
+    if (!MakeKeys(&error)) {
+        TLog(TLogLevel::Error, "the keys stay as they were: %s", error.c_str());
+        return;
+    }
+    if (m_uinput) m_uinput->SetKeys(*Keys());
 }
 
 void CLinuxBackend::OpenSessionBus(TShellPorts* ports) {

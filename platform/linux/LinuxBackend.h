@@ -6,6 +6,8 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
+#include <string>
 
 #include "BusNameClaim.h"
 #include "DbusDriverService.h"
@@ -28,6 +30,9 @@ public:
         : m_loop(loop), m_options(options), m_control(control), m_codec(std::move(codec)) {}
 
     bool Open(TShellPorts* ports, TBackendFailure* failure) override;
+    // A new key profile or new shortcuts: the virtual device presses, and the dry run shows,
+    // the new chords from the next key event on.
+    void OptionsChanged() override;
 
     // The HID port of an already open hidraw-like descriptor (the emulated frames' host end).
     static std::unique_ptr<CMtHidDevice> AdoptHidPort(int fd);
@@ -43,7 +48,12 @@ private:
     std::unique_ptr<CBusNameClaim> m_claim;
     std::unique_ptr<CDbusDriverService> m_service;
     std::unique_ptr<CLinuxScreen> m_screen;
-    std::unique_ptr<const CKeyMap> m_keys;  // immutable; the dry run's key namer reads it
+    // The key map in force; the dry run's key namer reads it on the workers' threads.
+    std::shared_ptr<const CKeyMap> Keys() const;
+    bool MakeKeys(std::string* error);
+
+    mutable std::mutex m_keysMutex;
+    std::shared_ptr<const CKeyMap> m_keys;  // guarded by m_keysMutex; each map is immutable
     std::unique_ptr<CUinputEventSink> m_uinput;
     std::unique_ptr<CUdevHidManagerFactory> m_udev;
     std::unique_ptr<CLinuxNotificationCenter> m_notifications;

@@ -8,7 +8,8 @@
 #include <cstring>
 
 namespace {
-constexpr int kTerminationSignals[2] = {SIGTERM, SIGINT};
+// SIGHUP asks for the configuration to be read again, the daemons' convention.
+constexpr int kHandledSignals[3] = {SIGTERM, SIGINT, SIGHUP};
 }
 
 std::unique_ptr<CSdEventLoop> CSdEventLoop::Create(std::string* error) {
@@ -20,7 +21,7 @@ std::unique_ptr<CSdEventLoop> CSdEventLoop::Create(std::string* error) {
 
     sigset_t block;
     sigemptyset(&block);
-    for (int sig : kTerminationSignals) sigaddset(&block, sig);
+    for (int sig : kHandledSignals) sigaddset(&block, sig);
     const int maskResult = pthread_sigmask(SIG_BLOCK, &block, &loop->m_previousMask);
     if (maskResult != 0) return fail("cannot block the termination signals", maskResult);
     loop->m_maskSaved = true;
@@ -34,10 +35,10 @@ std::unique_ptr<CSdEventLoop> CSdEventLoop::Create(std::string* error) {
                         loop.get());
     if (r < 0) return fail("cannot watch the wake-up eventfd", r);
 
-    for (int i = 0; i < 2; ++i) {
-        r = sd_event_add_signal(loop->m_event, &loop->m_signalSources[i], kTerminationSignals[i],
+    for (int i = 0; i < 3; ++i) {
+        r = sd_event_add_signal(loop->m_event, &loop->m_signalSources[i], kHandledSignals[i],
                                 &OnSignal, loop.get());
-        if (r < 0) return fail("cannot watch the termination signals", r);
+        if (r < 0) return fail("cannot watch the signals", r);
     }
     return loop;
 }
@@ -110,6 +111,10 @@ void CSdEventLoop::OnTerminationSignal(std::function<void(int)> handler) {
     m_onSignal = std::move(handler);
 }
 
+void CSdEventLoop::OnReloadSignal(std::function<void()> handler) {
+    m_onReload = std::move(handler);
+}
+
 int CSdEventLoop::OnWake(sd_event_source*, int fd, uint32_t, void* self) {
     auto* loop = static_cast<CSdEventLoop*>(self);
     uint64_t count = 0;
@@ -128,6 +133,10 @@ int CSdEventLoop::OnWake(sd_event_source*, int fd, uint32_t, void* self) {
 
 int CSdEventLoop::OnSignal(sd_event_source*, const struct signalfd_siginfo* info, void* self) {
     auto* loop = static_cast<CSdEventLoop*>(self);
+    if (info->ssi_signo == SIGHUP) {
+        if (loop->m_onReload) loop->m_onReload();
+        return 0;
+    }
     if (loop->m_onSignal) loop->m_onSignal(static_cast<int>(info->ssi_signo));
     return 0;
 }

@@ -2,9 +2,10 @@
 //
 // Other Linux pieces (udev monitors, the instance socket, the system bus) attach their sources to
 // Event(). Posted tasks travel through a semaphore eventfd, one task per dispatch, so that each
-// posted event counts as one handled source for RunOnce. SIGTERM and SIGINT are blocked in the
-// constructing thread and read through a signalfd: construct the loop before any other thread
-// starts, so that every thread inherits the blocked mask.
+// posted event counts as one handled source for RunOnce. SIGTERM, SIGINT and SIGHUP are blocked
+// in the constructing thread and read through a signalfd: construct the loop before any other
+// thread starts, so that every thread inherits the blocked mask. Without a handler SIGHUP is
+// ignored.
 #pragma once
 
 #include "MainLoop.h"
@@ -33,6 +34,8 @@ public:
     void Post(std::function<void()> task) override;
     void PostDelayed(uint64_t millis, std::function<void()> task) override;
     void OnTerminationSignal(std::function<void(int signal)> handler) override;
+    // Calls `handler` on the main thread when SIGHUP arrives.
+    void OnReloadSignal(std::function<void()> handler);
 
     sd_event* Event() const { return m_event; }
 
@@ -44,13 +47,14 @@ private:
 
     sd_event* m_event = nullptr;
     sd_event_source* m_wakeSource = nullptr;
-    sd_event_source* m_signalSources[2] = {nullptr, nullptr};
+    sd_event_source* m_signalSources[3] = {nullptr, nullptr, nullptr};
     int m_wakeFd = -1;
     sigset_t m_previousMask{};
     bool m_maskSaved = false;
     std::mutex m_mutex;
     std::deque<std::function<void()>> m_tasks;  // guarded by m_mutex
     std::function<void(int)> m_onSignal;        // main thread only
+    std::function<void()> m_onReload;           // main thread only
     bool m_quitRequested = false;
     int m_quitStatus = 0;
 };

@@ -32,6 +32,12 @@ void Sync(std::vector<TEvdevEvent>* out) {
     Add(out, EV_SYN, SYN_REPORT, 0);
 }
 
+// Contacts map to 1..32766 and so to points away from the origin; a left release exactly at
+// the origin is the gestures' release of a held button with no contact left to place it.
+bool IsReleaseWithoutContact(const TInputEvent& event) {
+    return event.type == TInputEventType::LeftMouseUp && event.x == 0.0 && event.y == 0.0;
+}
+
 }  // namespace
 
 int32_t CEvdevTranslator::AbsoluteX(double x) const {
@@ -40,6 +46,15 @@ int32_t CEvdevTranslator::AbsoluteX(double x) const {
 
 int32_t CEvdevTranslator::AbsoluteY(double y) const {
     return ScaleToAxis(m_geometry.main.y + y, m_geometry.desktopHeight);
+}
+
+void CEvdevTranslator::SetKeys(CKeyMap keys) {
+    if (m_shortcutsDown > 0) {
+        m_nextKeys = std::move(keys);
+        return;
+    }
+    m_keys = std::move(keys);
+    m_nextKeys.reset();
 }
 
 void CEvdevTranslator::Wheel(std::vector<TEvdevEvent>* out, int32_t pixels, uint16_t hiResCode,
@@ -67,9 +82,14 @@ std::vector<TEvdevEvent> CEvdevTranslator::Translate(const TInputEvent& event) {
         case TInputEventType::LeftMouseUp:
         case TInputEventType::RightMouseDown:
         case TInputEventType::RightMouseUp: {
-            // Every mouse event carries its position, and the pointer goes there.
-            Add(&out, EV_ABS, ABS_X, AbsoluteX(event.x));
-            Add(&out, EV_ABS, ABS_Y, AbsoluteY(event.y));
+            // Every mouse event carries its position, and the pointer goes there; except the
+            // release of a button whose contact is gone (the frame went away, stopped answering,
+            // or the driver stops): it comes at the origin, which no contact maps to, and the
+            // button goes up where the finger was, where the pointer still is.
+            if (!IsReleaseWithoutContact(event)) {
+                Add(&out, EV_ABS, ABS_X, AbsoluteX(event.x));
+                Add(&out, EV_ABS, ABS_Y, AbsoluteY(event.y));
+            }
             if (event.type == TInputEventType::LeftMouseDown) Add(&out, EV_KEY, BTN_LEFT, 1);
             if (event.type == TInputEventType::LeftMouseUp) Add(&out, EV_KEY, BTN_LEFT, 0);
             if (event.type == TInputEventType::RightMouseDown) Add(&out, EV_KEY, BTN_RIGHT, 1);
@@ -79,13 +99,19 @@ std::vector<TEvdevEvent> CEvdevTranslator::Translate(const TInputEvent& event) {
         }
         case TInputEventType::KeyDown:
         case TInputEventType::KeyUp: {
+            const bool down = event.type == TInputEventType::KeyDown;
             const auto keys = m_keys.KeyChanges(event);
+            if (down) {
+                ++m_shortcutsDown;
+            } else if (m_shortcutsDown > 0 && --m_shortcutsDown == 0 && m_nextKeys) {
+                m_keys = std::move(*m_nextKeys);
+                m_nextKeys.reset();
+            }
             if (!keys) break;
             // One key per report: some clients take a modifier and its key in one report in
             // either order.
-            const int32_t value = event.type == TInputEventType::KeyDown ? 1 : 0;
             for (uint16_t key : *keys) {
-                Add(&out, EV_KEY, key, value);
+                Add(&out, EV_KEY, key, down ? 1 : 0);
                 Sync(&out);
             }
             break;
@@ -161,6 +187,14 @@ std::unique_ptr<CUinputEventSink> CUinputEventSink::Create(const std::string& pa
     return sink;
 }
 
+std::unique_ptr<CUinputEventSink> CUinputEventSink::Adopt(int fd, TDisplayGeometry geometry,
+                                                          CKeyMap keys) {
+    std::unique_ptr<CUinputEventSink> sink(
+        new CUinputEventSink(std::move(geometry), std::move(keys)));
+    sink->m_fd = fd;
+    return sink;
+}
+
 CUinputEventSink::~CUinputEventSink() {
     if (m_uinput != nullptr) libevdev_uinput_destroy(m_uinput);
     if (m_device != nullptr) libevdev_free(m_device);
@@ -177,12 +211,26 @@ void CUinputEventSink::Post(const TInputEvent& event) {
         return;
     }
     for (const TEvdevEvent& e : events) {
-        const int r = libevdev_uinput_write_event(m_uinput, e.type, e.code, e.value);
-        if (r < 0) {
-            TLog(TLogLevel::Warning, "uinput: write failed: %s", std::strerror(-r));
+        // What libevdev_uinput_write_event writes: one input_event, its time left to the kernel.
+        input_event raw{};
+        raw.type = e.type;
+        raw.code = e.code;
+        raw.value = e.value;
+        ssize_t written;
+        do {
+            written = ::write(m_fd, &raw, sizeof raw);
+        } while (written < 0 && errno == EINTR);
+        if (written != static_cast<ssize_t>(sizeof raw)) {
+            TLog(TLogLevel::Warning, "uinput: write failed: %s",
+                 written < 0 ? std::strerror(errno) : "short write");
             return;
         }
     }
+}
+
+void CUinputEventSink::SetKeys(CKeyMap keys) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_translator.SetKeys(std::move(keys));
 }
 
 std::string CUinputEventSink::DeviceNode() const {

@@ -43,6 +43,9 @@ public:
     int32_t AbsoluteY(double y) const;
 
     const CKeyMap& Keys() const { return m_keys; }
+    // The key map of the next shortcut. A shortcut pressed and not yet released is released by
+    // the map that pressed it; the new one takes over after that.
+    void SetKeys(CKeyMap keys);
 
 private:
     void Wheel(std::vector<TEvdevEvent>* out, int32_t pixels, uint16_t hiResCode, uint16_t code,
@@ -50,6 +53,8 @@ private:
 
     TDisplayGeometry m_geometry;
     CKeyMap m_keys;
+    std::optional<CKeyMap> m_nextKeys;  // waits for the shortcut that is down to be released
+    int m_shortcutsDown = 0;
     // Hi-res units not yet given out as whole detents, per wheel.
     int32_t m_verticalRemainder = 0;
     int32_t m_horizontalRemainder = 0;
@@ -66,9 +71,15 @@ public:
     static std::unique_ptr<CUinputEventSink> Create(const std::string& path,
                                                     TDisplayGeometry geometry, CKeyMap keys,
                                                     std::string* error);
+    // A sink that writes its evdev events (struct input_event) to `fd`, which it then owns,
+    // with no device made on it: for a descriptor whose device already exists, or a stand-in.
+    static std::unique_ptr<CUinputEventSink> Adopt(int fd, TDisplayGeometry geometry,
+                                                   CKeyMap keys);
     ~CUinputEventSink() override;
 
     void Post(const TInputEvent& event) override;
+    // The chords of the next shortcuts (a reloaded configuration); see CEvdevTranslator.
+    void SetKeys(CKeyMap keys);
     // The device's node under /dev/input, when the kernel told it.
     std::string DeviceNode() const;
 

@@ -16,6 +16,17 @@ if ! diff -u "$here/demo.out" "$work/out"; then
   echo "golden: the demo's events differ from tests/golden/demo.out (see the diff above)" >&2
   exit 1
 fi
+# The README's sample output: the demo's first events, then "...", then later ones, in order.
+sed -n 's/^    \({"device":.*\)$/\1/p; s/^    \.\.\.$/.../p' "$here/../../README.md" >"$work/readme"
+if ! awk 'NR == FNR { demo[++n] = $0; next }
+          $0 == "..." { gap = 1; next }
+          { while (++at <= n && demo[at] != $0) if (!gap) { bad = 1; exit }
+            if (at > n) { bad = 1; exit }
+            gap = 0; shown++ }
+          END { exit bad || shown == 0 }' "$here/demo.out" "$work/readme"; then
+  echo "golden: the README's sample output is not the demo's (tests/golden/demo.out): update it" >&2
+  exit 1
+fi
 frames=$(ls "$here"/../../examples/[0-9][0-9]-*.gesture | wc -l)
 logged=$(grep -cv '^simulated frame [0-9]* (' "$work/err" || true)
 if [ "$logged" -gt $((3 * frames)) ]; then

@@ -5,6 +5,8 @@
 
 #include <dirent.h>
 
+#include <chrono>
+
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -68,9 +70,19 @@ private:
 
 // A HID device that passes everything to another one and notes the time-out of every wait, so
 // a test sees which time-out each read used without timing anything.
+//
+// Given the emulated frame's link, a wait does not run on the time-out it was asked for: it
+// ends as soon as the frame has dealt with every report written to it and its replies are read,
+// so a reply that does come is never missed however slowly the frame's thread runs, and a
+// reply that never comes (a dropped one) costs no time. A generous bound stays, so a fault
+// fails a test instead of hanging it.
 class CWaitRecordingHidDevice final : public CMtHidDevice {
 public:
-    explicit CWaitRecordingHidDevice(CMtHidDevice& inner) : m_inner(inner) {}
+    static constexpr unsigned kSliceMs = 5;
+    static constexpr int64_t kBoundMs = 60'000;
+
+    explicit CWaitRecordingHidDevice(CMtHidDevice& inner, const CMtEmuHidLink* link = nullptr)
+        : m_inner(inner), m_link(link) {}
     int Open() override { return m_inner.Open(); }
     void Close() override { m_inner.Close(); }
     void RegisterInputReportCallback(TMtHidReportCallback callback, void* context) override {
@@ -80,13 +92,26 @@ public:
         m_inner.RegisterInputReportCallback(callback != nullptr ? &Forward : nullptr, this);
     }
     int SetOutputReport(const uint8_t* report, long length) override {
-        return m_inner.SetOutputReport(report, length);
+        const int result = m_inner.SetOutputReport(report, length);
+        if (result == kMtHidSuccess) ++m_written;
+        return result;
     }
     void BeginWait(unsigned timeoutMs) override {
         m_waits.push_back(timeoutMs);
         m_inner.BeginWait(timeoutMs);
     }
-    TMtHidRun RunWait() override { return m_inner.RunWait(); }
+    TMtHidRun RunWait() override {
+        if (m_link == nullptr) return m_inner.RunWait();
+        const auto bound = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBoundMs);
+        for (;;) {
+            // Settled first, then read: every reply sent in time is in the socket by then.
+            const bool settled = m_link->ReportsSettled() >= m_written;
+            m_inner.BeginWait(settled ? 0 : kSliceMs);
+            const TMtHidRun run = m_inner.RunWait();
+            if (run != TMtHidRun::TimedOut) return run;
+            if (settled || std::chrono::steady_clock::now() > bound) return TMtHidRun::TimedOut;
+        }
+    }
     void EndWait() override { m_inner.EndWait(); }
 
     const std::vector<unsigned>& Waits() const { return m_waits; }
@@ -103,15 +128,16 @@ private:
     }
 
     CMtHidDevice& m_inner;
+    const CMtEmuHidLink* m_link;
+    uint64_t m_written = 0;
     TMtHidReportCallback m_callback = nullptr;
     void* m_context = nullptr;
     std::vector<unsigned> m_waits;
 };
 
-// Short, distinct HID time-outs: a lost reply costs a tenth of a second instead of seconds,
-// yet leaves a loaded machine ample time for a reply that does come; and each wait's time-out
-// tells which step it was. Bulk time-outs keep the device's values (they run on a virtual
-// clock).
+// Distinct HID time-outs, so each wait's time-out tells which step it was. Through THidRig no
+// wait runs them out (see CWaitRecordingHidDevice). Bulk time-outs keep the device's values
+// (they run on a virtual clock).
 constexpr unsigned kTestReplyMs = 100;
 constexpr unsigned kTestWriteAckMs = 110;
 constexpr unsigned kTestEndAckMs = 120;
@@ -134,7 +160,7 @@ struct THidRig {
 
     THidRig() {
         port = CHidrawDevice::Adopt(link.TakeHostFd());
-        recorder = std::make_unique<CWaitRecordingHidDevice>(*port);
+        recorder = std::make_unique<CWaitRecordingHidDevice>(*port, &link);
         path.hidDevice = recorder.get();
         path.usbService = nullptr;
         path.deviceType = MTDEV_TYPE_HID;

@@ -450,7 +450,10 @@ private:
         const std::string& path = m_options.simulateScript;
         TBackendFailure failure;
         if (!LoadGestureScriptFile(path, &m_spec.script, &failure)) {
-            throw CToolError(failure.exitStatus == 1 ? kCtlFailure : kCtlUsage, failure.message);
+            const TCtlExit status = failure.exitStatus == 0   ? kCtlCancelled
+                                    : failure.exitStatus == 1 ? kCtlFailure
+                                                              : kCtlUsage;
+            throw CToolError(status, failure.message);
         }
         m_spec.name = path;
         // The emulated frame runs on its own virtual timeline, as under the driver.

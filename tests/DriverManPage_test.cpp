@@ -1,0 +1,86 @@
+// irframed(1) and `irframed --help` name the same options, and the page names every fault kind
+// that --help offers: a new option cannot reach one and not the other.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace {
+
+std::string HelpText() {
+    std::string text;
+    FILE* pipe = popen(IRFRAMED_PATH " --help", "r");
+    if (pipe == nullptr) return text;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+    pclose(pipe);
+    return text;
+}
+
+std::string ManPage() {
+    const std::filesystem::path page =
+        std::filesystem::path(__FILE__).parent_path().parent_path() / "packaging/man/irframed.1.scd";
+    std::ifstream in(page);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Every name in the option column of --help ("  -n,--dry-run   Print ...").
+std::set<std::string> HelpOptions(const std::string& help) {
+    std::set<std::string> names;
+    std::istringstream lines(help);
+    const std::regex row(R"(^  (-[^ ]+))");
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch m;
+        if (!std::regex_search(line, m, row)) continue;
+        std::istringstream split(m[1].str());
+        for (std::string name; std::getline(split, name, ',');) names.insert(name);
+    }
+    return names;
+}
+
+// Every name in the page's option headings ("*-n*, *--dry-run*").
+std::set<std::string> PageOptions(const std::string& page) {
+    std::set<std::string> names;
+    std::istringstream lines(page);
+    const std::regex name(R"(\*(--?[A-Za-z][A-Za-z-]*)\*)");
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("*-", 0) != 0) continue;
+        for (std::sregex_iterator it(line.begin(), line.end(), name), end; it != end; ++it) {
+            names.insert((*it)[1].str());
+        }
+    }
+    return names;
+}
+
+TEST(DriverManPage, NamesTheOptionsOfHelp) {
+    const std::string help = HelpText();
+    ASSERT_NE(help.find("Options:"), std::string::npos) << help;
+    const std::set<std::string> fromHelp = HelpOptions(help);
+    EXPECT_GT(fromHelp.size(), 20u);
+    EXPECT_EQ(PageOptions(ManPage()), fromHelp);
+}
+
+TEST(DriverManPage, NamesEveryFaultKind) {
+    const std::string help = HelpText();
+    const std::string page = ManPage();
+    const std::regex kind(R"(\b([a-z]+):[C1](@K)?\b)");
+    const size_t fault = help.find("--fault");
+    ASSERT_NE(fault, std::string::npos);
+    const std::string line = help.substr(fault, help.find('\n', fault) - fault);
+    int kinds = 0;
+    for (std::sregex_iterator it(line.begin(), line.end(), kind), end; it != end; ++it, ++kinds) {
+        const std::string name = (*it)[1].str();
+        EXPECT_TRUE(page.find("*" + name + ":") != std::string::npos) << name;
+    }
+    EXPECT_EQ(kinds, 6);
+}
+
+}  // namespace

@@ -1,0 +1,229 @@
+// The driver's life end to end, where it meets signals and time: SIGTERM and SIGINT end it in
+// order while it waits on a FIFO, SIGHUP reads its configuration file again, an emulated frame
+// answers its polls through a long pause of a real-time replay, and an id it does not serve is
+// refused. Every wait here has a bound many times what the answer needs; none is a measurement.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using testing::HasSubstr;
+using Lines = std::vector<std::string>;
+
+constexpr int kBoundMillis = 60'000;  // a safety net against a hung driver
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Waits until `done` holds, checking every 10 ms; false after the bound.
+bool WaitFor(const std::function<bool()>& done, int boundMillis = kBoundMillis) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(boundMillis);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// One irframed process, its standard output and error in files of a temporary directory.
+class CDriver {
+public:
+    CDriver(const std::string& dir, Lines args) : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
+        Lines argv{IRFRAMED_PATH, "-vv"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char*> cargv;
+        for (std::string& a : argv) cargv.push_back(a.data());
+        cargv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        posix_spawn_file_actions_addopen(&actions, 2, m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        if (posix_spawn(&m_pid, cargv[0], &actions, nullptr, cargv.data(), environ) != 0) {
+            m_pid = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~CDriver() {
+        if (m_pid > 0 && !m_ended) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    bool Started() const { return m_pid > 0; }
+    std::string Printed() const { return ReadFile(m_out); }
+    std::string Log() const { return ReadFile(m_err); }
+    // Waits for a text on standard error.
+    bool WaitForLog(const std::string& text) const {
+        return WaitFor([&] { return Log().find(text) != std::string::npos; });
+    }
+    void Signal(int signal) const { kill(m_pid, signal); }
+    // The exit status once it ended; -1 when it did not end within the bound or ended by a
+    // signal.
+    int Wait() {
+        int status = 0;
+        const bool ended = WaitFor([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; });
+        if (!ended) return -1;
+        m_ended = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    std::string m_out, m_err;
+    pid_t m_pid = -1;
+    bool m_ended = false;
+};
+
+class DriverSignals : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/irframed_signals.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+    }
+    void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
+
+    std::string File(const std::string& name, const std::string& text) {
+        const std::string path = m_dir + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+    std::string Fifo(const std::string& name) {
+        const std::string path = m_dir + "/" + name;
+        EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+        return path;
+    }
+
+    std::string m_dir;
+};
+
+constexpr const char* kTap = "down 1 16000 16000\nhold 2\nup 1\n";
+
+struct TFifoCase {
+    const char* name;
+    bool scriptIsFifo;  // else the output is
+    int signal;
+    const char* waiting;
+    const char* stopping;
+};
+
+class StopWhileOpening : public DriverSignals, public testing::WithParamInterface<TFifoCase> {};
+
+// Verify that a driver waiting for the other end of a FIFO (a script without a writer) says so,
+// and ends in order on SIGTERM or SIGINT, with status 0. (A FIFO as the output is refused at
+// once: tests/IrframectlOutput_test.cpp.)
+TEST_P(StopWhileOpening, EndsInOrder) {
+    const TFifoCase& c = GetParam();
+    const std::string fifo = Fifo("fifo");
+    const std::string script = c.scriptIsFifo ? fifo : File("tap.gesture", kTap);
+    Lines args{"--no-config", "--dry-run", "--simulate", script};
+    if (!c.scriptIsFifo) args.insert(args.end(), {"--output", fifo});
+    CDriver driver(m_dir, args);
+    ASSERT_TRUE(driver.Started());
+    ASSERT_TRUE(driver.WaitForLog(c.waiting)) << driver.Log();
+    driver.Signal(c.signal);
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    EXPECT_THAT(driver.Log(), HasSubstr(c.stopping));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fifos, StopWhileOpening,
+    testing::Values(
+        TFifoCase{"ScriptWithoutWriter", true, SIGTERM, "is a FIFO: waiting for a writer",
+                  "SIGTERM while waiting for a writer to the gesture script"},
+        TFifoCase{"ScriptWithoutWriterSigint", true, SIGINT, "is a FIFO: waiting for a writer",
+                  "SIGINT while waiting for a writer to the gesture script"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Verify that a script through a FIFO is played once its writer has written it.
+TEST_F(DriverSignals, ScriptThroughAFifoPlays) {
+    const std::string fifo = Fifo("fifo");
+    CDriver driver(m_dir, {"--no-config", "--dry-run", "--simulate", fifo});
+    ASSERT_TRUE(driver.WaitForLog("waiting for a writer"));
+    std::ofstream(fifo) << kTap;
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    EXPECT_THAT(driver.Printed(), HasSubstr("\"leftMouseUp\""));
+}
+
+// Verify that an id no frame kind has is refused at once, naming the ones served.
+TEST_F(DriverSignals, UnservedSimulateIdIsRefused) {
+    CDriver driver(m_dir, {"--no-config", "--dry-run", "--simulate", File("tap.gesture", kTap),
+                           "--simulate-id", "1234:5678"});
+    EXPECT_EQ(driver.Wait(), 2);
+    EXPECT_THAT(driver.Log(), HasSubstr("--simulate-id '1234:5678' is not a frame the driver "
+                                        "serves: use AAEC:C020, AAEC:C021 or 202E:0006"));
+}
+
+// Verify that a real-time replay through a 10 s pause keeps its frame: the frame answers the
+// polls meanwhile, and the events are those of the same script on the virtual clock.
+TEST_F(DriverSignals, RealTimeReplayThroughALongPause) {
+    const std::string script =
+        File("pause.gesture", std::string(kTap) + "wait 10s\n" + kTap);
+    CDriver instant(m_dir, {"--no-config", "--dry-run", "--simulate", script});
+    ASSERT_EQ(instant.Wait(), 0) << instant.Log();
+    const std::string expected = instant.Printed();
+    ASSERT_EQ(std::count(expected.begin(), expected.end(), '\n'), 7);
+
+    CDriver realTime(m_dir, {"--no-config", "--dry-run", "--simulate", script, "--realtime"});
+    EXPECT_EQ(realTime.Wait(), 0) << realTime.Log();
+    EXPECT_EQ(realTime.Printed(), expected);
+    EXPECT_THAT(realTime.Log(), HasSubstr("8 of 8 scripted frames played, closed by the driver"));
+    EXPECT_THAT(realTime.Log(), testing::Not(HasSubstr("stopped answering")));
+}
+
+// Verify that SIGHUP reads the configuration file again: a file with a mistake keeps the one in
+// force and says where the mistake is; a good one changes the chord of the next pinch at once
+// and names what waits for a restart. The frame comes 8 s after the start, long after both
+// reloads (each takes milliseconds).
+TEST_F(DriverSignals, HangupReloadsTheConfiguration) {
+    const std::string config = File("irframe.toml", "[shortcuts]\npinch = \"ctrl+alt+minus\"\n");
+    const std::string pinch = File("pinch.gesture", "down 1 10000 10000, 2 20000 10000\n"
+                                                    "move 1 11000 10000 in 10\nup 1, 2\n");
+    CDriver driver(m_dir, {"--config", config, "--dry-run", "--simulate", pinch + "@8s"});
+    ASSERT_TRUE(driver.WaitForLog("configuration " + config)) << driver.Log();
+
+    File("irframe.toml", "[shortcuts]\npinch = \"ctrl+shift+minus\"\n[screen]\nsize = 7\n");
+    driver.Signal(SIGHUP);
+    ASSERT_TRUE(driver.WaitForLog("configuration not reloaded, the one in force stays: " +
+                                  config + ":4:"))
+        << driver.Log();
+
+    File("irframe.toml", "[shortcuts]\npinch = \"ctrl+shift+minus\"\n[output.tuio]\n"
+                         "enabled = true\n");
+    driver.Signal(SIGHUP);
+    ASSERT_TRUE(driver.WaitForLog("configuration reloaded from " + config)) << driver.Log();
+    EXPECT_TRUE(driver.WaitForLog("configuration: output.tuio changed: in force after a restart"))
+        << driver.Log();
+
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    const std::string events = driver.Printed();
+    EXPECT_THAT(events, HasSubstr(R"("linuxKeys":["KEY_LEFTCTRL","KEY_LEFTSHIFT","KEY_MINUS"])"));
+    EXPECT_THAT(events, testing::Not(HasSubstr("KEY_LEFTALT")));
+}
+
+}  // namespace
