@@ -124,6 +124,13 @@ public:
     virtual void OnFrameRemoved(int number) = 0;
 };
 
+// What reading the configuration file again gave (see app/config/ConfigReload.h).
+struct TReloadAnswer {
+    bool reloaded = false;      // false: nothing changed; `message` says why
+    std::string message;        // one line
+    std::string restartNeeded;  // the changed settings that wait for a restart; empty: none
+};
+
 class IDriverControl {
 public:
     using TDone = std::function<void(TFrameResult result)>;
@@ -141,6 +148,9 @@ public:
     virtual TTransferProgress Progress(int number) const = 0;
     // Null: no events. The events object must outlive the control or be unset first.
     virtual void SetEvents(IDriverEvents* events) = 0;
+    // Reads the configuration file again and puts what changes live in force. Nothing when
+    // this driver offers no reload.
+    virtual std::optional<TReloadAnswer> Reload() { return std::nullopt; }
 };
 
 // Between a configuration record and its JSON text. Until a codec is installed the JSON

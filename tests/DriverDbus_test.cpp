@@ -383,6 +383,39 @@ TEST_F(DriverDbus, ListsFramesAndAnswersReads) {
     EXPECT_EQ(driver.Stop(), 0) << driver.Log();
 }
 
+// Verify that Reload reads the configuration file again: a file with a mistake is an answer
+// that keeps the configuration in force, a good one is taken and names what waits for a restart.
+TEST_F(DriverDbus, ReloadRereadsTheConfiguration) {
+    const std::string config = Script("irframe.toml", "[keys]\nprofile = \"safe\"\n");
+    TDriver& driver = Start({"--config", config, "--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return Running(1); })) << driver.Log();
+    const auto reload = [&] {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        int reloaded = -1;
+        const char* message = "";
+        const char* restart = "";
+        std::string out;
+        if (sd_bus_call_method(m_bus, kName, kRoot, kName, "Reload", &error, &reply, "") >= 0 &&
+            sd_bus_message_read(reply, "bss", &reloaded, &message, &restart) >= 0) {
+            out = std::to_string(reloaded) + "|" + message + "|" + restart;
+        } else {
+            out = std::string("error ") + (error.name != nullptr ? error.name : "?");
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return out;
+    };
+    Script("irframe.toml", "[keys]\nprofile = \"desktop\"\n[screen]\nsize = 7\n");
+    EXPECT_THAT(reload(), testing::StartsWith("0|configuration not reloaded, the one in force "
+                                              "stays: " + config + ":4:8: "));
+    Script("irframe.toml", "[keys]\nprofile = \"desktop\"\n[output.tuio]\nenabled = true\n");
+    EXPECT_THAT(reload(), testing::StartsWith("1|configuration reloaded from " + config +
+                                              "|output.tuio changed: in force after a restart"));
+    EXPECT_THAT(driver.Log(), HasSubstr("(keys: desktop)"));
+    EXPECT_EQ(driver.Stop(), 0) << driver.Log();
+}
+
 // Verify that a stalled transfer shows its progress, refuses a second request with Busy, leaves
 // the other frame served, and ends Cancelled on Cancel; the frame then goes on.
 TEST_F(DriverDbus, ProgressBusyAndCancel) {

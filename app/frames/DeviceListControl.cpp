@@ -264,6 +264,11 @@ void CDriverControl::SetEvents(IDriverEvents* events) {
     g_events = events;
 }
 
+std::optional<TReloadAnswer> CDriverControl::Reload() {
+    if (!m_reload) return std::nullopt;
+    return m_reload();
+}
+
 // ---------------------------------------------------------------------------------------------
 // Hooks
 

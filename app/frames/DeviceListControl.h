@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -83,6 +84,9 @@ public:
     bool Cancel(int number) override;
     TTransferProgress Progress(int number) const override;
     void SetEvents(IDriverEvents* events) override;
+    std::optional<TReloadAnswer> Reload() override;
+    // What Reload does; unset, there is no reload.
+    void SetReload(std::function<TReloadAnswer()> reload) { m_reload = std::move(reload); }
 
     // Real time between two re-assertions of a cancel (a cancel that falls between two steps of
     // a request would otherwise be cleared by the next step).
@@ -90,6 +94,7 @@ public:
 
 private:
     IMainLoop* m_loop;
+    std::function<TReloadAnswer()> m_reload;
 };
 
 // Hooks of the device list (LoadEvent.cpp). Main thread.

@@ -101,6 +101,10 @@ int main(int argc, char** argv) {
         TLog(TLogLevel::Info, "SIGHUP: reading the configuration again");
         reload();
     });
+    control.SetReload([&] {
+        const TReloadResult result = reload();
+        return TReloadAnswer{result.reloaded, result.message, result.restartNeeded};
+    });
     shell.init();
     int status = loop->Run();
     if (!driverOutputs.Finish() && status == kExitOk) status = kExitCannotStart;

@@ -179,6 +179,10 @@ bool CDbusDriverService::Start(std::string* error) {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_NAMES("ListFrames", "", , "ao", SD_BUS_PARAM(frames),
                                  &MethodListFrames, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD_WITH_NAMES("Reload", "", , "bss",
+                                 SD_BUS_PARAM(reloaded) SD_BUS_PARAM(message)
+                                     SD_BUS_PARAM(restartNeeded),
+                                 &MethodReload, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_SIGNAL_WITH_NAMES("FrameAdded", "o", SD_BUS_PARAM(frame), 0),
         SD_BUS_SIGNAL_WITH_NAMES("FrameRemoved", "o", SD_BUS_PARAM(frame), 0),
         SD_BUS_VTABLE_END,
@@ -299,6 +303,18 @@ int CDbusDriverService::EnumerateFrames(sd_bus*, const char*, void* userdata, ch
     }
     *nodes = list;
     return 1;
+}
+
+int CDbusDriverService::MethodReload(sd_bus_message* m, void* userdata, sd_bus_error* error) {
+    auto* service = static_cast<CDbusDriverService*>(userdata);
+    const std::optional<TReloadAnswer> answer = service->m_control.Reload();
+    if (!answer) {
+        return sd_bus_error_set(error, SD_BUS_ERROR_NOT_SUPPORTED,
+                                "this driver does not reload its configuration");
+    }
+    // A file with a mistake is an answer, not an error: the driver runs on as it was.
+    return sd_bus_reply_method_return(m, "bss", answer->reloaded, answer->message.c_str(),
+                                      answer->restartNeeded.c_str());
 }
 
 int CDbusDriverService::MethodListFrames(sd_bus_message* m, void* userdata, sd_bus_error*) {

@@ -85,6 +85,7 @@ private:
     static int EnumerateFrames(sd_bus* bus, const char* prefix, void* userdata, char*** nodes,
                                sd_bus_error* error);
     static int MethodListFrames(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int MethodReload(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int GetProperty(sd_bus* bus, const char* path, const char* interface,
                            const char* property, sd_bus_message* reply, void* userdata,
                            sd_bus_error* error);
