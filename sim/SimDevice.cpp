@@ -218,7 +218,17 @@ bool CSimDevice::NextPayload(TEmuFramePayload& payload) {
         ArmTransferFaults();    // the worker's own configuration reads are behind it
         return false;
     }
-    if (Holding()) return false;
+    if (Holding()) {
+        if (m_scriptStarted && m_timelines == nullptr && m_heldSinceNanos == 0) {
+            m_heldSinceNanos = TGetClock().MonotonicNanos();
+        }
+        return false;
+    }
+    if (m_heldSinceNanos != 0) {
+        // In real time the script goes on after a hold at its own pace, not in a burst.
+        m_realStartNanos += TGetClock().MonotonicNanos() - m_heldSinceNanos;
+        m_heldSinceNanos = 0;
+    }
     if (!m_scriptStarted) {
         m_scriptStarted = true;
         if (m_timelines != nullptr) {

@@ -135,7 +135,7 @@ unsigned int test(void* arg) {
 
     // The gestures listen first, then the frame's other outputs. The publisher ends the stream
     // (every listener lifts its contacts) on each way out of the worker.
-    CGestureListener gestures(pDev->container);
+    CGestureListener gestures(pDev->container, &pDev->frame.GesturesHeld());
     std::vector<IContactListener*> listeners;
     if (ports == nullptr || ports->gestures) listeners.push_back(&gestures);
     listeners.insert(listeners.end(), context.listeners.begin(), context.listeners.end());

@@ -303,6 +303,15 @@ void CTouchPointContainer::releaseClick() {
     TLogSystem("releaseclick");
 }
 
+void CTouchPointContainer::releaseClickAt(const CTouchPointInfo* contact) {
+    std::lock_guard<std::recursive_mutex> lock(m_lock);
+    if (!IsButtonHeld()) return;
+    PostLeftMouse(TInputEventType::LeftMouseUp,
+                  contact != nullptr ? ScaledLatest(contact) : ScalePoint(0.0f, 0.0f));
+    buttonState = kButtonReleased;
+    fingerMode = kFingerModeNone;
+}
+
 void CTouchPointContainer::ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode) {
     const TScreenPoint at = (!contacts.empty() && contacts[0] != nullptr)
                                 ? ScaledLatest(contacts[0])

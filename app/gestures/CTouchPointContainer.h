@@ -82,6 +82,9 @@ public:
     void toSingleClick(CTouchPointInfo* contact);
     // Releases a held left button (at screen point 0, 0). Safe from any thread.
     void releaseClick();
+    // Releases a held left button where `contact` was last (null: at 0, 0) and forgets the
+    // gesture in progress. Safe from any thread.
+    void releaseClickAt(const CTouchPointInfo* contact);
 
     // ---- Two fingers (CTouchPointContainerTwoFinger.cpp) ----
 

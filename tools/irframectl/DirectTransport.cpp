@@ -260,6 +260,9 @@ public:
         });
     }
 
+    // Without a driver nothing posts this frame's gestures: there is nothing to hold.
+    void HoldGestures(bool) override {}
+
     TStreamEnd StreamContacts(const std::function<bool(const TMonitoredFrame&)>& onFrame,
                               const std::function<bool()>& stop,
                               const std::function<void()>& started) override {

@@ -97,6 +97,9 @@ public:
     virtual std::unique_ptr<_HARDWARE_DEV_CONFIG> ReadConfig() = 0;
     // Writes the configuration and returns what the frame holds afterwards.
     virtual std::unique_ptr<_HARDWARE_DEV_CONFIG> WriteConfig(const _HARDWARE_DEV_CONFIG& config) = 0;
+    // Holds (true) or lets go of the frame's gestures: its touches post no events meanwhile.
+    // The hold ends too when this process leaves.
+    virtual void HoldGestures(bool held) = 0;
     virtual std::vector<uint8_t> ReadScanPattern(const TTransferHooks& hooks) = 0;
     virtual void WriteScanPattern(const std::vector<uint8_t>& pattern, const TTransferHooks& hooks) = 0;
     virtual void WriteTouchSystemFile(const std::vector<uint8_t>& file, const TTransferHooks& hooks) = 0;
