@@ -102,7 +102,10 @@ void ApplyDriverConfig(const TDriverConfig& config, DriverOptions* opt) {
     if (!opt->given.keys) opt->keys = config.keyProfile;
     opt->shortcuts = config.shortcuts;
     // A dry run posts nothing: the file's touchscreen waits for a real run.
-    if (!opt->given.touchscreen) opt->touchscreen = config.touchscreen && !opt->dryRun;
+    if (!opt->given.touchscreen) {
+        opt->touchscreen = config.touchscreen && !opt->dryRun;
+        opt->touchscreenPerArea = config.touchscreenPerArea && opt->touchscreen;
+    }
     opt->touchscreenWidthMm = config.touchscreenWidthMm;
     opt->touchscreenHeightMm = config.touchscreenHeightMm;
     if (!opt->given.tuio) {
@@ -154,6 +157,7 @@ std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChe
     config.keyProfile = opt.keys;
     config.shortcuts = opt.shortcuts;
     config.touchscreen = opt.touchscreen;
+    config.touchscreenPerArea = opt.touchscreenPerArea;
     config.touchscreenWidthMm = opt.touchscreenWidthMm;
     config.touchscreenHeightMm = opt.touchscreenHeightMm;
     config.tuio = opt.tuio.enabled;
@@ -200,9 +204,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "Screen size in points, and its place on the desktop, when no X server "
                    "answers (default 1920x1080); simulation always uses it")
         ->type_name("WxH[+X+Y]");
+    app.add_option("--desktop", opt.desktopSize,
+                   "The whole desktop's size in points, for --screen when neither an X server "
+                   "nor the compositor tells the layout (default: up to the screen's far corner)")
+        ->type_name("WxH");
     app.add_option("--display", opt.display,
-                   "Map the gestures into this XRandR output (e.g. HDMI-1) instead of the "
-                   "primary one")
+                   "Map the gestures into this output (e.g. HDMI-1, as the X server or the "
+                   "Wayland compositor names it) instead of the primary one")
         ->type_name("NAME");
     app.add_option("--keys", opt.keys,
                    "Shortcut mapping: 'safe' (the default: no chord that locks, closes, tiles, "
@@ -226,6 +234,9 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_flag("--touchscreen", opt.touchscreen,
                  "Also present each frame as a multitouch touchscreen (uinput) that libinput "
                  "and the desktops use directly");
+    app.add_flag("--touchscreen-per-area", opt.touchscreenPerArea,
+                 "As --touchscreen, but one touchscreen per calibration area of a frame, each "
+                 "with only its area's touches (a frame across several displays)");
     bool noGestures = false;
     app.add_flag("--no-gestures", noGestures,
                  "No mouse and shortcut emulation: only the other outputs (--touchscreen, --tuio)");
@@ -259,7 +270,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     opt.given.screen = app.count("--screen") != 0;
     opt.given.display = app.count("--display") != 0;
     opt.given.keys = app.count("--keys") != 0;
-    opt.given.touchscreen = app.count("--touchscreen") != 0;
+    opt.given.touchscreen =
+        app.count("--touchscreen") != 0 || app.count("--touchscreen-per-area") != 0;
     opt.given.tuio = app.count("--tuio") != 0;
     if (const std::optional<int> status = ApplyConfigFile(checks, &opt)) return status;
     if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), opt.keys) ==
@@ -276,6 +288,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
         return UsageError("--log-level " + QuotedText(opt.logLevel) +
                           ": use error, warning, info or debug");
     }
+    if (opt.touchscreenPerArea) opt.touchscreen = true;
     if (opt.dryRun && opt.touchscreen) {
         return UsageError("--touchscreen makes a uinput device: it cannot go with --dry-run");
     }

@@ -61,6 +61,8 @@ void CContactPublisher::End() {
 }
 
 void CGestureListener::OnContacts(const TContactFrame& frame) {
+    // A frame's events reach the sink together: one write to the input device.
+    TEventFrame events(m_container.EventSink());
     if (m_held != nullptr && m_held->load()) {
         if (!m_holding) {
             m_holding = true;

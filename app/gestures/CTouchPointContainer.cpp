@@ -39,6 +39,11 @@ void CTouchPointContainer::SetEventSink(CEventSink* sink) {
     m_sink = sink ? sink : &g_discard;
 }
 
+CEventSink* CTouchPointContainer::EventSink() const {
+    std::lock_guard<std::recursive_mutex> lock(m_lock);
+    return m_sink;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Dispatcher and worker entry points
 

@@ -59,6 +59,7 @@ public:
 
     // The sink must outlive the container (or be replaced first); nullptr drops events.
     void SetEventSink(CEventSink* sink);
+    CEventSink* EventSink() const;
 
     // ---- Dispatcher and worker entry points (CTouchPointContainer.cpp) ----
 
