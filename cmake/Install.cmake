@@ -19,7 +19,7 @@ target_include_directories(irframe_version INTERFACE ${CMAKE_BINARY_DIR}/generat
 # irframed's options, --version among them, are parsed in the agent library.
 target_link_libraries(irframe_config PRIVATE irframe_version)
 set(IRFRAME_PROGRAMS)
-foreach(program irframed irframectl)
+foreach(program irframed irframectl irframe-calibrate)
   if(TARGET ${program})
     target_link_libraries(${program} PRIVATE irframe_version)
     list(APPEND IRFRAME_PROGRAMS ${program})
@@ -43,6 +43,9 @@ endif()
 set(man_sources packaging/man/irframed.1.scd packaging/man/irframe.toml.5.scd)
 if(TARGET irframectl)
   list(APPEND man_sources packaging/man/irframectl.1.scd)
+endif()
+if(TARGET irframe-calibrate)
+  list(APPEND man_sources packaging/man/irframe-calibrate.1.scd)
 endif()
 find_program(SCDOC_EXECUTABLE scdoc)
 if(SCDOC_EXECUTABLE)
@@ -93,7 +96,8 @@ add_custom_command(
   DEPENDS packaging/changelog
   VERBATIM)
 add_custom_target(changelog ALL DEPENDS ${CMAKE_BINARY_DIR}/packaging/changelog.gz)
-file(GLOB doc_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md)
+file(GLOB doc_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md
+     ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.png)
 file(GLOB example_scripts CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/examples/*.gesture)
 install(FILES README.md packaging/copyright ${CMAKE_BINARY_DIR}/packaging/changelog.gz
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -119,9 +123,9 @@ string(CONCAT CPACK_PACKAGE_DESCRIPTION
     "and scroll events through uinput, so that every application on X11 or Wayland\n"
     "is driven by touch.\n"
     ".\n"
-    "The package holds the driver, udev rules that give the logged-in user access\n"
-    "to the frames and to uinput, a systemd user unit, man pages and example\n"
-    "gesture scripts.")
+    "The package holds the driver, the frame tool, an on-screen calibrator, udev\n"
+    "rules that give the logged-in user access to the frames and to uinput, a\n"
+    "systemd user unit, man pages and example gesture scripts.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)

@@ -60,6 +60,8 @@ struct TContactSource {
     uint16_t productId = 0;
     const _HARDWARE_DEV_CONFIG* config = nullptr;  // as read from the frame
     const _CS_CONFIG* geometry = nullptr;          // from the first frame
+    std::string serial;  // the frame's USB serial; empty when it has none
+    std::string node;    // "/dev/hidraw3"; empty when not known
 };
 
 class IContactListener {

@@ -145,6 +145,9 @@ public:
     virtual void Submit(int number, TFrameRequest request, TDone done) = 0;
     // Aborts the frame's request in flight (the controller's abort flag). False when none.
     virtual bool Cancel(int number) = 0;
+    // Holds (or lets go of) the frame's gestures: its contacts post no events while held, and
+    // still go to every other listener. False when the frame is not present.
+    virtual bool HoldGestures(int number, bool held) = 0;
     virtual TTransferProgress Progress(int number) const = 0;
     // Null: no events. The events object must outlive the control or be unset first.
     virtual void SetEvents(IDriverEvents* events) = 0;

@@ -19,6 +19,7 @@ struct DriverOptions {
     bool realtime = false;         // pace emulated frames in real time
     std::string screen;            // WxH or WxH+X+Y given on the command line; empty when not
     std::string display;           // the XRandR output the gestures map into; empty: primary
+    std::string desktopSize;       // --desktop WxH: the desktop's size beside --screen
     std::string keys = "safe";     // the shortcut profile
     TShortcutOverrides shortcuts;  // the configuration's chord per named gesture shortcut
     std::string uinputPath = "/dev/uinput";
@@ -29,6 +30,7 @@ struct DriverOptions {
     TTuioSettings tuio;    // the TUIO output: --tuio, or the configuration file
     bool gestures = true;     // the mouse and shortcut emulation; --no-gestures turns it off
     bool touchscreen = false;  // a uinput touchscreen per frame
+    bool touchscreenPerArea = false;  // one per calibration area instead (implies touchscreen)
     int touchscreenWidthMm = 0;   // the touch surface's size; 0: the touchscreen's default
     int touchscreenHeightMm = 0;
     bool claimBusName = false;  // hidden: a simulation takes part in the exchange (tests)

@@ -73,6 +73,26 @@ public:
     virtual ~CEventSink() = default;
     // Posts one event. Never fails as seen by the caller.
     virtual void Post(const TInputEvent& event) = 0;
+    // The events one touch frame brings: a sink may hold what this thread posts between the two
+    // calls and deliver it at EndFrame, in order, in one go. Not nested; see TEventFrame.
+    virtual void BeginFrame() {}
+    virtual void EndFrame() {}
+};
+
+// BeginFrame and EndFrame around a scope; a null sink is left alone.
+class TEventFrame {
+public:
+    explicit TEventFrame(CEventSink* sink) : m_sink(sink) {
+        if (m_sink != nullptr) m_sink->BeginFrame();
+    }
+    ~TEventFrame() {
+        if (m_sink != nullptr) m_sink->EndFrame();
+    }
+    TEventFrame(const TEventFrame&) = delete;
+    TEventFrame& operator=(const TEventFrame&) = delete;
+
+private:
+    CEventSink* const m_sink;
 };
 
 class CDiscardEventSink final : public CEventSink {

@@ -27,6 +27,9 @@ struct TShellPorts {
     // Contact listeners of a frame besides the gestures (touchscreen, TUIO, monitors), by frame
     // number; none when empty. Main thread; the listeners are then called on the worker.
     std::function<std::vector<IContactListener*>(int deviceNumber)> contactListeners;
+    // The same for the outputs that hear a frame before the gestures and the others: a desktop
+    // reads them directly (the touchscreen), so nothing slower stands in their way.
+    std::function<std::vector<IContactListener*>(int deviceNumber)> firstContactListeners;
     // Whether the gesture emulation listens to the frames' contacts (it does unless turned off).
     bool gestures = true;
 };

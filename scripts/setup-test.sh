@@ -11,5 +11,7 @@ test_packages=(
   udev                                                 # udevd in the guest: tags touchscreens
   lintian man-db systemd                               # the package check: lint, man -l, verify
   ccache                                               # the four builds of one tree share objects
+  sway                                                 # headless compositor: the monitors' layout
+  xvfb xauth weston imagemagick xdotool                # irframe-calibrate's window on X11 and Wayland
 )
 exec "$(dirname "$0")/setup.sh" "${test_packages[@]}"

@@ -13,6 +13,8 @@ packages=(
   liblo-dev                                            # OSC: the TUIO output's tests read it back
   libtomlplusplus-dev                                  # the configuration file
   libx11-dev libxrandr-dev                             # screen size from the X server
+  libwayland-dev libwayland-bin                        # monitors from a wlroots compositor
+  libgtkmm-4.0-dev                                     # irframe-calibrate's window
   scdoc                                                # man pages
   file                                                 # the Debian package's dependency scan
   "$@"

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "QuotedText.h"
 #include "MtDevCtrlInterface.h"
 #include "MtDevLog.h"
 
@@ -83,7 +84,7 @@ bool ParseSimulateArgument(std::string_view text, std::string* path, uint64_t* d
     }
     const auto amount = scale != 0 ? ParseCount(delay) : std::nullopt;
     if (!amount) {
-        *error = "bad plug-in delay in '" + std::string(text) + "' (use FILE@250ms or FILE@2s)";
+        *error = "bad plug-in delay in " + QuotedText(text) + " (use FILE@250ms or FILE@2s)";
         return false;
     }
     *path = std::string(text.substr(0, at));
@@ -217,7 +218,17 @@ bool CSimDevice::NextPayload(TEmuFramePayload& payload) {
         ArmTransferFaults();    // the worker's own configuration reads are behind it
         return false;
     }
-    if (Holding()) return false;
+    if (Holding()) {
+        if (m_scriptStarted && m_timelines == nullptr && m_heldSinceNanos == 0) {
+            m_heldSinceNanos = TGetClock().MonotonicNanos();
+        }
+        return false;
+    }
+    if (m_heldSinceNanos != 0) {
+        // In real time the script goes on after a hold at its own pace, not in a burst.
+        m_realStartNanos += TGetClock().MonotonicNanos() - m_heldSinceNanos;
+        m_heldSinceNanos = 0;
+    }
     if (!m_scriptStarted) {
         m_scriptStarted = true;
         if (m_timelines != nullptr) {

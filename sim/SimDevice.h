@@ -154,6 +154,7 @@ private:
     TVirtualClock m_timeline{kSimClockStartNanos, kSimWallSeconds};  // virtual: the frame's time
     TVirtualClock m_schedule{0, 0};  // real time: when each frame is due, from the script's start
     uint64_t m_realStartNanos = 0;
+    uint64_t m_heldSinceNanos = 0;  // real time: when a hold began in the middle of the script
     std::unique_ptr<CGestureScriptPlayer> m_player;
 
     // Frame source state (the link thread; the emulator's lock serialises it).

@@ -83,7 +83,7 @@ TEST(ContactPublisher, SecondListenerSeesWhatTheGesturesSee) {
     CRecorder recorder;
     {
         CContactPublisher publisher(7, {&gestures, &recorder});
-        publisher.Ready(TContactSource{7, "frame", 0, 0, nullptr, nullptr});
+        publisher.Ready(TContactSource{7, "frame", 0, 0, nullptr, nullptr, "", ""});
         int64_t stamp = 4'000'000;
         for (size_t i = 0; i < steps.size(); ++i) {
             SCOPED_TRACE(i);

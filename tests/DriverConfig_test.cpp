@@ -157,7 +157,11 @@ INSTANTIATE_TEST_SUITE_P(
         TErrorCase{"[screen]\noutput = \"HDMI 1\"\n",
                    "irframe.toml:2:10: screen.output: \"HDMI 1\" is not an output name: ..."},
         TErrorCase{"[output]\ntouchscreen = \"yes\"\n",
-                   "irframe.toml:2:15: output.touchscreen: must be true or false, not a string"},
+                   "irframe.toml:2:15: output.touchscreen: \"yes\" is not valid; use "
+                   "\"per-frame\" or \"per-area\""},
+        TErrorCase{"[output]\ntouchscreen = 1\n",
+                   "irframe.toml:2:15: output.touchscreen: must be true, false or \"per-area\", "
+                   "not an integer"},
         TErrorCase{"[output]\nwidth_mm = 30000\n",
                    "irframe.toml:2:12: output.width_mm: 30000 is out of range 0..20000"},
         TErrorCase{"[output.tuio]\ntarget = \"localhost:0\"\n",
@@ -207,6 +211,7 @@ TEST(DriverConfig, PrintReadsBack) {
     custom.shortcuts[Index(TGestureShortcut::Pinch)] = "none";
     custom.shortcuts[Index(TGestureShortcut::FourFingerUp)] = "super+pageup";
     custom.touchscreen = true;
+    custom.touchscreenPerArea = true;
     custom.touchscreenHeightMm = 300;
     custom.tuio = true;
     custom.tuioTarget = "9000";

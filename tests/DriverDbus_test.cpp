@@ -482,6 +482,47 @@ TEST_F(DriverDbus, ContactsAfterAnOverride) {
     EXPECT_EQ(driver.Wait(), 0) << driver.Log();  // the script played to its end
 }
 
+// Verify that held gestures post nothing while the contacts still flow, and that a hold ends by
+// itself when its client leaves the bus.
+TEST_F(DriverDbus, HeldGesturesPostNothingAndEndWithTheirClient) {
+    WatchSignals();
+    TDriver& driver = Start({"--simulate", m_tap, "--fault", "hold:1"});
+    ASSERT_TRUE(Until([&] { return Running(1); })) << driver.Log();
+    const auto held = [&] {
+        int value = -1;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        if (sd_bus_get_property(m_bus, kName, FramePath(1).c_str(), kFrameIface, "GesturesHeld",
+                                &error, &reply, "b") >= 0) {
+            sd_bus_message_read(reply, "b", &value);
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return value;
+    };
+    EXPECT_EQ(held(), 0);
+    sd_bus* other = nullptr;
+    const char* address = getenv("DBUS_SESSION_BUS_ADDRESS");
+    ASSERT_GE(sd_bus_new(&other), 0);
+    sd_bus_set_address(other, address);
+    sd_bus_set_bus_client(other, 1);
+    ASSERT_GE(sd_bus_start(other), 0);
+    ASSERT_GE(sd_bus_call_method(other, kName, FramePath(1).c_str(), kFrameIface, "HoldGestures",
+                                 nullptr, nullptr, ""),
+              0);
+    EXPECT_EQ(held(), 1);
+    sd_bus_flush_close_unref(other);  // the holder leaves without a word
+    ASSERT_TRUE(Until([&] { return held() == 0; }));
+
+    ASSERT_EQ(Call(1, "HoldGestures").error, "");
+    ASSERT_EQ(Call(1, "SubscribeContacts").error, "");
+    const std::string config = Call(1, "ReadConfig").text;
+    ASSERT_EQ(Call(1, "WriteConfig", "s", config).error, "");  // the script taps now
+    EXPECT_TRUE(Until([&] { return Signalled("Contacts " + FramePath(1) + " 1:2"); }));
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    EXPECT_EQ(ReadFile(m_dir + "/out0.json"), "");  // the tap posted no click
+}
+
 // Verify the takeover: a later real instance takes the name, the earlier one ends in order
 // with the same lines as on "isWindowExist", and only then does the later one go on.
 TEST_F(DriverDbus, LaterInstanceTakesOver) {

@@ -122,6 +122,8 @@ TEST(LinuxScreen, ResolveOrder) {
          "--screen as output HDMI-1 at +1920+0 of 4480x1440 (no X)"},
         {"named only", false, {"HDMI-1", std::nullopt}, {}, 0, 0, ""},
         {"default", false, {}, {0, 0, 1920, 1080}, 1920, 1080, "the default (no X)"},
+        {"left of two", false, {"", TScreenPlacement{1920, 1080, 0, 0}, TScreenPlacement{3840, 1080}},
+         {0, 0, 1920, 1080}, 3840, 1080, "--screen (no X)"},
     };
     const TXrandrDesktop desktop{TwoOutputs(), 4480, 1440};
     for (const TResolveCase& c : cases) {

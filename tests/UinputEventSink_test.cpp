@@ -6,9 +6,13 @@
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 namespace {
 
@@ -219,6 +223,64 @@ TEST(UinputEventSink, CreateFailsWithOneLine) {
                                        &error),
               nullptr);
     EXPECT_NE(error.find("not a uinput device"), std::string::npos) << error;
+}
+
+// What one write carries, read back through a datagram socket that keeps write boundaries.
+std::vector<std::vector<TEvdevEvent>> Writes(int fd) {
+    std::vector<std::vector<TEvdevEvent>> writes;
+    input_event buffer[256];
+    for (;;) {
+        const ssize_t n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (n <= 0) break;
+        std::vector<TEvdevEvent>& events = writes.emplace_back();
+        for (size_t i = 0; i < static_cast<size_t>(n) / sizeof buffer[0]; ++i) {
+            events.push_back({buffer[i].type, buffer[i].code, buffer[i].value});
+        }
+    }
+    return writes;
+}
+
+// A frame's events in one write, in the order they were posted; outside a frame one write per
+// event; two workers' frames do not mix.
+TEST(UinputEventSink, OneWritePerFrame) {
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds), 0);
+    auto sink = CUinputEventSink::Adopt(fds[0], Screen(1920, 1080), TKeyProfile::Literal);
+    CEvdevTranslator expected(Screen(1920, 1080), TKeyProfile::Literal);
+    const std::vector<TInputEvent> click = {
+        TInputEvent::Mouse(TInputEventType::MouseMoved, 10, 20, EVENT_FLAG_SECONDARY_FN, 1),
+        TInputEvent::Mouse(TInputEventType::LeftMouseDown, 10, 20, EVENT_FLAG_SECONDARY_FN, 1),
+        TInputEvent::Mouse(TInputEventType::LeftMouseUp, 10, 20, EVENT_FLAG_SECONDARY_FN, 1),
+        TInputEvent::Scroll(120)};
+    std::vector<TEvdevEvent> all;
+    for (const TInputEvent& e : click) expected.Translate(e, &all);
+    {
+        TEventFrame frame(sink.get());
+        for (const TInputEvent& e : click) sink->Post(e);
+        EXPECT_TRUE(Writes(fds[1]).empty());  // held until the frame ends
+    }
+    EXPECT_EQ(Writes(fds[1]), (std::vector<std::vector<TEvdevEvent>>{all}));
+
+    { TEventFrame nothing(sink.get()); }
+    EXPECT_TRUE(Writes(fds[1]).empty());
+    sink->Post(click[0]);
+    sink->Post(click[1]);
+    EXPECT_EQ(Writes(fds[1]).size(), 2u);
+
+    // Another worker's frame, gathered on its own thread while this one gathers.
+    TEventFrame mine(sink.get());
+    sink->Post(click[1]);
+    std::thread other([&] {
+        TEventFrame theirs(sink.get());
+        sink->Post(click[2]);
+    });
+    other.join();
+    sink->EndFrame();
+    const auto writes = Writes(fds[1]);
+    ASSERT_EQ(writes.size(), 2u);
+    EXPECT_EQ(writes[0].at(2), (TEvdevEvent{EV_KEY, BTN_LEFT, 0}));
+    EXPECT_EQ(writes[1].at(2), (TEvdevEvent{EV_KEY, BTN_LEFT, 1}));
+    close(fds[1]);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,9 +15,9 @@ namespace {
 
 using TDevice = std::unique_ptr<libevdev, decltype(&libevdev_free)>;
 
-TDevice Describe(TTouchscreenOptions options, std::string name = "hidraw3 (AAEC:C020)") {
+TDevice Describe(TTouchscreenOptions options) {
     TContactSource source;
-    source.name = std::move(name);
+    source.node = "/dev/hidraw3";
     source.vendorId = 0xAAEC;
     source.productId = 0xC020;
     return TDevice(DescribeTouchscreen(source, options), &libevdev_free);
@@ -29,7 +30,7 @@ TEST(UinputTouchscreen, DescribedAsTouchscreen) {
     options.size = {1000, 500};
     options.slots = 10;
     const TDevice d = Describe(options);
-    EXPECT_STREQ(libevdev_get_name(d.get()), "irframe touchscreen hidraw3 (AAEC:C020)");
+    EXPECT_STREQ(libevdev_get_name(d.get()), "irframe touchscreen hidraw3");
     EXPECT_EQ(libevdev_get_id_vendor(d.get()), 0xAAEC);
     EXPECT_TRUE(libevdev_has_property(d.get(), INPUT_PROP_DIRECT));
     EXPECT_TRUE(libevdev_has_event_code(d.get(), EV_KEY, BTN_TOUCH));
@@ -54,14 +55,87 @@ TEST(UinputTouchscreen, DescribedAsTouchscreen) {
     }
 }
 
+// A name that stays the same from one plugging to the next and tells frames and areas apart.
 TEST(UinputTouchscreen, NamedAfterTheFrame) {
     TContactSource source;
     source.device = 3;
+    source.name = "/dev/hidraw3 (AAEC:C020)";  // the log's name: not part of the device's
     EXPECT_EQ(TouchscreenDeviceName(source), "irframe touchscreen frame 3");
-    source.name = "x";
-    EXPECT_EQ(TouchscreenDeviceName(source), "irframe touchscreen x");
-    source.name = std::string(200, 'n');
-    EXPECT_EQ(TouchscreenDeviceName(source).size(), 79u);  // uinput's limit
+    source.node = "/dev/hidraw3";
+    EXPECT_EQ(TouchscreenDeviceName(source), "irframe touchscreen hidraw3");
+    source.serial = "A1234";
+    EXPECT_EQ(TouchscreenDeviceName(source), "irframe touchscreen serial A1234");
+    EXPECT_EQ(TouchscreenDeviceName(source, 2), "irframe touchscreen serial A1234 area 2");
+    source.serial = std::string(200, 'n');
+    const std::string cut = TouchscreenDeviceName(source, 11);
+    EXPECT_EQ(cut.size(), 79u);  // uinput's limit
+    EXPECT_EQ(cut.substr(cut.size() - 8), " area 11");
+}
+
+TEST(UinputTouchscreen, SizeConfiguredElseTheMonitors) {
+    TDisplayGeometry monitor;
+    monitor.widthMm = 527;
+    monitor.heightMm = 296;
+    EXPECT_EQ(TouchscreenSizeFor(0, 0, monitor), (TTouchscreenSize{527, 296}));
+    EXPECT_EQ(TouchscreenSizeFor(1000, 0, monitor), (TTouchscreenSize{1000, 685}));
+    EXPECT_EQ(TouchscreenSizeFor(0, 0, TDisplayGeometry{}), TTouchscreenSize{});
+    monitor.heightMm = 0;  // a projector tells no size
+    EXPECT_EQ(TouchscreenSizeFor(0, 0, monitor), TTouchscreenSize{});
+}
+
+_HCRECT_CONFIG_FILE HalfArea(uint8_t id, int32_t targetX, uint8_t rotation = 0) {
+    _HCRECT_CONFIG_FILE area{};
+    area.id = id;
+    area.rotation = rotation;
+    area.outputRect = {0, 0, 3840, 1080};
+    area.targetRect = {targetX, 0, 1920, 1080};
+    area.center = {16384, 16384};
+    area.axisH = {-16384, 0};
+    area.axisV = {0, 16384};
+    return area;
+}
+
+// A frame across two displays side by side: each area's target rectangle in output units,
+// and its contacts alone, stretched over the whole axes.
+TEST(TouchscreenAreas, OneDevicePerDisplay) {
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    config->flags = DEV_FLAG_AREAS_ENABLED;
+    config->areas[0] = HalfArea(1, 0);
+    config->areas[1] = HalfArea(1, 1920);  // the same cell: left out
+    config->areas[2] = HalfArea(2, 1920);
+    config->areas[3] = HalfArea(3, 0, 2);  // upside down
+    config->areas[4] = HalfArea(4, 0, 9);  // no such rotation: not used by calibration
+    config->areaCount = 5;
+    const _CS_CONFIG geometry{8191, 8191, 32767, 32767};
+    const std::vector<TTouchscreenArea> areas = TouchscreenAreas(*config, geometry);
+    ASSERT_EQ(areas.size(), 3u);
+    EXPECT_EQ(areas[0].index, 0);
+    EXPECT_EQ(areas[1].index, 2);
+    EXPECT_EQ(areas[2].index, 3);
+    EXPECT_EQ((std::array{areas[0].left, areas[0].right, areas[0].top, areas[0].bottom}),
+              (std::array{1, 16383, 1, 32766}));
+    EXPECT_EQ((std::array{areas[1].left, areas[1].right}), (std::array{16383, 32766}));
+    EXPECT_EQ((std::array{areas[2].left, areas[2].right}), (std::array{16384, 32766}));
+
+    TContactFrame frame;
+    frame.device = 2;
+    frame.contacts.resize(3);
+    frame.contacts[0] = TContact{.id = 7, .x = 16383, .y = 16384, .cell = {0, 2}};
+    frame.contacts[1] = TContact{.id = 8, .x = 8192, .y = 1, .cell = {0, 1}};
+    frame.contacts[2] = TContact{.id = 9, .hasSize = true, .x = 32766, .y = 32766,
+                                 .width = 1638, .height = 100, .cell = {0, 2}};
+    TContactFrame right;
+    SelectAreaContacts(frame, areas[1], &right);
+    ASSERT_EQ(right.contacts.size(), 2u);
+    EXPECT_EQ(right.device, 2);
+    EXPECT_EQ((std::array{right.contacts[0].id, right.contacts[1].id}), (std::array<uint8_t, 2>{7, 9}));
+    EXPECT_EQ(right.contacts[0].x, 1);
+    EXPECT_EQ(right.contacts[0].y, 16384);
+    EXPECT_EQ(right.contacts[1].x, 32766);
+    EXPECT_EQ(right.contacts[1].width, 3275);  // twice as wide on half the axis
+    EXPECT_EQ(right.contacts[1].height, 100);
+    config->flags = 0;  // areas off: the frame is one touchscreen
+    EXPECT_TRUE(TouchscreenAreas(*config, geometry).empty());
 }
 
 // Without a uinput node the frame says why once, and its contacts go nowhere.

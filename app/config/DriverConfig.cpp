@@ -165,6 +165,37 @@ bool OneOf(const std::string& value, const std::vector<std::string>& valid, std:
     return false;
 }
 
+// [output] touchscreen: true or false, or "per-area" for one touchscreen per calibration area.
+TKeySpec TouchscreenKey() {
+    TKeySpec spec{"output", "touchscreen",
+                  "Also present each frame as a multitouch touchscreen, as --touchscreen; "
+                  "\"per-area\": one per calibration area, as --touchscreen-per-area.",
+                  nullptr, nullptr, false};
+    spec.read = [](const toml::node& node, const TConfigChecks&, TDriverConfig* config,
+                   std::string* error) {
+        if (const auto* value = node.as_boolean()) {
+            config->touchscreen = value->get();
+            config->touchscreenPerArea = false;
+            return true;
+        }
+        const auto* text = node.as_string();
+        if (text == nullptr) {
+            *error = std::string("must be true, false or \"per-area\", not ") +
+                     TypeName(node.type());
+            return false;
+        }
+        if (!OneOf(text->get(), {"per-frame", "per-area"}, error)) return false;
+        config->touchscreen = true;
+        config->touchscreenPerArea = text->get() == "per-area";
+        return true;
+    };
+    spec.print = [](const TDriverConfig& config, const TConfigChecks&) {
+        if (config.touchscreen && config.touchscreenPerArea) return std::string("\"per-area\"");
+        return std::string(config.touchscreen ? "true" : "false");
+    };
+    return spec;
+}
+
 std::vector<TKeySpec> BuildKeySpecs() {
     std::vector<TKeySpec> specs;
     specs.push_back(StringKey(
@@ -216,9 +247,7 @@ std::vector<TKeySpec> BuildKeySpecs() {
         };
         specs.push_back(std::move(spec));
     }
-    specs.push_back(BoolKey("output", "touchscreen",
-                            "Also present each frame as a multitouch touchscreen, as --touchscreen.",
-                            &TDriverConfig::touchscreen));
+    specs.push_back(TouchscreenKey());
     specs.push_back(IntKey("output", "width_mm",
                            "The touch surface's width in millimetres; 0: the default size.",
                            &TDriverConfig::touchscreenWidthMm, 0, 20000));

@@ -44,6 +44,7 @@ struct TDriverConfig {
     TShortcutOverrides shortcuts;  // the file's chord per named shortcut, in one spelling
     // [output]: the native outputs besides the gestures.
     bool touchscreen = false;
+    bool touchscreenPerArea = false;  // touchscreen = "per-area": one per calibration area
     int touchscreenWidthMm = 0;   // 0: the touchscreen's default size
     int touchscreenHeightMm = 0;
     // [output.tuio]

@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "CommandLine.h"
 #include "DriverConfig.h"
 #include "IrframeVersion.h"
 #include "Parameter.h"
+#include "QuotedText.h"
 
 namespace {
 
@@ -100,7 +102,10 @@ void ApplyDriverConfig(const TDriverConfig& config, DriverOptions* opt) {
     if (!opt->given.keys) opt->keys = config.keyProfile;
     opt->shortcuts = config.shortcuts;
     // A dry run posts nothing: the file's touchscreen waits for a real run.
-    if (!opt->given.touchscreen) opt->touchscreen = config.touchscreen && !opt->dryRun;
+    if (!opt->given.touchscreen) {
+        opt->touchscreen = config.touchscreen && !opt->dryRun;
+        opt->touchscreenPerArea = config.touchscreenPerArea && opt->touchscreen;
+    }
     opt->touchscreenWidthMm = config.touchscreenWidthMm;
     opt->touchscreenHeightMm = config.touchscreenHeightMm;
     if (!opt->given.tuio) {
@@ -140,10 +145,10 @@ std::optional<int> ApplyConfigFile(const TConfigChecks& checks, DriverOptions* o
 // The configuration in force, command line included, as the file would say it.
 std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChecks& checks) {
     if (!opt.screen.empty() && !checks.screenSize(opt.screen)) {
-        return UsageError("--screen '" + opt.screen + "' is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y");
+        return UsageError("--screen " + QuotedText(opt.screen) + " is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y");
     }
     if (!opt.display.empty() && !IsOutputName(opt.display)) {
-        return UsageError("--display '" + opt.display + "' is not an output name");
+        return UsageError("--display " + QuotedText(opt.display) + " is not an output name");
     }
     TDriverConfig config = DefaultDriverConfig(checks);
     config.logLevel = LogLevelName(EffectiveLogLevel(opt));
@@ -152,6 +157,7 @@ std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChe
     config.keyProfile = opt.keys;
     config.shortcuts = opt.shortcuts;
     config.touchscreen = opt.touchscreen;
+    config.touchscreenPerArea = opt.touchscreenPerArea;
     config.touchscreenWidthMm = opt.touchscreenWidthMm;
     config.touchscreenHeightMm = opt.touchscreenHeightMm;
     config.tuio = opt.tuio.enabled;
@@ -198,9 +204,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                    "Screen size in points, and its place on the desktop, when no X server "
                    "answers (default 1920x1080); simulation always uses it")
         ->type_name("WxH[+X+Y]");
+    app.add_option("--desktop", opt.desktopSize,
+                   "The whole desktop's size in points, for --screen when neither an X server "
+                   "nor the compositor tells the layout (default: up to the screen's far corner)")
+        ->type_name("WxH");
     app.add_option("--display", opt.display,
-                   "Map the gestures into this XRandR output (e.g. HDMI-1) instead of the "
-                   "primary one")
+                   "Map the gestures into this output (e.g. HDMI-1, as the X server or the "
+                   "Wayland compositor names it) instead of the primary one")
         ->type_name("NAME");
     app.add_option("--keys", opt.keys,
                    "Shortcut mapping: 'safe' (the default: no chord that locks, closes, tiles, "
@@ -224,6 +234,9 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_flag("--touchscreen", opt.touchscreen,
                  "Also present each frame as a multitouch touchscreen (uinput) that libinput "
                  "and the desktops use directly");
+    app.add_flag("--touchscreen-per-area", opt.touchscreenPerArea,
+                 "As --touchscreen, but one touchscreen per calibration area of a frame, each "
+                 "with only its area's touches (a frame across several displays)");
     bool noGestures = false;
     app.add_flag("--no-gestures", noGestures,
                  "No mouse and shortcut emulation: only the other outputs (--touchscreen, --tuio)");
@@ -243,11 +256,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                  "Print the configuration in force (file, defaults and command line) as TOML "
                  "and end");
     app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? kExitOk : kExitUsage;
-    }
+    if (const std::optional<int> status = ParseCommandLine(app, argc, argv)) return status;
 
     if (noConfig && app.count("--config") != 0) {
         return UsageError("--config and --no-config exclude each other");
@@ -261,12 +270,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     opt.given.screen = app.count("--screen") != 0;
     opt.given.display = app.count("--display") != 0;
     opt.given.keys = app.count("--keys") != 0;
-    opt.given.touchscreen = app.count("--touchscreen") != 0;
+    opt.given.touchscreen =
+        app.count("--touchscreen") != 0 || app.count("--touchscreen-per-area") != 0;
     opt.given.tuio = app.count("--tuio") != 0;
     if (const std::optional<int> status = ApplyConfigFile(checks, &opt)) return status;
     if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), opt.keys) ==
         checks.keyProfiles.end()) {
-        return UsageError("--keys '" + opt.keys + "': use " + Quoted(checks.keyProfiles));
+        return UsageError("--keys " + QuotedText(opt.keys) + ": use " + Quoted(checks.keyProfiles));
     }
 
     if (!opt.Simulating() && (!opt.faults.empty() || opt.realtime || !simulateId.empty())) {
@@ -275,20 +285,22 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     opt.gestures = !noGestures;
     if (!opt.dryRun && opt.output != "-") return UsageError("--output needs --dry-run");
     if (!opt.logLevel.empty() && !ParseLogLevel(opt.logLevel)) {
-        return UsageError("--log-level '" + opt.logLevel +
-                          "': use error, warning, info or debug");
+        return UsageError("--log-level " + QuotedText(opt.logLevel) +
+                          ": use error, warning, info or debug");
     }
+    if (opt.touchscreenPerArea) opt.touchscreen = true;
     if (opt.dryRun && opt.touchscreen) {
         return UsageError("--touchscreen makes a uinput device: it cannot go with --dry-run");
     }
     if (!simulateId.empty() &&
         !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {
-        return UsageError("--simulate-id '" + simulateId + "' is not VVVV:PPPP in hexadecimal");
+        return UsageError("--simulate-id " + QuotedText(simulateId) +
+                          " is not VVVV:PPPP in hexadecimal");
     }
     if (!simulateId.empty() && !IsServedId(opt.simulateVendor, opt.simulateProduct)) {
         // Discovery would never match the emulated frame: the driver would wait for ever.
-        return UsageError("--simulate-id '" + simulateId +
-                          "' is not a frame the driver serves: use " + ServedIds());
+        return UsageError("--simulate-id " + QuotedText(simulateId) +
+                          " is not a frame the driver serves: use " + ServedIds());
     }
     if (app.count("--tuio") != 0) {
         std::string error;

@@ -59,3 +59,26 @@ void CContactPublisher::End() {
     m_ended = true;
     for (IContactListener* listener : m_listeners) listener->OnFrameEnd(m_device);
 }
+
+void CGestureListener::OnContacts(const TContactFrame& frame) {
+    // A frame's events reach the sink together: one write to the input device.
+    TEventFrame events(m_container.EventSink());
+    if (m_held != nullptr && m_held->load()) {
+        if (!m_holding) {
+            m_holding = true;
+            const CTouchPointList& tracked = m_tracker.Tracked();
+            m_container.releaseClickAt(tracked.empty() ? nullptr : tracked.front());
+            m_tracker.Reset();
+        }
+        return;
+    }
+    if (m_holding) {
+        if (std::any_of(frame.contacts.begin(), frame.contacts.end(),
+                        [](const TContact& c) { return !c.Ended(); })) {
+            return;
+        }
+        m_holding = false;
+        return;
+    }
+    m_tracker.DealFrame(frame.points, frame.timeStamp);
+}

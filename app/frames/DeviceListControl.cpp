@@ -254,6 +254,13 @@ bool CDriverControl::Cancel(int number) {
     return true;
 }
 
+bool CDriverControl::HoldGestures(int number, bool held) {
+    MtDevNode* node = PresentRecord(number);
+    if (node == nullptr) return false;
+    node->frame.HoldGestures(held);
+    return true;
+}
+
 TTransferProgress CDriverControl::Progress(int number) const {
     MtDevNode* node = PresentRecord(number);
     if (node == nullptr || !node->frame.Busy() || !node->frame.Transferring()) return {};

@@ -48,6 +48,9 @@ public:
     bool Accept(TFrameRequest request, IDriverControl::TDone done, std::string* why);
     void Cancel(CMtDevController& controller);
     bool Cancelled() const { return m_cancelled.load(); }
+    // A tool holds the frame's gestures (it calibrates): the worker's gesture listener reads it.
+    void HoldGestures(bool held) { m_gesturesHeld.store(held); }
+    const std::atomic<bool>& GesturesHeld() const { return m_gesturesHeld; }
     bool Transferring() const { return m_transferring.load(); }
     // The request's completion arrived from the worker.
     void Deliver(TFrameResult result);
@@ -67,6 +70,7 @@ private:
     std::atomic<bool> m_hasRequest{false};
     std::atomic<bool> m_cancelled{false};
     std::atomic<bool> m_transferring{false};
+    std::atomic<bool> m_gesturesHeld{false};
     std::optional<TFrameResult> m_held;  // worker only: a failure awaiting the next poll
     IDriverControl::TDone m_done;        // main thread only
 };
@@ -82,6 +86,7 @@ public:
     std::optional<TFrameDescription> DescribeFrame(int number) const override;
     void Submit(int number, TFrameRequest request, TDone done) override;
     bool Cancel(int number) override;
+    bool HoldGestures(int number, bool held) override;
     TTransferProgress Progress(int number) const override;
     void SetEvents(IDriverEvents* events) override;
     std::optional<TReloadAnswer> Reload() override;

@@ -133,10 +133,11 @@ unsigned int test(void* arg) {
                                                      : std::nullopt;
     const TScreenRect board = screen.value_or(TScreenRect{});
 
-    // The gestures listen first, then the frame's other outputs. The publisher ends the stream
-    // (every listener lifts its contacts) on each way out of the worker.
-    CGestureListener gestures(pDev->container);
-    std::vector<IContactListener*> listeners;
+    // The outputs a desktop reads directly listen first, then the gestures, then the frame's
+    // other outputs. The publisher ends the stream (every listener lifts its contacts) on each
+    // way out of the worker.
+    CGestureListener gestures(pDev->container, &pDev->frame.GesturesHeld());
+    std::vector<IContactListener*> listeners = context.firstListeners;
     if (ports == nullptr || ports->gestures) listeners.push_back(&gestures);
     listeners.insert(listeners.end(), context.listeners.begin(), context.listeners.end());
     CContactPublisher stream(pDev->deviceNumber, std::move(listeners));
@@ -145,7 +146,7 @@ unsigned int test(void* arg) {
     const TMtHidIdentity identity =
         pDev->hidDevice != nullptr ? pDev->hidDevice->Identity() : TMtHidIdentity{};
     stream.Ready(TContactSource{pDev->deviceNumber, name, identity.vendorId, identity.productId,
-                                config.get(), &geometry});
+                                config.get(), &geometry, identity.serial, identity.node});
     TLog(TLogLevel::Debug, "frame %d ready: logical %dx%d, raw %dx%d", pDev->deviceNumber,
          geometry.logicalWidth, geometry.logicalHeight, geometry.rawWidth, geometry.rawHeight);
 

@@ -68,6 +68,9 @@ MtDevNode* insertDevNode(CMtHidDevice* device) {
     if (g_ports != nullptr && g_ports->contactListeners) {
         node->worker.listeners = g_ports->contactListeners(node->deviceNumber);
     }
+    if (g_ports != nullptr && g_ports->firstContactListeners) {
+        node->worker.firstListeners = g_ports->firstContactListeners(node->deviceNumber);
+    }
     node->next = cmtDevHead;
     cmtDevHead = node;
     return node;

@@ -38,6 +38,7 @@ struct TWorkerContext {
     const TShellPorts* ports = nullptr;           // null: no screen, no listeners
     std::function<void()> ended;                  // called once as the worker returns
     std::vector<IContactListener*> listeners;     // the frame's contact listeners besides gestures
+    std::vector<IContactListener*> firstListeners;  // those that hear a frame before the gestures
 };
 
 // One record per device appearance; records are never unlinked while the process runs.

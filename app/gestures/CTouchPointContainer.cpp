@@ -39,6 +39,11 @@ void CTouchPointContainer::SetEventSink(CEventSink* sink) {
     m_sink = sink ? sink : &g_discard;
 }
 
+CEventSink* CTouchPointContainer::EventSink() const {
+    std::lock_guard<std::recursive_mutex> lock(m_lock);
+    return m_sink;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Dispatcher and worker entry points
 
@@ -301,6 +306,15 @@ void CTouchPointContainer::releaseClick() {
     PostLeftMouse(TInputEventType::LeftMouseUp, TScreenPoint{0.0, 0.0});
     buttonState = kButtonReleased;
     TLogSystem("releaseclick");
+}
+
+void CTouchPointContainer::releaseClickAt(const CTouchPointInfo* contact) {
+    std::lock_guard<std::recursive_mutex> lock(m_lock);
+    if (!IsButtonHeld()) return;
+    PostLeftMouse(TInputEventType::LeftMouseUp,
+                  contact != nullptr ? ScaledLatest(contact) : ScalePoint(0.0f, 0.0f));
+    buttonState = kButtonReleased;
+    fingerMode = kFingerModeNone;
 }
 
 void CTouchPointContainer::ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode) {

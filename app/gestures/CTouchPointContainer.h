@@ -59,6 +59,7 @@ public:
 
     // The sink must outlive the container (or be replaced first); nullptr drops events.
     void SetEventSink(CEventSink* sink);
+    CEventSink* EventSink() const;
 
     // ---- Dispatcher and worker entry points (CTouchPointContainer.cpp) ----
 
@@ -82,6 +83,9 @@ public:
     void toSingleClick(CTouchPointInfo* contact);
     // Releases a held left button (at screen point 0, 0). Safe from any thread.
     void releaseClick();
+    // Releases a held left button where `contact` was last (null: at 0, 0) and forgets the
+    // gesture in progress. Safe from any thread.
+    void releaseClickAt(const CTouchPointInfo* contact);
 
     // ---- Two fingers (CTouchPointContainerTwoFinger.cpp) ----
 

@@ -40,6 +40,7 @@ struct CDbusDriverService::TFrameObject {
     int number;
     std::string path;
     std::set<std::string> subscribers;  // unique names of the clients that want contacts
+    std::set<std::string> holders;      // clients that hold the frame's gestures
     int inFlight = 0;                   // requests submitted and not yet answered
     bool progressSent = false;
     TTransferProgress lastProgress;
@@ -143,6 +144,8 @@ bool CDbusDriverService::Start(std::string* error) {
                         SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
         SD_BUS_PROPERTY("ConfigSummary", "s", &GetProperty, 0,
                         SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+        SD_BUS_PROPERTY("GesturesHeld", "b", &GetProperty, 0,
+                        SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
         SD_BUS_METHOD_WITH_NAMES("ReadInfo", "", , "s", SD_BUS_PARAM(json), &MethodRead,
                                  SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD_WITH_NAMES("ReadStatus", "", , "s", SD_BUS_PARAM(json), &MethodRead,
@@ -162,6 +165,9 @@ bool CDbusDriverService::Start(std::string* error) {
         SD_BUS_METHOD_WITH_NAMES("WriteTouchSystemFile", "ay", SD_BUS_PARAM(file), "", ,
                                  &MethodWriteBytes, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("Cancel", "", "", &MethodCancel, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("HoldGestures", "", "", &MethodHoldGestures, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("ReleaseGestures", "", "", &MethodReleaseGestures,
+                      SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("SubscribeContacts", "", "", &MethodSubscribe, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("UnsubscribeContacts", "", "", &MethodUnsubscribe,
                       SD_BUS_VTABLE_UNPRIVILEGED),
@@ -240,6 +246,8 @@ void CDbusDriverService::EmitFrameSignal(const char* member, int number) {
 }
 
 void CDbusDriverService::OnFrameAdded(int number) {
+    // A frame plugged in again starts with its gestures free.
+    m_control.HoldGestures(number, false);
     if (Frame(number) == nullptr) {
         auto frame = std::make_unique<TFrameObject>();
         frame->service = this;
@@ -261,10 +269,11 @@ void CDbusDriverService::OnFrameRemoved(int number) {
     const auto it = m_frames.find(number);
     if (it == m_frames.end()) return;
     // Its subscriptions go with it; a request in flight is still answered (by number).
-    const std::set<std::string> subscribers = it->second->subscribers;
+    std::set<std::string> clients = it->second->subscribers;
+    clients.insert(it->second->holders.begin(), it->second->holders.end());
     m_frames.erase(it);
     if (const auto tap = m_taps.find(number); tap != m_taps.end()) tap->second->wanted = false;
-    for (const std::string& client : subscribers) DropClient(client);
+    for (const std::string& client : clients) DropClient(client);
     EmitFrameSignal("FrameRemoved", number);
 }
 
@@ -352,6 +361,9 @@ int CDbusDriverService::GetProperty(sd_bus*, const char*, const char*, const cha
                                      d->geometry.rawHeight);
     }
     if (name == "ConfigSummary") return sd_bus_message_append(reply, "s", d->configSummary.c_str());
+    if (name == "GesturesHeld") {
+        return sd_bus_message_append(reply, "b", static_cast<int>(!frame->holders.empty()));
+    }
     return -ENOENT;
 }
 
@@ -549,6 +561,43 @@ int CDbusDriverService::MethodUnsubscribe(sd_bus_message* m, void* userdata, sd_
     return sd_bus_reply_method_return(m, nullptr);
 }
 
+// The gestures are held while any client holds them; a client that leaves the bus lets go.
+void CDbusDriverService::SetHold(TFrameObject& frame, const std::string& client, bool hold) {
+    const bool before = !frame.holders.empty();
+    if (hold) {
+        frame.holders.insert(client);
+    } else {
+        frame.holders.erase(client);
+    }
+    const bool after = !frame.holders.empty();
+    if (before == after) return;
+    m_control.HoldGestures(frame.number, after);
+    sd_bus_emit_properties_changed(m_bus, frame.path.c_str(), kFrameInterface, "GesturesHeld",
+                                   nullptr);
+}
+
+int CDbusDriverService::MethodHoldGestures(sd_bus_message* m, void* userdata,
+                                           sd_bus_error* error) {
+    auto* frame = static_cast<TFrameObject*>(userdata);
+    const char* sender = sd_bus_message_get_sender(m);
+    if (sender == nullptr || *sender == 0) {
+        return sd_bus_error_set(error, kErrorInvalidArgument, "the call names no sender");
+    }
+    frame->service->SetHold(*frame, sender, true);
+    frame->service->WatchClient(sender);
+    return sd_bus_reply_method_return(m, nullptr);
+}
+
+int CDbusDriverService::MethodReleaseGestures(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* frame = static_cast<TFrameObject*>(userdata);
+    const char* sender = sd_bus_message_get_sender(m);
+    if (sender != nullptr) {
+        frame->service->SetHold(*frame, sender, false);
+        frame->service->DropClient(sender);
+    }
+    return sd_bus_reply_method_return(m, nullptr);
+}
+
 void CDbusDriverService::WatchClient(const std::string& client) {
     if (m_clientWatches.count(client) != 0) return;
     auto watch = std::make_unique<TClientWatch>();
@@ -571,7 +620,8 @@ void CDbusDriverService::WatchClient(const std::string& client) {
 
 void CDbusDriverService::DropClient(const std::string& client) {
     for (auto& [number, frame] : m_frames) {
-        if (frame->subscribers.count(client) != 0) return;  // still subscribed elsewhere
+        // still subscribed or holding somewhere
+        if (frame->subscribers.count(client) != 0 || frame->holders.count(client) != 0) return;
     }
     m_clientWatches.erase(client);
 }
@@ -579,6 +629,7 @@ void CDbusDriverService::DropClient(const std::string& client) {
 void CDbusDriverService::ForgetClient(const std::string& client) {
     for (auto& [number, frame] : m_frames) {
         if (frame->subscribers.erase(client) != 0) UpdateWanted(*frame);
+        if (frame->holders.count(client) != 0) SetHold(*frame, client, false);
     }
     m_clientWatches.erase(client);
 }

@@ -94,6 +94,8 @@ private:
     static int MethodWriteOverride(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int MethodWriteBytes(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int MethodCancel(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int MethodHoldGestures(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int MethodReleaseGestures(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int MethodSubscribe(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int MethodUnsubscribe(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int OnClientGone(sd_bus_message* m, void* userdata, sd_bus_error* error);
@@ -113,6 +115,7 @@ private:
     // The client left the bus: all its subscriptions go.
     void ForgetClient(const std::string& client);
     void UpdateWanted(TFrameObject& frame);
+    void SetHold(TFrameObject& frame, const std::string& client, bool hold);
     TFrameObject* Frame(int number);
 
     sd_bus* m_bus;

@@ -4,9 +4,28 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "HidrawDevice.h"
 #include "MtDevLog.h"
+#include "WlrOutputLayout.h"
+
+namespace {
+
+// A Wayland session's compositor knows its monitors by their connector names; XRandR there
+// sees only Xwayland's. Without Wayland, the X server.
+std::optional<TXrandrDesktop> QueryDesktopLayout(std::string* why) {
+    std::string whyNotWayland;
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (wayland != nullptr && *wayland != '\0') {
+        if (auto layout = QueryWlrOutputs(nullptr, &whyNotWayland)) return layout;
+    }
+    std::optional<TXrandrDesktop> fromX = QueryXrandrDesktop(nullptr, why);
+    if (!fromX && !whyNotWayland.empty()) *why = whyNotWayland + "; " + *why;
+    return fromX;
+}
+
+}  // namespace
 
 bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
     TScreenRequest request;
@@ -20,15 +39,24 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
             return false;
         }
     }
+    if (!m_options.desktopSize.empty()) {
+        request.desktop = ParseScreenPlacement(m_options.desktopSize);
+        if (!request.desktop || request.desktop->x != 0 || request.desktop->y != 0) {
+            *failure = {2, "--desktop '" + m_options.desktopSize +
+                               "' is not WIDTHxHEIGHT (e.g. 3840x1080)"};
+            return false;
+        }
+    }
     if (!ParseKeyProfile(m_options.keys)) {
         *failure = {2, "--keys '" + m_options.keys + "': use 'safe', 'literal' or 'desktop'"};
         return false;
     }
 
-    // The X server's outputs, unless this is a simulation (kept deterministic).
+    // The outputs of the compositor or the X server, unless this is a simulation (kept
+    // deterministic).
     std::string whyNoX = "simulation";
     std::optional<TXrandrDesktop> fromX;
-    if (!m_options.Simulating()) fromX = QueryXrandrDesktop(nullptr, &whyNoX);
+    if (!m_options.Simulating()) fromX = QueryDesktopLayout(&whyNoX);
     std::string error;
     const std::optional<TDisplayGeometry> resolved =
         ResolveDisplayGeometry(fromX, request, whyNoX, &error);
@@ -72,10 +100,10 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
         ::close(probe);
         TTouchscreenOptions touch;
         touch.uinputPath = m_options.uinputPath;
-        if (m_options.touchscreenWidthMm > 0) touch.size.widthMm = m_options.touchscreenWidthMm;
-        if (m_options.touchscreenHeightMm > 0) {
-            touch.size.heightMm = m_options.touchscreenHeightMm;
-        }
+        touch.perArea = m_options.touchscreenPerArea;
+        // The configured size, else the monitor's own where the desktop knows it.
+        touch.size = TouchscreenSizeFor(m_options.touchscreenWidthMm,
+                                        m_options.touchscreenHeightMm, geometry);
         // The touchscreen's axes span the whole desktop; libinput confines it to the chosen
         // output through a udev property, which only the user can install.
         TLog(TLogLevel::Info,
@@ -83,8 +111,8 @@ bool CLinuxBackend::Open(TShellPorts* ports, TBackendFailure* failure) {
              "rule for them (docs/touchscreen.md): %s",
              geometry.main.width, geometry.main.height, geometry.main.x, geometry.main.y,
              LibinputCalibrationLine(geometry).c_str());
-        // After the listeners of the outputs opened before this backend.
-        ports->contactListeners = [this, touch, before = ports->contactListeners](int frame) {
+        ports->firstContactListeners = [this, touch, before = ports->firstContactListeners](
+                                           int frame) {
             std::vector<IContactListener*> listeners;
             if (before) listeners = before(frame);
             std::unique_ptr<CUinputTouchscreen>& touchscreen = m_touchscreens[frame];

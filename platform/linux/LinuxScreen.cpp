@@ -4,6 +4,7 @@
 #include <X11/extensions/Xrandr.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 
@@ -120,7 +121,7 @@ int IgnoreXError(Display*, XErrorEvent*) {
 
 // The CRTC rectangle of an output, when the output is lit.
 std::optional<TScreenRect> OutputRect(TXlib& x, Display* display, XRRScreenResources* resources,
-                                      RROutput output, std::string* name) {
+                                      RROutput output, TDisplayOutput* out) {
     XRROutputInfo* info = x.getOutputInfo(display, resources, output);
     if (info == nullptr) return std::nullopt;
     std::optional<TScreenRect> rect;
@@ -130,7 +131,9 @@ std::optional<TScreenRect> OutputRect(TXlib& x, Display* display, XRRScreenResou
                 rect = TScreenRect{static_cast<double>(crtc->x), static_cast<double>(crtc->y),
                                    static_cast<double>(crtc->width),
                                    static_cast<double>(crtc->height)};
-                name->assign(info->name, static_cast<size_t>(info->nameLen));
+                out->name.assign(info->name, static_cast<size_t>(info->nameLen));
+                out->widthMm = static_cast<int>(std::clamp<unsigned long>(info->mm_width, 0, 1000000));
+                out->heightMm = static_cast<int>(std::clamp<unsigned long>(info->mm_height, 0, 1000000));
             }
             x.freeCrtcInfo(crtc);
         }
@@ -186,7 +189,7 @@ std::optional<TXrandrDesktop> QueryXrandrDesktop(const char* displayName, std::s
             for (int i = 0; i < resources->noutput; ++i) {
                 TDisplayOutput output;
                 const RROutput id = resources->outputs[i];
-                if (auto rect = OutputRect(x, display, resources, id, &output.name)) {
+                if (auto rect = OutputRect(x, display, resources, id, &output)) {
                     output.rect = *rect;
                     output.primary = id == primary;
                     desktop.outputs.push_back(std::move(output));
@@ -207,7 +210,8 @@ std::optional<TXrandrDesktop> QueryXrandrDesktop(const char* displayName, std::s
 std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayOutput>& outputs,
                                                      const std::string& wanted,
                                                      double desktopWidth, double desktopHeight,
-                                                     std::string* error) {
+                                                     std::string* error,
+                                                     const std::string& origin) {
     const TDisplayOutput* chosen = nullptr;
     for (const TDisplayOutput& output : outputs) {
         const bool match = wanted.empty() ? output.primary : output.name == wanted;
@@ -223,7 +227,9 @@ std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayO
     geometry.desktopHeight = desktopHeight;
     if (chosen != nullptr) {
         geometry.main = chosen->rect;
-        geometry.source = "XRandR output " + chosen->name;
+        geometry.widthMm = chosen->widthMm;
+        geometry.heightMm = chosen->heightMm;
+        geometry.source = origin + " output " + chosen->name;
     } else if (wanted.empty()) {
         geometry.main = TScreenRect{0, 0, desktopWidth, desktopHeight};
         geometry.source = "the X screen";
@@ -233,7 +239,7 @@ std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayO
             list += (list.empty() ? "" : ", ") + output.name + " " + Describe(output.rect) +
                     (output.primary ? " (primary)" : "");
         }
-        *error = "no XRandR output named '" + wanted + "'; " +
+        *error = "no " + origin + " output named '" + wanted + "'; " +
                  (list.empty() ? "the X server reports no lit output" : "the outputs are: " + list);
         return std::nullopt;
     }
@@ -247,7 +253,7 @@ std::optional<TDisplayGeometry> ResolveDisplayGeometry(const std::optional<TXran
                                                        std::string* error) {
     if (fromX) {
         return ChooseOutputGeometry(fromX->outputs, request.output, fromX->width, fromX->height,
-                                    error);
+                                    error, fromX->origin);
     }
     if (!request.output.empty() && !request.placement) {
         *error = "output '" + request.output + "' cannot be looked up (" + whyNoX +
@@ -260,6 +266,11 @@ std::optional<TDisplayGeometry> ResolveDisplayGeometry(const std::optional<TXran
                                 static_cast<double>(p.width), static_cast<double>(p.height)};
     geometry.desktopWidth = geometry.main.x + geometry.main.width;
     geometry.desktopHeight = geometry.main.y + geometry.main.height;
+    if (request.desktop) {
+        // The screen need not be the last one: the desktop may reach beyond it.
+        geometry.desktopWidth = std::max<double>(geometry.desktopWidth, request.desktop->width);
+        geometry.desktopHeight = std::max<double>(geometry.desktopHeight, request.desktop->height);
+    }
     geometry.source = request.placement ? "--screen" : "the default";
     if (!request.output.empty()) geometry.source += " as output " + request.output;
     if (p.x != 0 || p.y != 0) {

@@ -32,6 +32,8 @@ struct TDisplayGeometry {
     double desktopWidth = 0;      // the whole X screen (all outputs)
     double desktopHeight = 0;
     std::string source;           // for the log line: where the size came from
+    int widthMm = 0;              // the main screen's physical size; 0: not known
+    int heightMm = 0;
 };
 
 // One lit XRandR output: its name and its CRTC's rectangle on the desktop.
@@ -39,13 +41,17 @@ struct TDisplayOutput {
     std::string name;
     TScreenRect rect;
     bool primary = false;
+    int widthMm = 0;  // physical size; 0: not known
+    int heightMm = 0;
 };
 
-// What the X server reports: the lit outputs in its own order and the X screen that holds them.
+// What the X server (or a Wayland compositor) reports: the lit outputs in its own order and the
+// screen that holds them.
 struct TXrandrDesktop {
     std::vector<TDisplayOutput> outputs;
     double width = 0;
     double height = 0;
+    std::string origin = "XRandR";  // who told it, for messages
 };
 
 // Asks the X server named by `displayName` (null: $DISPLAY). Empty with `why` set when no X
@@ -58,17 +64,19 @@ std::optional<TXrandrDesktop> QueryXrandrDesktop(const char* displayName, std::s
 std::optional<TDisplayGeometry> ChooseOutputGeometry(const std::vector<TDisplayOutput>& outputs,
                                                      const std::string& wanted,
                                                      double desktopWidth, double desktopHeight,
-                                                     std::string* error);
+                                                     std::string* error,
+                                                     const std::string& origin = "XRandR");
 
 // What the command line asks for: --display and --screen.
 struct TScreenRequest {
     std::string output;                         // an XRandR output name; empty: the primary
     std::optional<TScreenPlacement> placement;  // used when no X server answers
+    std::optional<TScreenPlacement> desktop = {};  // --desktop: the desktop's size beside it
 };
 
-// The choice in order: the X server's outputs (ChooseOutputGeometry), else the placement given,
-// which also bounds the desktop (it reaches from 0,0 to the placement's far corner), else
-// 1920x1080. Empty with `error` when the output asked for is not there, or cannot be looked up
+// The choice in order: the outputs the X server or the compositor reports
+// (ChooseOutputGeometry), else the placement given on a desktop of the size given (without one
+// it reaches from 0,0 to the placement's far corner), else 1920x1080. Empty with `error` when the output asked for is not there, or cannot be looked up
 // and no placement was given.
 std::optional<TDisplayGeometry> ResolveDisplayGeometry(const std::optional<TXrandrDesktop>& fromX,
                                                        const TScreenRequest& request,

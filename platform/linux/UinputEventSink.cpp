@@ -75,6 +75,13 @@ void CEvdevTranslator::Wheel(std::vector<TEvdevEvent>* out, int32_t pixels, uint
 
 std::vector<TEvdevEvent> CEvdevTranslator::Translate(const TInputEvent& event) {
     std::vector<TEvdevEvent> out;
+    Translate(event, &out);
+    return out;
+}
+
+void CEvdevTranslator::Translate(const TInputEvent& event, std::vector<TEvdevEvent>* events) {
+    std::vector<TEvdevEvent>& out = *events;
+    const size_t start = out.size();
     switch (event.type) {
         case TInputEventType::MouseMoved:
         case TInputEventType::LeftMouseDragged:
@@ -87,14 +94,14 @@ std::vector<TEvdevEvent> CEvdevTranslator::Translate(const TInputEvent& event) {
             // or the driver stops): it comes at the origin, which no contact maps to, and the
             // button goes up where the finger was, where the pointer still is.
             if (!IsReleaseWithoutContact(event)) {
-                Add(&out, EV_ABS, ABS_X, AbsoluteX(event.x));
-                Add(&out, EV_ABS, ABS_Y, AbsoluteY(event.y));
+                Add(events, EV_ABS, ABS_X, AbsoluteX(event.x));
+                Add(events, EV_ABS, ABS_Y, AbsoluteY(event.y));
             }
-            if (event.type == TInputEventType::LeftMouseDown) Add(&out, EV_KEY, BTN_LEFT, 1);
-            if (event.type == TInputEventType::LeftMouseUp) Add(&out, EV_KEY, BTN_LEFT, 0);
-            if (event.type == TInputEventType::RightMouseDown) Add(&out, EV_KEY, BTN_RIGHT, 1);
-            if (event.type == TInputEventType::RightMouseUp) Add(&out, EV_KEY, BTN_RIGHT, 0);
-            Sync(&out);
+            if (event.type == TInputEventType::LeftMouseDown) Add(events, EV_KEY, BTN_LEFT, 1);
+            if (event.type == TInputEventType::LeftMouseUp) Add(events, EV_KEY, BTN_LEFT, 0);
+            if (event.type == TInputEventType::RightMouseDown) Add(events, EV_KEY, BTN_RIGHT, 1);
+            if (event.type == TInputEventType::RightMouseUp) Add(events, EV_KEY, BTN_RIGHT, 0);
+            Sync(events);
             break;
         }
         case TInputEventType::KeyDown:
@@ -111,20 +118,43 @@ std::vector<TEvdevEvent> CEvdevTranslator::Translate(const TInputEvent& event) {
             // One key per report: some clients take a modifier and its key in one report in
             // either order.
             for (uint16_t key : *keys) {
-                Add(&out, EV_KEY, key, down ? 1 : 0);
-                Sync(&out);
+                Add(events, EV_KEY, key, down ? 1 : 0);
+                Sync(events);
             }
             break;
         }
         case TInputEventType::ScrollWheel: {
             // Positive amounts scroll up on both systems.
-            Wheel(&out, event.wheel1, REL_WHEEL_HI_RES, REL_WHEEL, &m_verticalRemainder);
-            Wheel(&out, event.wheel2, REL_HWHEEL_HI_RES, REL_HWHEEL, &m_horizontalRemainder);
-            if (!out.empty()) Sync(&out);
+            Wheel(events, event.wheel1, REL_WHEEL_HI_RES, REL_WHEEL, &m_verticalRemainder);
+            Wheel(events, event.wheel2, REL_HWHEEL_HI_RES, REL_HWHEEL, &m_horizontalRemainder);
+            if (out.size() > start) Sync(events);
             break;
         }
     }
-    return out;
+}
+
+bool WriteEvdevEvents(int fd, const std::vector<TEvdevEvent>& events, int* error) {
+    input_event batch[128];
+    size_t done = 0;
+    while (done < events.size()) {
+        const size_t n = std::min(events.size() - done, std::size(batch));
+        for (size_t i = 0; i < n; ++i) {
+            batch[i] = input_event{};
+            batch[i].type = events[done + i].type;
+            batch[i].code = events[done + i].code;
+            batch[i].value = events[done + i].value;
+        }
+        ssize_t r;
+        do {
+            r = ::write(fd, batch, n * sizeof batch[0]);
+        } while (r < 0 && errno == EINTR);
+        if (r != static_cast<ssize_t>(n * sizeof batch[0])) {
+            *error = r < 0 ? errno : 0;
+            return false;
+        }
+        done += n;
+    }
+    return true;
 }
 
 std::string DescribeUinputError(const std::string& path, const char* stage, int error) {
@@ -201,30 +231,53 @@ CUinputEventSink::~CUinputEventSink() {
     if (m_fd >= 0) close(m_fd);
 }
 
+namespace {
+
+// The frame a thread is gathering, and for which sink: workers post their frames at the same
+// time, each on its own thread.
+struct TPendingFrame {
+    const CUinputEventSink* sink = nullptr;
+    std::vector<TEvdevEvent> events;
+};
+thread_local TPendingFrame t_pending;
+
+}  // namespace
+
 void CUinputEventSink::Post(const TInputEvent& event) {
+    const bool gathering = t_pending.sink == this;
+    std::vector<TEvdevEvent>& out = gathering ? t_pending.events : m_events;
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::vector<TEvdevEvent> events = m_translator.Translate(event);
-    if (events.empty()) {
+    const size_t before = gathering ? out.size() : 0;
+    if (!gathering) out.clear();
+    m_translator.Translate(event, &out);
+    if (out.size() == before) {
         if (m_translator.Keys().KeyChanges(event)) return;  // a shortcut mapped to none
         TLog(TLogLevel::Debug, "uinput: no evdev equivalent for %s",
              DescribeInputEvent(event).c_str());
         return;
     }
-    for (const TEvdevEvent& e : events) {
-        // What libevdev_uinput_write_event writes: one input_event, its time left to the kernel.
-        input_event raw{};
-        raw.type = e.type;
-        raw.code = e.code;
-        raw.value = e.value;
-        ssize_t written;
-        do {
-            written = ::write(m_fd, &raw, sizeof raw);
-        } while (written < 0 && errno == EINTR);
-        if (written != static_cast<ssize_t>(sizeof raw)) {
-            TLog(TLogLevel::Warning, "uinput: write failed: %s",
-                 written < 0 ? std::strerror(errno) : "short write");
-            return;
-        }
+    if (!gathering) Write(out);
+}
+
+void CUinputEventSink::BeginFrame() {
+    t_pending.sink = this;
+    t_pending.events.clear();
+}
+
+void CUinputEventSink::EndFrame() {
+    if (t_pending.sink != this) return;
+    t_pending.sink = nullptr;
+    if (t_pending.events.empty()) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Write(t_pending.events);
+    t_pending.events.clear();
+}
+
+void CUinputEventSink::Write(const std::vector<TEvdevEvent>& events) {
+    int error = 0;
+    if (!WriteEvdevEvents(m_fd, events, &error)) {
+        TLog(TLogLevel::Warning, "uinput: write failed: %s",
+             error != 0 ? std::strerror(error) : "short write");
     }
 }
 

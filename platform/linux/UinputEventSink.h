@@ -36,6 +36,8 @@ public:
     // event has no equivalent (a key code without an evdev key) or is a shortcut mapped to none.
     // A key event changes exactly the keys of CKeyMap::KeyChanges, which the dry run shows.
     std::vector<TEvdevEvent> Translate(const TInputEvent& event);
+    // The same, appended to `out`.
+    void Translate(const TInputEvent& event, std::vector<TEvdevEvent>* out);
 
     // A screen point to the absolute axis: offset by the main screen's place on the desktop,
     // scaled to 0..32767 over the desktop, rounded, clamped.
@@ -60,6 +62,10 @@ private:
     int32_t m_horizontalRemainder = 0;
 };
 
+// Writes events to a uinput descriptor as arrays of input_event, one system call for up to 128
+// of them. False when a write fails, with `error` its errno (0: a short write).
+bool WriteEvdevEvents(int fd, const std::vector<TEvdevEvent>& events, int* error);
+
 // The message for a uinput device that cannot be made: what failed and what to do about it.
 // `stage` is "open" (opening the node) or "create" (making the device on it).
 std::string DescribeUinputError(const std::string& path, const char* stage, int error);
@@ -77,7 +83,11 @@ public:
                                                    CKeyMap keys);
     ~CUinputEventSink() override;
 
+    // Outside a frame each event is written at once; within one, the frame's events of this
+    // thread are written together at EndFrame, in one system call.
     void Post(const TInputEvent& event) override;
+    void BeginFrame() override;
+    void EndFrame() override;
     // The chords of the next shortcuts (a reloaded configuration); see CEvdevTranslator.
     void SetKeys(CKeyMap keys);
     // The device's node under /dev/input, when the kernel told it.
@@ -88,7 +98,10 @@ private:
         : m_translator(std::move(geometry), std::move(keys)) {}
 
     std::mutex m_mutex;
+    void Write(const std::vector<TEvdevEvent>& events);
+
     CEvdevTranslator m_translator;  // guarded by m_mutex (it keeps the wheel remainders)
+    std::vector<TEvdevEvent> m_events;  // guarded by m_mutex: the event being written now
     libevdev* m_device = nullptr;
     libevdev_uinput* m_uinput = nullptr;
     int m_fd = -1;

@@ -7,11 +7,14 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ContactStream.h"
 #include "EvdevEvent.h"
+#include "LinuxScreen.h"
+#include "TouchscreenAreas.h"
 #include "TouchscreenSlots.h"
 
 struct libevdev;
@@ -21,15 +24,24 @@ struct TTouchscreenOptions {
     std::string uinputPath = "/dev/uinput";
     TTouchscreenSize size;
     int slots = kTouchscreenSlots;
+    // One device per calibration area of the frame, each with its area's contacts only; a frame
+    // without areas still gets one.
+    bool perArea = false;
 };
 
-// "irframe touchscreen <frame name>" ("frame <number>" when the frame has no name), cut to
-// what uinput takes (79 bytes).
-std::string TouchscreenDeviceName(const TContactSource& source);
+// The touch surface's size: each side configured (above 0) as configured; with neither, the
+// monitor's own size where the desktop reports a plausible one; else the default.
+TTouchscreenSize TouchscreenSizeFor(int widthMm, int heightMm, const TDisplayGeometry& monitor);
+
+// "irframe touchscreen " and what stays the same for the frame from one plugging to the next:
+// its serial ("serial 1234"), else its node ("hidraw3"), else "frame <number>"; with an area,
+// " area <index>". Cut to what uinput takes (79 bytes).
+std::string TouchscreenDeviceName(const TContactSource& source, int area = -1);
 
 // The device's description (name, ids, properties, axes with their resolutions); the caller
 // frees it with libevdev_free.
-libevdev* DescribeTouchscreen(const TContactSource& source, const TTouchscreenOptions& options);
+libevdev* DescribeTouchscreen(const TContactSource& source, const TTouchscreenOptions& options,
+                              int area = -1);
 
 class CUinputTouchscreen final : public IContactListener {
 public:
@@ -40,23 +52,32 @@ public:
     void OnContacts(const TContactFrame& frame) override;
     void OnFrameEnd(int device) override;
 
-    // The event node of the device while it exists, else empty.
-    std::string DeviceNode() const;
+    // The event nodes of the devices that exist (one per area), else empty.
+    std::vector<std::string> DeviceNodes() const;
+    std::string DeviceNode() const;  // the first one's
 
 private:
-    void Write();
+    // One uinput device: the frame's, or one area's.
+    struct TDevice {
+        std::optional<TTouchscreenArea> area;  // none: the whole frame
+        std::string name;
+        CTouchscreenSlots slots;
+        libevdev* description = nullptr;
+        libevdev_uinput* uinput = nullptr;
+        int fd = -1;
+        bool writeFailed = false;  // said once per device
+    };
+
+    bool Open(const TContactSource& source, std::optional<TTouchscreenArea> area);
+    void Write(TDevice& device);
     void Close();
-    void Warn(unsigned warnings);
+    void Warn(const TDevice& device, unsigned warnings);
 
     const TTouchscreenOptions m_options;
     // A frame's calls come on its worker; a frame plugged in again gets a new worker while the
     // old one may still be ending.
     mutable std::mutex m_mutex;
-    CTouchscreenSlots m_slots;
+    std::vector<std::unique_ptr<TDevice>> m_devices;
     std::vector<TEvdevEvent> m_events;  // reused for every frame
-    std::string m_name;
-    libevdev* m_device = nullptr;
-    libevdev_uinput* m_uinput = nullptr;
-    int m_fd = -1;
-    bool m_writeFailed = false;  // said once per device
+    TContactFrame m_areaFrame;          // one area's contacts, reused
 };

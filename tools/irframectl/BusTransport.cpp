@@ -110,6 +110,11 @@ public:
                                 "reading the written configuration back");
     }
 
+    void HoldGestures(bool held) override {
+        Run(NewCall(held ? "HoldGestures" : "ReleaseGestures"), {},
+            held ? "holding the gestures" : "releasing the gestures");
+    }
+
     std::vector<uint8_t> ReadScanPattern(const TTransferHooks& hooks) override {
         TMessage reply = Run(NewCall("ReadScanPattern"), hooks, "reading the scan pattern");
         const void* data = nullptr;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "MtDevConfig.h"
+#include "MtDevCtrlInterface.h"
 
 // Exit codes of irframectl (docs/irframectl.md).
 enum TCtlExit : int {
@@ -96,6 +97,9 @@ public:
     virtual std::unique_ptr<_HARDWARE_DEV_CONFIG> ReadConfig() = 0;
     // Writes the configuration and returns what the frame holds afterwards.
     virtual std::unique_ptr<_HARDWARE_DEV_CONFIG> WriteConfig(const _HARDWARE_DEV_CONFIG& config) = 0;
+    // Holds (true) or lets go of the frame's gestures: its touches post no events meanwhile.
+    // The hold ends too when this process leaves.
+    virtual void HoldGestures(bool held) = 0;
     virtual std::vector<uint8_t> ReadScanPattern(const TTransferHooks& hooks) = 0;
     virtual void WriteScanPattern(const std::vector<uint8_t>& pattern, const TTransferHooks& hooks) = 0;
     virtual void WriteTouchSystemFile(const std::vector<uint8_t>& file, const TTransferHooks& hooks) = 0;
@@ -119,5 +123,5 @@ public:
 // Largest files the tool reads: a configuration JSON is limited by its reader; these bound the
 // binary files before they are read whole.
 constexpr size_t kMaxScanPatternBytes = 0x200000;
-constexpr size_t kMaxTouchSystemFileBytes = 16u << 20;
+constexpr size_t kMaxTouchSystemFileBytes = MTDEV_TOUCH_SYSTEM_FILE_MAX_BYTES;  // as the driver's
 constexpr size_t kMaxStatusBytes = 0x10000;

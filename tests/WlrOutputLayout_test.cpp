@@ -1,0 +1,157 @@
+#include "WlrOutputLayout.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+namespace {
+
+// The compositor's space: modes turned a quarter swap their sides, scales divide them;
+// disabled heads and heads without a mode take no place.
+TEST(WlrOutputLayout, HeadsInTheCompositorsSpace) {
+    std::vector<TWlrHead> heads(4);
+    heads[0] = {"DP-1", true, 0, 0, 2560, 1440, 0, 2.0, 597, 336};
+    heads[1] = {"HDMI-A-1", true, 1280, 0, 1920, 1080, 1, 1.0, 0, 0};  // 90 degrees
+    heads[2] = {"DP-2", false, 0, 0, 1920, 1080, 0, 1.0, 0, 0};
+    heads[3] = {"WL-1", true, 0, 0, 0, 0, 0, 1.0, 0, 0};
+    const TXrandrDesktop layout = LayoutOfHeads(heads);
+    ASSERT_EQ(layout.outputs.size(), 2u);
+    EXPECT_EQ(layout.outputs[0].name, "DP-1");
+    EXPECT_EQ(layout.outputs[0].rect, (TScreenRect{0, 0, 1280, 720}));
+    EXPECT_EQ(layout.outputs[0].widthMm, 597);
+    EXPECT_EQ(layout.outputs[1].rect, (TScreenRect{1280, 0, 1080, 1920}));
+    EXPECT_EQ(layout.width, 2360);
+    EXPECT_EQ(layout.height, 1920);
+    EXPECT_EQ(layout.origin, "compositor");
+}
+
+std::string Run(const std::string& command) {
+    std::string out;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char buffer[4096];
+        size_t n;
+        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+        pclose(pipe);
+    }
+    return out;
+}
+
+// A headless sway as an unprivileged user (it refuses to run as root) in a runtime directory of
+// its own; root still reaches its sockets.
+class HeadlessSway {
+public:
+    HeadlessSway() {
+        char pattern[] = "/tmp/irframe-sway-XXXXXX";
+        m_dir = mkdtemp(pattern);
+        const uid_t nobody = 65534;
+        chown(m_dir.c_str(), nobody, nobody);
+        chmod(m_dir.c_str(), 0700);
+        std::ofstream(m_dir + "/config") << "# empty\n";
+        m_pid = fork();
+        if (m_pid == 0) {
+            freopen((m_dir + "/sway.log").c_str(), "w", stderr);
+            if (setgid(nobody) != 0 || setuid(nobody) != 0) _exit(126);
+            setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
+            setenv("HOME", m_dir.c_str(), 1);
+            setenv("WLR_BACKENDS", "headless", 1);
+            setenv("WLR_RENDERER", "pixman", 1);
+            setenv("WLR_LIBINPUT_NO_DEVICES", "1", 1);
+            unsetenv("WAYLAND_DISPLAY");
+            unsetenv("DISPLAY");
+            unsetenv("SWAYSOCK");
+            execlp("sway", "sway", "-c", (m_dir + "/config").c_str(), nullptr);
+            _exit(127);
+        }
+    }
+    ~HeadlessSway() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+        std::error_code ignored;
+        std::filesystem::remove_all(m_dir, ignored);
+    }
+
+    // Waits for the compositor's two sockets: a time-out far beyond what it needs.
+    bool WaitReady() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (std::chrono::steady_clock::now() < deadline) {
+            for (const auto& entry : std::filesystem::directory_iterator(m_dir)) {
+                const std::string name = entry.path().filename();
+                if (name.rfind("sway-ipc.", 0) == 0) m_ipc = entry.path();
+                if (name.rfind("wayland-", 0) == 0 && name.find(".lock") == std::string::npos) {
+                    m_wayland = entry.path();
+                }
+            }
+            if (!m_ipc.empty() && !m_wayland.empty()) return true;
+            if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
+                m_pid = -1;
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+
+    std::string Msg(const std::string& arguments) {
+        return Run("swaymsg -s '" + m_ipc + "' " + arguments + " 2>&1");
+    }
+    const std::string& WaylandSocket() const { return m_wayland; }
+    std::string Log() const { return Run("cat '" + m_dir + "/sway.log'"); }
+
+private:
+    std::string m_dir, m_ipc, m_wayland;
+    pid_t m_pid = -1;
+};
+
+// The heads read through wlr-output-management are sway's own outputs, and every enabled head
+// lies where sway says. (sway 1.7 marks outputs without a mode list, as headless ones are,
+// disabled in the protocol: there the names are what can be compared.)
+TEST(WlrOutputLayout, MatchesSwaysOwnOutputs) {
+    ASSERT_EQ(system("command -v sway swaymsg > /dev/null"), 0)
+        << "sway is needed (scripts/setup-test.sh installs it)";
+    HeadlessSway sway;
+    ASSERT_TRUE(sway.WaitReady()) << sway.Log();
+    sway.Msg("create_output");
+    sway.Msg("create_output");
+    sway.Msg("output HEADLESS-2 mode 1280x720 position 1920 0");
+    sway.Msg("output HEADLESS-3 mode 1600x1200 position 0 1080 scale 2 transform 90");
+    const nlohmann::json outputs =
+        nlohmann::json::parse(sway.Msg("-t get_outputs -r"), nullptr, false);
+    ASSERT_TRUE(outputs.is_array()) << outputs;
+    ASSERT_EQ(outputs.size(), 3u) << outputs;
+
+    std::string why;
+    const std::optional<std::vector<TWlrHead>> heads =
+        QueryWlrHeads(sway.WaylandSocket().c_str(), &why);
+    ASSERT_TRUE(heads) << why;
+    ASSERT_EQ(heads->size(), outputs.size());
+    const TXrandrDesktop layout = LayoutOfHeads(*heads);
+    for (const auto& output : outputs) {
+        const std::string name = output.at("name");
+        const auto head = std::find_if(heads->begin(), heads->end(),
+                                       [&](const TWlrHead& h) { return h.name == name; });
+        ASSERT_NE(head, heads->end()) << name;
+        if (!head->enabled) continue;
+        const auto& rect = output.at("rect");
+        const TScreenRect expected{rect.at("x").get<double>(), rect.at("y").get<double>(),
+                                   rect.at("width").get<double>(),
+                                   rect.at("height").get<double>()};
+        const auto placed = std::find_if(layout.outputs.begin(), layout.outputs.end(),
+                                         [&](const TDisplayOutput& o) { return o.name == name; });
+        ASSERT_NE(placed, layout.outputs.end()) << name;
+        EXPECT_EQ(placed->rect, expected) << name;
+    }
+}
+
+}  // namespace
