@@ -190,7 +190,8 @@ TEST_F(DriverSignals, RealTimeReplayThroughALongPause) {
     const std::string events = realTime.Printed();
     const auto count = [&](const std::string& type) {
         size_t n = 0;
-        for (size_t at = events.find(type); at != std::string::npos; at = events.find(type, at + 1)) {
+        for (size_t at = events.find(type); at != std::string::npos;
+             at = events.find(type, at + 1)) {
             ++n;
         }
         return n;
