@@ -11,6 +11,8 @@
 #include <set>
 #include <utility>
 
+#include "QuotedText.h"
+
 // The records are byte-packed: their fields are always copied into locals before they meet a
 // reference (a JSON constructor, a comparison helper), never bound directly.
 
@@ -418,7 +420,16 @@ public:
     bool boolean(bool v) override { return Put(Json(v)); }
     bool number_integer(number_integer_t v) override { return Put(Json(v)); }
     bool number_unsigned(number_unsigned_t v) override { return Put(Json(v)); }
-    bool number_float(number_float_t v, const string_t&) override { return Put(Json(v)); }
+    bool number_float(number_float_t v, const string_t& text) override {
+        // Digits alone that do not fit 64 bits: an integer out of every member's range, not a
+        // fraction.
+        if (text.find_first_of(".eE") == string_t::npos) {
+            const std::string at = PathOfNext();
+            return Refuse((at.empty() ? std::string("/") : at) + ": the integer " +
+                          QuotedText(text) + " is out of range");
+        }
+        return Put(Json(v));
+    }
     bool string(string_t& v) override { return Put(Json(std::move(v))); }
     bool binary(binary_t&) override { return Refuse("binary values are not JSON"); }
 
@@ -444,7 +455,16 @@ public:
         if (what.rfind("[json.exception.", 0) == 0 && bracket != std::string::npos) {
             what = what.substr(bracket + 2);
         }
-        fault = what;
+        // "...; last read: 'TOKEN'": the token is the document's own text, escaped and cut.
+        constexpr std::string_view kLastRead = "last read: '";
+        const size_t token = what.find(kLastRead);
+        if (token != std::string::npos && what.size() > token + kLastRead.size() &&
+            what.back() == '\'') {
+            const size_t from = token + kLastRead.size();
+            what = what.substr(0, token) + "last read: " +
+                   QuotedText(std::string_view(what).substr(from, what.size() - 1 - from));
+        }
+        fault = EscapedText(what, 2 * kQuotedTextMaxChars);
         return false;
     }
 
@@ -458,6 +478,14 @@ private:
     bool Refuse(std::string message) {
         fault = std::move(message);
         return false;
+    }
+
+    // Where the value about to be inserted goes.
+    std::string PathOfNext() const {
+        if (m_stack.empty()) return "";
+        const TLevel& top = m_stack.back();
+        return top.value->is_object() ? Join(PathOfTop(), top.key)
+                                      : Join(PathOfTop(), top.value->size());
     }
 
     std::string PathOfTop() const {
@@ -516,6 +544,12 @@ Json ParseStrict(std::string_view text) {
     if (text.size() > kDevConfigJsonMaxBytes) {
         throw TJsonFault{"the document has " + std::to_string(text.size()) +
                          " bytes, at most " + std::to_string(kDevConfigJsonMaxBytes)};
+    }
+    // The parser would take a NUL as the end of the text and ignore what follows.
+    const size_t nul = text.find('\0');
+    if (nul != std::string_view::npos) {
+        throw TJsonFault{"a NUL byte at byte " + std::to_string(nul + 1) +
+                         ": JSON text has none"};
     }
     CStrictBuilder builder;
     const bool ok = Json::sax_parse(text, &builder, nlohmann::detail::input_format_t::json, true,

@@ -50,6 +50,12 @@ wchar_t* FormatMtDevError(DEV_ERR code, wchar_t* text);
 // The same name as a narrow string, for log lines.
 const char* MtDevErrorName(DEV_ERR code);
 
+// The touch-system file a tool may write, whichever way it reaches the frame: the device's own
+// minimum (SetTouchSystemFile refuses less), and a bound far above any real file (they are
+// kilobytes) that keeps a mistaken file off the link.
+constexpr size_t MTDEV_TOUCH_SYSTEM_FILE_MIN_BYTES = 1024;
+constexpr size_t MTDEV_TOUCH_SYSTEM_FILE_MAX_BYTES = 4u << 20;
+
 // ---------------------------------------------------------------------------------------------
 // Protocol constants
 

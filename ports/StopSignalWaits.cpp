@@ -36,23 +36,6 @@ int WaitReadable(int fd) {
 
 }  // namespace
 
-int WaitForFifoReader(const std::string& path, const std::function<void()>& waiting) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISFIFO(st.st_mode)) return 0;
-    for (bool first = true;; first = false) {
-        // Without a reader a non-blocking open for writing fails with ENXIO.
-        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        if (fd >= 0) {
-            ::close(fd);
-            return 0;
-        }
-        if (errno != ENXIO) return 0;  // the real open says why
-        if (first && waiting) waiting();
-        if (const int signal = TakeStopSignal()) return signal;
-        ::poll(nullptr, 0, kStepMillis);
-    }
-}
-
 int ReadWholeFileWaiting(const std::string& path, size_t limit, std::string* text,
                          std::string* error) {
     // Non-blocking: opening a FIFO does not wait for a writer, reading it does not wait for data.

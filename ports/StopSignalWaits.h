@@ -10,11 +10,6 @@
 #include <functional>
 #include <string>
 
-// Waits, when `path` is a FIFO without a reader, until a reader has it open (so that opening it
-// for writing does not block); `waiting` runs once when the wait begins. Returns 0, or the
-// number of the signal that ended the wait.
-int WaitForFifoReader(const std::string& path, const std::function<void()>& waiting = nullptr);
-
 // Reads the whole file at `path` into `text` (at most `limit` bytes: more is an error). A FIFO
 // is waited for, a writer at a time, until end of file. Returns 0 and fills `text`, or -1 with
 // `error` set to the system's reason, or the number of the signal that ended the wait.

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "QuotedText.h"
+
 namespace {
 
 struct Finger {
@@ -45,7 +47,7 @@ int64_t ParseInt(std::string_view token, int64_t low, int64_t high, const char* 
     int64_t value = 0;
     const auto [end, ec] = std::from_chars(token.data(), token.data() + token.size(), value);
     if (ec != std::errc() || end != token.data() + token.size()) {
-        throw ScriptError(std::string(what) + " expected, found \"" + std::string(token) + "\"");
+        throw ScriptError(std::string(what) + " expected, found \"" + EscapedText(token) + "\"");
     }
     if (value < low || value > high) {
         throw ScriptError(std::string(what) + " " + std::to_string(value) + " is outside " +
@@ -73,7 +75,7 @@ uint64_t ParseDuration(std::string_view token) {
             return static_cast<uint64_t>(n) * unit.micros;
         }
     }
-    throw ScriptError("duration expected (e.g. 250ms, 4000us, 2s), found \"" + std::string(token) +
+    throw ScriptError("duration expected (e.g. 250ms, 4000us, 2s), found \"" + EscapedText(token) +
                       "\"");
 }
 
@@ -215,7 +217,7 @@ private:
             Expect(contacts.size() <= SCRIPT_MAX_CONTACTS, "a frame holds at most 9 contacts");
             Push(std::move(contacts));
         } else {
-            throw ScriptError("unknown command \"" + std::string(verb) + "\"");
+            throw ScriptError("unknown command \"" + EscapedText(verb) + "\"");
         }
     }
 

@@ -7,6 +7,7 @@
 
 #include "StopSignalWaits.h"
 #include "MtDevLog.h"
+#include "QuotedText.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ constexpr size_t kMaxScriptBytes = 64u << 20;
 bool ReadScriptFile(const std::string& path, std::string* text, std::string* error,
                     int* stopSignal) {
     const auto cannot = [&](const std::string& why) {
-        *error = "cannot read gesture script '" + path + "': " + why;
+        *error = "cannot read gesture script " + QuotedText(path) + ": " + why;
         return false;
     };
     std::error_code ec;
@@ -45,39 +46,43 @@ bool ReadScriptFile(const std::string& path, std::string* text, std::string* err
         return cannot("it is a directory; name a .gesture file in it");
     }
     if (std::filesystem::is_fifo(status)) {
-        TLog(TLogLevel::Info, "gesture script '%s' is a FIFO: waiting for a writer",
-             path.c_str());
+        TLog(TLogLevel::Info, "gesture script %s is a FIFO: waiting for a writer",
+             QuotedText(path).c_str());
     }
     std::string why;
     const int result = ReadWholeFileWaiting(path, kMaxScriptBytes, text, &why);
     if (result < 0) return cannot(why);
     if (result > 0) {
         *stopSignal = result;
-        *error = SignalName(result) + " while waiting for a writer to the gesture script '" +
-                 path + "': stopping";
-        return false;
-    }
-    return true;
-}
-
-bool LoadScript(const std::string& path, CGestureScript* script, std::string* error,
-                int* stopSignal) {
-    std::string text;
-    if (!ReadScriptFile(path, &text, error, stopSignal)) return false;
-    std::string parseError;
-    if (!CGestureScript::Parse(text, script, &parseError)) {
-        *error = path + ": " + parseError;
-        return false;
-    }
-    if (script->Frames().empty()) {
-        *error = path + ": the script plays no frame; write at least one 'down' line "
-                        "(docs/gesture-scripts.md)";
+        *error = SignalName(result) + " while waiting for a writer to the gesture script " +
+                 QuotedText(path) + ": stopping";
         return false;
     }
     return true;
 }
 
 }  // namespace
+
+bool LoadGestureScriptFile(const std::string& path, CGestureScript* script,
+                           TBackendFailure* failure) {
+    std::string text, error;
+    int stopSignal = 0;
+    if (!ReadScriptFile(path, &text, &error, &stopSignal)) {
+        // A stop asked for while waiting is the driver's ordinary end.
+        *failure = {stopSignal != 0 ? 0 : 1, error};
+        return false;
+    }
+    if (!CGestureScript::Parse(text, script, &error)) {
+        *failure = {2, EscapedText(path) + ": " + error};
+        return false;
+    }
+    if (script->Frames().empty()) {
+        *failure = {2, EscapedText(path) + ": the script plays no frame; write at least one "
+                                           "'down' line (docs/gesture-scripts.md)"};
+        return false;
+    }
+    return true;
+}
 
 CSimBackend::CSimBackend(IMainLoop& loop, const DriverOptions& options,
                          CSimDevice::PortFactory makePort)
@@ -89,13 +94,11 @@ bool CSimBackend::LoadSpecs(std::vector<TSimDeviceSpec>* specs, TBackendFailure*
     for (const std::string& argument : m_options.simulate) {
         TSimDeviceSpec spec;
         std::string path, error;
-        int stopSignal = 0;
-        if (!ParseSimulateArgument(argument, &path, &spec.plugDelayMillis, &error) ||
-            !LoadScript(path, &spec.script, &error, &stopSignal)) {
-            // A stop asked for while waiting is the driver's ordinary end.
-            *failure = {stopSignal != 0 ? 0 : error.rfind("cannot read", 0) == 0 ? 1 : 2, error};
+        if (!ParseSimulateArgument(argument, &path, &spec.plugDelayMillis, &error)) {
+            *failure = {2, error};
             return false;
         }
+        if (!LoadGestureScriptFile(path, &spec.script, failure)) return false;
         spec.name = path;
         spec.vendorId = m_options.simulateVendor;
         spec.productId = m_options.simulateProduct;

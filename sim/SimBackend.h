@@ -10,6 +10,13 @@
 #include "ShellBackend.h"
 #include "SimDevice.h"
 
+// Reads and checks the gesture script of an emulated frame, the one rule for the driver and the
+// tools: true when it is a script that plays at least one frame; otherwise false with `failure`:
+// status 1 when the file cannot be read (a directory, no permission), 2 when it is no script or
+// plays nothing, 0 when SIGINT or SIGTERM ended the wait for a FIFO's writer.
+bool LoadGestureScriptFile(const std::string& path, CGestureScript* script,
+                           TBackendFailure* failure);
+
 class CSimBackend final : public IShellBackend {
 public:
     // `makePort` makes the HID port over an emulated frame's host end (Linux: a hidraw-like

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "QuotedText.h"
 #include "MtDevCtrlInterface.h"
 #include "MtDevLog.h"
 
@@ -83,7 +84,7 @@ bool ParseSimulateArgument(std::string_view text, std::string* path, uint64_t* d
     }
     const auto amount = scale != 0 ? ParseCount(delay) : std::nullopt;
     if (!amount) {
-        *error = "bad plug-in delay in '" + std::string(text) + "' (use FILE@250ms or FILE@2s)";
+        *error = "bad plug-in delay in " + QuotedText(text) + " (use FILE@250ms or FILE@2s)";
         return false;
     }
     *path = std::string(text.substr(0, at));

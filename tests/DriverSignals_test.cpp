@@ -134,8 +134,9 @@ struct TFifoCase {
 
 class StopWhileOpening : public DriverSignals, public testing::WithParamInterface<TFifoCase> {};
 
-// Verify that a driver waiting for the other end of a FIFO (a script without a writer, an
-// output without a reader) says so, and ends in order on SIGTERM or SIGINT, with status 0.
+// Verify that a driver waiting for the other end of a FIFO (a script without a writer) says so,
+// and ends in order on SIGTERM or SIGINT, with status 0. (A FIFO as the output is refused at
+// once: tests/IrframectlOutput_test.cpp.)
 TEST_P(StopWhileOpening, EndsInOrder) {
     const TFifoCase& c = GetParam();
     const std::string fifo = Fifo("fifo");
@@ -155,8 +156,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         TFifoCase{"ScriptWithoutWriter", true, SIGTERM, "is a FIFO: waiting for a writer",
                   "SIGTERM while waiting for a writer to the gesture script"},
-        TFifoCase{"OutputWithoutReader", false, SIGINT, "is a FIFO: waiting for a reader",
-                  "SIGINT while waiting for a reader of"}),
+        TFifoCase{"ScriptWithoutWriterSigint", true, SIGINT, "is a FIFO: waiting for a writer",
+                  "SIGINT while waiting for a writer to the gesture script"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Verify that a script through a FIFO is played once its writer has written it.
@@ -179,18 +180,24 @@ TEST_F(DriverSignals, UnservedSimulateIdIsRefused) {
 }
 
 // Verify that a real-time replay through a 10 s pause keeps its frame: the frame answers the
-// polls meanwhile, and the events are those of the same script on the virtual clock.
+// polls meanwhile, every scripted frame is played and both taps press and release. (The events
+// in between follow real time stamps, which a loaded machine stretches: they are not compared.)
 TEST_F(DriverSignals, RealTimeReplayThroughALongPause) {
     const std::string script =
         File("pause.gesture", std::string(kTap) + "wait 10s\n" + kTap);
-    CDriver instant(m_dir, {"--no-config", "--dry-run", "--simulate", script});
-    ASSERT_EQ(instant.Wait(), 0) << instant.Log();
-    const std::string expected = instant.Printed();
-    ASSERT_EQ(std::count(expected.begin(), expected.end(), '\n'), 7);
-
     CDriver realTime(m_dir, {"--no-config", "--dry-run", "--simulate", script, "--realtime"});
     EXPECT_EQ(realTime.Wait(), 0) << realTime.Log();
-    EXPECT_EQ(realTime.Printed(), expected);
+    const std::string events = realTime.Printed();
+    const auto count = [&](const std::string& type) {
+        size_t n = 0;
+        for (size_t at = events.find(type); at != std::string::npos;
+             at = events.find(type, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(count("\"leftMouseDown\""), 2u) << events;
+    EXPECT_EQ(count("\"leftMouseUp\""), 2u) << events;
     EXPECT_THAT(realTime.Log(), HasSubstr("8 of 8 scripted frames played, closed by the driver"));
     EXPECT_THAT(realTime.Log(), testing::Not(HasSubstr("stopped answering")));
 }

@@ -618,7 +618,7 @@ TEST_F(Irframectl, ListInfoStatusAndUsage) {
     EXPECT_EQ(Tool({"frobnicate"}).status, 2);
     EXPECT_EQ(Tool({"--bus", "--usb", "list"}).status, 2);
     EXPECT_EQ(Tool({"--simulate", script, "info", "2"}).status, 3);
-    EXPECT_EQ(Tool({"--simulate", Path("none.gesture"), "list"}).status, 4);
+    EXPECT_EQ(Tool({"--simulate", Path("none.gesture"), "list"}).status, 1);
     EXPECT_EQ(Tool({"-f", "1", "--simulate", script, "info", "2"}).status, 2);
 }
 
@@ -860,7 +860,8 @@ TEST_F(IrframectlDriver, MonitorShowsAndRecordReplaysTheScript) {
         CChild tool = Start(IRFRAMECTL_PATH, recording ? Lines{"record", Path("rec.gesture")}
                                                        : Lines{"monitor", "--json"});
         ASSERT_TRUE(tool.WaitForErr("frame 1 (")) << tool.Err();
-        ASSERT_EQ(Tool({"config", "restore", "--yes", "--backup", Path("bk.json"),
+        ASSERT_EQ(Tool({"config", "restore", "--yes", "--backup",
+                        Path(recording ? "bk-record.json" : "bk-monitor.json"),
                         Changed(ReadFile(Path("a.json")), 5)}).status, 0);
         EXPECT_EQ(tool.Wait(), 0) << tool.Err();
         EXPECT_EQ(m_driver->Wait(), 0) << m_driver->Err();
@@ -922,7 +923,8 @@ TEST_F(IrframectlDriver, RestoredAreaMovesTheNextTouch) {
         j["flags"] = text;
         j["value1"] = 9;  // a carried value: writing releases the held script either way
         const std::string file = File(changed ? "half.json" : "same.json", Canonical(j));
-        const TRun restore = Tool({"config", "restore", "--yes", "--backup", Path("bk.json"), file});
+        const TRun restore = Tool({"config", "restore", "--yes", "--backup",
+                                   Path(changed ? "bk-half.json" : "bk-same.json"), file});
         ASSERT_EQ(restore.status, 0) << restore.err;
         EXPECT_EQ(m_driver->Wait(), 0) << m_driver->Err();
         events.push_back(DriverEvents());

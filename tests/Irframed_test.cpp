@@ -551,12 +551,13 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
 }
 
 // A JSON line that cannot be written ends the run with status 1 and one line saying why: a
-// full disk, and a reader that went away (a closed pipe, not a silent SIGPIPE death).
+// reader that went away (a closed pipe, not a silent SIGPIPE death). A device as the output is
+// refused before the run.
 TEST_F(Irframed, OutputWriteErrorsEndTheRun) {
     const std::string drag = Script("drag", kHeldDrag);
     const TRun full = Run({"--dry-run", "--output", "/dev/full", "--simulate", drag}, false);
     EXPECT_EQ(full.status, 1) << full.logText;
-    EXPECT_THAT(full.logText, HasSubstr("cannot write the JSON lines to '/dev/full'"));
+    EXPECT_THAT(full.logText, HasSubstr("cannot write '/dev/full': it is a device"));
 
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);

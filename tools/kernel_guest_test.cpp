@@ -1256,7 +1256,7 @@ std::string CompareLibinput(const std::vector<TLibinputEvent>& expected,
 }
 
 // libinput takes only devices that udev tagged; its input_id builtin must have called this
-// one a touchscreen.
+// one a touchscreen, and not a mouse (GNOME would take it for a pointer).
 std::string WaitTouchscreenTag(const std::string& node) {
     struct stat st {};
     if (::stat(node.c_str(), &st) != 0) return "cannot stat " + node;
@@ -1270,11 +1270,14 @@ std::string WaitTouchscreenTag(const std::string& node) {
             while (std::fgets(line, sizeof line, f) != nullptr) text += line;
             std::fclose(f);
         }
-        if (text.find("E:ID_INPUT_TOUCHSCREEN=1") != std::string::npos) return "";
+        if (text.find("E:ID_INPUT_TOUCHSCREEN=1") != std::string::npos) {
+            if (text.find("E:ID_INPUT_MOUSE=1") == std::string::npos) return "";
+            break;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     for (char& c : text) c = c == '\n' ? ' ' : c;
-    return "udev did not tag " + node + " ID_INPUT_TOUCHSCREEN=1 (" + path + ": " +
+    return "udev did not tag " + node + " ID_INPUT_TOUCHSCREEN=1 alone (" + path + ": " +
            (text.empty() ? std::string("none") : text) + ")";
 }
 

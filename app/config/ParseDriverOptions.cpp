@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "CommandLine.h"
 #include "DriverConfig.h"
 #include "IrframeVersion.h"
 #include "Parameter.h"
+#include "QuotedText.h"
 
 namespace {
 
@@ -143,10 +145,10 @@ std::optional<int> ApplyConfigFile(const TConfigChecks& checks, DriverOptions* o
 // The configuration in force, command line included, as the file would say it.
 std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChecks& checks) {
     if (!opt.screen.empty() && !checks.screenSize(opt.screen)) {
-        return UsageError("--screen '" + opt.screen + "' is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y");
+        return UsageError("--screen " + QuotedText(opt.screen) + " is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y");
     }
     if (!opt.display.empty() && !IsOutputName(opt.display)) {
-        return UsageError("--display '" + opt.display + "' is not an output name");
+        return UsageError("--display " + QuotedText(opt.display) + " is not an output name");
     }
     TDriverConfig config = DefaultDriverConfig(checks);
     config.logLevel = LogLevelName(EffectiveLogLevel(opt));
@@ -254,11 +256,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                  "Print the configuration in force (file, defaults and command line) as TOML "
                  "and end");
     app.set_version_flag("-V,--version", "irframed " IRFRAME_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? kExitOk : kExitUsage;
-    }
+    if (const std::optional<int> status = ParseCommandLine(app, argc, argv)) return status;
 
     if (noConfig && app.count("--config") != 0) {
         return UsageError("--config and --no-config exclude each other");
@@ -278,7 +276,7 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     if (const std::optional<int> status = ApplyConfigFile(checks, &opt)) return status;
     if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), opt.keys) ==
         checks.keyProfiles.end()) {
-        return UsageError("--keys '" + opt.keys + "': use " + Quoted(checks.keyProfiles));
+        return UsageError("--keys " + QuotedText(opt.keys) + ": use " + Quoted(checks.keyProfiles));
     }
 
     if (!opt.Simulating() && (!opt.faults.empty() || opt.realtime || !simulateId.empty())) {
@@ -287,8 +285,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     opt.gestures = !noGestures;
     if (!opt.dryRun && opt.output != "-") return UsageError("--output needs --dry-run");
     if (!opt.logLevel.empty() && !ParseLogLevel(opt.logLevel)) {
-        return UsageError("--log-level '" + opt.logLevel +
-                          "': use error, warning, info or debug");
+        return UsageError("--log-level " + QuotedText(opt.logLevel) +
+                          ": use error, warning, info or debug");
     }
     if (opt.touchscreenPerArea) opt.touchscreen = true;
     if (opt.dryRun && opt.touchscreen) {
@@ -296,12 +294,13 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     }
     if (!simulateId.empty() &&
         !ParseUsbId(simulateId, &opt.simulateVendor, &opt.simulateProduct)) {
-        return UsageError("--simulate-id '" + simulateId + "' is not VVVV:PPPP in hexadecimal");
+        return UsageError("--simulate-id " + QuotedText(simulateId) +
+                          " is not VVVV:PPPP in hexadecimal");
     }
     if (!simulateId.empty() && !IsServedId(opt.simulateVendor, opt.simulateProduct)) {
         // Discovery would never match the emulated frame: the driver would wait for ever.
-        return UsageError("--simulate-id '" + simulateId +
-                          "' is not a frame the driver serves: use " + ServedIds());
+        return UsageError("--simulate-id " + QuotedText(simulateId) +
+                          " is not a frame the driver serves: use " + ServedIds());
     }
     if (app.count("--tuio") != 0) {
         std::string error;

@@ -19,6 +19,7 @@
 #include "LinuxConfigChecks.h"
 #include "LoadEvent.h"
 #include "MtDevLog.h"
+#include "OutputFile.h"
 #include "ParseDriverOptions.h"
 #include "SdEventLoop.h"
 #include "SimBackend.h"
@@ -33,6 +34,9 @@ int Fail(const std::string& message, int status) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    COutputFile::GuardStandardDescriptors();
+    // A closed pipe on standard output is a write error to report, not a silent death.
+    std::signal(SIGPIPE, SIG_IGN);
     // SIGHUP reloads the configuration once the loop runs; until then it waits, blocked,
     // rather than ending the driver.
     sigset_t hangup;
@@ -49,8 +53,6 @@ int main(int argc, char** argv) {
     if (!options.configFile.empty()) {
         TLog(TLogLevel::Info, "configuration %s", options.configFile.c_str());
     }
-    // A closed pipe on standard output is a write error to report, not a silent death.
-    std::signal(SIGPIPE, SIG_IGN);
 
     // The loop first: it blocks SIGTERM and SIGINT for every thread started after it.
     std::string error;
@@ -66,7 +68,9 @@ int main(int argc, char** argv) {
         backends.push_back(
             std::make_unique<CSimBackend>(*loop, options, &CLinuxBackend::AdoptHidPort));
     }
-    backends.push_back(std::make_unique<CDriverOutputs>(options));
+    auto outputs = std::make_unique<CDriverOutputs>(options);
+    CDriverOutputs& driverOutputs = *outputs;
+    backends.push_back(std::move(outputs));
     // The bus interface hands out and takes configurations as the JSON of irframectl.
     const TConfigJsonCodec codec{DevConfigToJson, DevConfigFromJson, DevConfigOverrideFromJson};
     backends.push_back(std::make_unique<CLinuxBackend>(*loop, options, &control, codec));
@@ -102,7 +106,8 @@ int main(int argc, char** argv) {
         return TReloadAnswer{result.reloaded, result.message, result.restartNeeded};
     });
     shell.init();
-    const int status = loop->Run();
+    int status = loop->Run();
+    if (!driverOutputs.Finish() && status == kExitOk) status = kExitCannotStart;
 
     // The orderly end waited for the workers; free what they used only if they all ended.
     if (LiveWorkerCount() != 0) {

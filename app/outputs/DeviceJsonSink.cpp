@@ -14,6 +14,11 @@ void CJsonLinesWriter::WriteLine(const std::string& line) {
     if (m_failed) m_failed(errno != 0 ? errno : EIO);
 }
 
+void CJsonLinesWriter::Close() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_broken = true;
+}
+
 std::string CDeviceJsonSink::ToJsonLine(const TInputEvent& event, int deviceNumber,
                                         const TKeyNamer& linuxKeys) {
     const std::string fields = CJsonLinesEventSink::ToJsonLine(event, linuxKeys);

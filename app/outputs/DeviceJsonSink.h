@@ -19,6 +19,8 @@ public:
         : m_out(out), m_failed(std::move(failed)) {}
     // Writes the line and a newline, and flushes.
     void WriteLine(const std::string& line);
+    // Drops every later line (the output is being closed).
+    void Close();
 
 private:
     std::mutex m_mutex;

@@ -1,11 +1,8 @@
 #include "DriverOutputs.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <iostream>
 
-#include "StopSignalWaits.h"
 #include "MtDevLog.h"
 
 bool CDriverOutputs::Open(TShellPorts* ports, TBackendFailure* failure) {
@@ -26,25 +23,16 @@ void CDriverOutputs::OpenTuio(TShellPorts* ports) {
 }
 
 bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
-    std::ostream* out = &std::cout;
-    if (m_options.output != "-") {
-        // A FIFO without a reader would make the open wait where no signal can end it.
-        const auto waiting = [this] {
-            TLog(TLogLevel::Info, "'%s' is a FIFO: waiting for a reader", m_options.output.c_str());
-        };
-        if (const int signal = WaitForFifoReader(m_options.output, waiting)) {
-            *failure = {0, SignalName(signal) + " while waiting for a reader of '" +
-                               m_options.output + "': stopping"};
-            return false;
-        }
-        m_file.open(m_options.output, std::ios::out | std::ios::trunc);
-        if (!m_file) {
-            *failure = {1, "cannot write '" + m_options.output + "': " + std::strerror(errno)};
-            return false;
-        }
-        out = &m_file;
+    std::string error;
+    // Followed live by whoever reads the lines: written in place as they come. A FIFO is
+    // refused with the other nodes, so no open waits for a reader.
+    if (!m_output.Open(m_options.output, COutputFile::TExisting::Replace, &error,
+                       COutputFile::TWriting::Live)) {
+        *failure = {1, error};
+        return false;
     }
-    m_writer = std::make_unique<CJsonLinesWriter>(*out, [this](int error) { WriteFailed(error); });
+    m_writer = std::make_unique<CJsonLinesWriter>(m_output.Stream(),
+                                                  [this](int) { WriteFailed(); });
     // The key namer is read when a frame's sink is made: a later backend gives it.
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {
         std::unique_ptr<CDeviceJsonSink>& sink = m_jsonSinks[deviceNumber];
@@ -60,13 +48,25 @@ void CDriverOutputs::OnFinished(std::function<void(int status)> finished) {
     m_finished = std::move(finished);
 }
 
-void CDriverOutputs::WriteFailed(int error) {
-    const std::string where =
-        m_options.output == "-" ? "standard output" : "'" + m_options.output + "'";
+std::string CDriverOutputs::Failure() const {
+    return "cannot write the JSON lines to " + m_output.Name() + ": " +
+           std::strerror(m_output.Error() != 0 ? m_output.Error() : EIO);
+}
+
+bool CDriverOutputs::Finish() {
+    if (!m_writer) return true;
+    m_writer->Close();
+    std::string error;
+    if (m_output.Commit(&error)) return true;
+    if (!m_failureSaid.exchange(true)) TLog(TLogLevel::Error, "irframed: %s", Failure().c_str());
+    return false;
+}
+
+void CDriverOutputs::WriteFailed() {
+    if (m_failureSaid.exchange(true)) return;
     TLog(TLogLevel::Error,
-         "irframed: cannot write the JSON lines to %s: %s; ending (free some space, or keep "
-         "the reader of the pipe running)",
-         where.c_str(), std::strerror(error));
+         "irframed: %s; ending (free some space, or keep the reader of the pipe running)",
+         Failure().c_str());
     if (m_ports == nullptr || m_ports->loop == nullptr || !m_finished) return;
     m_ports->loop->Post([finished = m_finished] { finished(1); });
 }

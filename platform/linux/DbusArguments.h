@@ -14,13 +14,14 @@
 #include "ContactStream.h"
 #include "DriverControl.h"
 #include "MtDevConfig.h"
+#include "MtDevCtrlInterface.h"
 
 // Limits on what a client may send.
 struct TDbusArgumentLimits {
     size_t maxJsonBytes = 256 * 1024;                // configuration or override JSON
     size_t maxScanPatternBytes = 0x200000;           // the device's own limit
-    size_t minTouchSystemBytes = 1024;               // the device's own limit
-    size_t maxTouchSystemBytes = 4 * 1024 * 1024;    // generous; real files are kilobytes
+    size_t minTouchSystemBytes = MTDEV_TOUCH_SYSTEM_FILE_MIN_BYTES;
+    size_t maxTouchSystemBytes = MTDEV_TOUCH_SYSTEM_FILE_MAX_BYTES;
 };
 
 // A checked argument, or why it was refused.

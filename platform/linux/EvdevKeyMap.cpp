@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "QuotedText.h"
+
 namespace {
 
 // macOS virtual key code (ANSI layout) -> evdev key, for every key of the key-name table.
@@ -203,24 +205,6 @@ std::string Lower(std::string_view text) {
     return out;
 }
 
-// A name as the user wrote it, quoted for a message; bytes that are not printable ASCII are
-// shown as \xNN so that a message stays one readable line.
-std::string Quoted(std::string_view text) {
-    std::string out = "'";
-    for (char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte < 0x7F) {
-            out += c;
-        } else {
-            static const char hex[] = "0123456789abcdef";
-            out += "\\x";
-            out += hex[byte >> 4];
-            out += hex[byte & 15];
-        }
-    }
-    return out + "'";
-}
-
 // Modifier flags in the order their keys are pressed.
 struct TModifierKey {
     uint64_t flag;
@@ -276,22 +260,22 @@ bool ParseChord(std::string_view text, TEvdevChord* chord, std::string* error) {
             Trim(text.substr(start, plus == std::string_view::npos ? plus : plus - start));
         const std::string name = Lower(part);
         if (name.empty()) {
-            *error = "empty key name in " + Quoted(text) +
+            *error = "empty key name in " + QuotedText(text) +
                      ": write key names joined by '+', such as 'ctrl+alt+left', or 'none'";
             return false;
         }
         if (name == "none") {
-            *error = "'none' stands alone: it cannot be part of " + Quoted(text);
+            *error = "'none' stands alone: it cannot be part of " + QuotedText(text);
             return false;
         }
         const TChordKeyName* key = FindChordKey(name);
         if (key == nullptr) {
-            *error = "unknown key name " + Quoted(part) + " in " + Quoted(text) +
+            *error = "unknown key name " + QuotedText(part) + " in " + QuotedText(text) +
                      "; valid names: " + ChordKeyNamesHelp() + ", or 'none' alone";
             return false;
         }
         if (std::find(codes.begin(), codes.end(), key->code) != codes.end()) {
-            *error = "key " + Quoted(part) + " twice in " + Quoted(text);
+            *error = "key " + QuotedText(part) + " twice in " + QuotedText(text);
             return false;
         }
         codes.push_back(key->code);
@@ -302,8 +286,8 @@ bool ParseChord(std::string_view text, TEvdevChord* chord, std::string* error) {
     // Only the last name may be a key that is not a modifier.
     for (size_t i = 0; i + 1 < codes.size(); ++i) {
         if (!IsModifier(codes[i])) {
-            *error = "only the last key of " + Quoted(text) + " may be a key that is not a " +
-                     "modifier (ctrl, alt, shift, super); " + Quoted(written[i]) + " is not last";
+            *error = "only the last key of " + QuotedText(text) + " may be a key that is not a " +
+                     "modifier (ctrl, alt, shift, super); " + QuotedText(written[i]) + " is not last";
             return false;
         }
     }

@@ -15,6 +15,9 @@
 #include "DevConfigJson.h"
 #include "GestureRecorder.h"
 #include "GestureScript.h"
+#include "InputFile.h"
+#include "OutputFile.h"
+#include "QuotedText.h"
 #include "Present.h"
 
 namespace {
@@ -33,45 +36,26 @@ TOpened OpenFrame(TToolContext& ctx) {
 }
 
 std::string ReadFile(const std::string& path, size_t limit, const char* what) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        throw CToolError(kCtlBadInput, "cannot read " + std::string(what) + " '" + path + "': " +
-                                            std::strerror(errno));
-    }
-    std::string data;
-    char chunk[65536];
-    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
-        data.append(chunk, static_cast<size_t>(in.gcount()));
-        if (data.size() > limit) {
-            throw CToolError(kCtlBadInput, "'" + path + "' is larger than " +
-                                                std::to_string(limit) + " bytes, too large for " +
-                                                what);
-        }
+    std::string data, why;
+    if (!ReadInputFile(path, limit, &data, &why)) {
+        throw CToolError(kCtlBadInput,
+                         "cannot read " + std::string(what) + " " + QuotedText(path) + ": " + why);
     }
     return data;
 }
 
-// Written under a temporary name and renamed, so a reader never sees half a file.
-void WriteFile(const std::string& path, const std::string& data) {
-    if (path == "-") {
-        std::cout << data << std::flush;
-        return;
-    }
-    const std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << data;
-        out.flush();
-        if (!out) {
-            std::remove(temporary.c_str());
-            throw CToolError(kCtlFailure, "cannot write '" + path + "': " + std::strerror(errno));
-        }
-    }
-    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-        const int e = errno;
-        std::remove(temporary.c_str());
-        throw CToolError(kCtlFailure, "cannot write '" + path + "': " + std::strerror(e));
-    }
+// Checked before any work: a name that cannot be written fails before the frame is touched.
+std::unique_ptr<COutputFile> OpenOutput(const std::string& path,
+                                        COutputFile::TExisting existing = COutputFile::TExisting::Replace) {
+    auto out = std::make_unique<COutputFile>();
+    std::string error;
+    if (!out->Open(path, existing, &error)) throw CToolError(kCtlFailure, error);
+    return out;
+}
+
+void Commit(COutputFile& out) {
+    std::string error;
+    if (!out.Commit(&error)) throw CToolError(kCtlFailure, error);
 }
 
 TTransferHooks Hooks(TToolContext& ctx, CProgressDisplay& display) {
@@ -83,7 +67,7 @@ TTransferHooks Hooks(TToolContext& ctx, CProgressDisplay& display) {
 
 bool Exists(const std::string& path) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return lstat(path.c_str(), &st) == 0;
 }
 
 std::string Timestamp() {
@@ -203,13 +187,18 @@ int CmdConfigShow(TToolContext& ctx) {
 }
 
 int CmdConfigDump(TToolContext& ctx, const std::string& file) {
+    if (file == "-") {
+        TOpened o = OpenFrame(ctx);
+        ctx.out << DevConfigToJson(*o.frame->ReadConfig());
+        return kCtlOk;
+    }
+    const std::unique_ptr<COutputFile> out = OpenOutput(file);
     TOpened o = OpenFrame(ctx);
     const auto config = o.frame->ReadConfig();
-    WriteFile(file, DevConfigToJson(*config));
-    if (file != "-") {
-        ctx.err << "configuration of frame " << o.description.number << " written to " << file
-                << " (" << DevConfigSummary(*config) << ")\n";
-    }
+    out->Write(DevConfigToJson(*config));
+    Commit(*out);
+    ctx.err << "configuration of frame " << o.description.number << " written to "
+            << EscapedText(file) << " (" << DevConfigSummary(*config) << ")\n";
     return kCtlOk;
 }
 
@@ -219,8 +208,13 @@ int CmdConfigRestore(TToolContext& ctx, const TRestoreOptions& options) {
     auto wanted = std::make_unique<_HARDWARE_DEV_CONFIG>();
     std::string error;
     if (!DevConfigFromJson(text, wanted.get(), &error)) {
-        throw CToolError(kCtlBadInput, options.file + ": " + error + " (nothing was written)");
+        throw CToolError(kCtlBadInput,
+                         EscapedText(options.file) + ": " + error + " (nothing was written)");
     }
+    // The backup's name is taken now: a name that exists is never replaced.
+    const std::string backup =
+        options.backup.empty() ? BackupPathFor(options.file, Timestamp()) : options.backup;
+    const std::unique_ptr<COutputFile> backupFile = OpenOutput(backup, COutputFile::TExisting::Refuse);
     TOpened o = OpenFrame(ctx);
     const auto current = o.frame->ReadConfig();
     const std::vector<std::string> changes = DevConfigDifferences(*current, *wanted);
@@ -244,10 +238,9 @@ int CmdConfigRestore(TToolContext& ctx, const TRestoreOptions& options) {
         return kCtlCancelled;
     }
 
-    const std::string backup =
-        options.backup.empty() ? BackupPathFor(options.file, Timestamp()) : options.backup;
-    WriteFile(backup, DevConfigToJson(*current));
-    ctx.err << "the replaced configuration is saved in " << backup << "\n";
+    backupFile->Write(DevConfigToJson(*current));
+    Commit(*backupFile);
+    ctx.err << "the replaced configuration is saved in " << EscapedText(backup) << "\n";
 
     const auto readBack = o.frame->WriteConfig(*wanted);
     const std::vector<std::string> mismatch = DevConfigDifferences(*wanted, *readBack);
@@ -255,8 +248,8 @@ int CmdConfigRestore(TToolContext& ctx, const TRestoreOptions& options) {
         ctx.err << "irframectl: frame " << o.description.number
                 << " holds something else than was written:\n";
         for (const std::string& line : mismatch) ctx.err << "  " << line << "\n";
-        ctx.err << "restore the saved configuration with: irframectl config restore " << backup
-                << "\n";
+        ctx.err << "restore the saved configuration with: irframectl config restore "
+                << EscapedText(backup) << "\n";
         return kCtlFailure;
     }
     ctx.out << "written and read back: frame " << o.description.number << " now holds "
@@ -280,19 +273,16 @@ int CmdMonitor(TToolContext& ctx, bool json) {
                         << "\n";
             }
             ctx.out << std::flush;
-            return true;
+            return ctx.out.good();  // nobody reads any more: the end is reported by the caller
         },
         ctx.interrupted, [&] { Listening(ctx, o.description, "contacts of"); });
     return StreamEndStatus(ctx, o.description, end);
 }
 
 int CmdRecord(TToolContext& ctx, const std::string& file) {
+    const std::unique_ptr<COutputFile> output = OpenOutput(file);
+    std::ostream& out = output->Stream();
     TOpened o = OpenFrame(ctx);
-    const std::string temporary = file + ".tmp";
-    std::ofstream out(temporary, std::ios::trunc);
-    if (!out) {
-        throw CToolError(kCtlFailure, "cannot write '" + file + "': " + std::strerror(errno));
-    }
     char ids[16];
     std::snprintf(ids, sizeof ids, "%04X:%04X", o.description.vendorId, o.description.productId);
     CGestureRecorder recorder(
@@ -307,19 +297,17 @@ int CmdRecord(TToolContext& ctx, const std::string& file) {
                     << " frames, as many as a script may: recording ends\n";
             return false;
         },
-        ctx.interrupted, [&] { Listening(ctx, o.description, ("recording " + file + " from").c_str()); });
+        ctx.interrupted, [&] { Listening(ctx, o.description, ("recording " + EscapedText(file) + " from").c_str()); });
     recorder.Finish();
-    out.close();
-    if (!out || std::rename(temporary.c_str(), file.c_str()) != 0) {
-        std::remove(temporary.c_str());
-        throw CToolError(kCtlFailure, "cannot write '" + file + "'");
-    }
+    Commit(*output);
     ctx.err << "recorded " << recorder.Frames() << " frames (" << recorder.FramesWithContacts()
-            << " with contacts) to " << file << "\n";
+            << " with contacts) to " << EscapedText(file) << "\n";
     return StreamEndStatus(ctx, o.description, end);
 }
 
 int CmdScanPatternGet(TToolContext& ctx, const std::string& file) {
+    const std::unique_ptr<COutputFile> out =
+        file == "-" ? nullptr : OpenOutput(file);
     TOpened o = OpenFrame(ctx);
     CProgressDisplay display(ctx.err, "scan pattern", ctx.terminal);
     std::vector<uint8_t> pattern;
@@ -330,9 +318,15 @@ int CmdScanPatternGet(TToolContext& ctx, const std::string& file) {
         throw;
     }
     display.Finish();
-    WriteFile(file, std::string(pattern.begin(), pattern.end()));
+    const std::string_view bytes(reinterpret_cast<const char*>(pattern.data()), pattern.size());
+    if (!out) {
+        ctx.out << bytes;
+        return kCtlOk;
+    }
+    out->Write(bytes);
+    Commit(*out);
     ctx.err << "scan pattern of frame " << o.description.number << " (" << pattern.size()
-            << " bytes) written to " << file << "\n";
+            << " bytes) written to " << EscapedText(file) << "\n";
     return kCtlOk;
 }
 
@@ -368,7 +362,7 @@ int CmdScanPatternSet(TToolContext& ctx, const std::string& file) {
                                               : static_cast<uint32_t>(data[2]) | data[3] << 8 |
                                                     data[4] << 16 | static_cast<uint32_t>(data[5]) << 24;
     if (declared != data.size()) {
-        throw CToolError(kCtlBadInput, "'" + file + "' is not a scan pattern: its bytes 2..5 say " +
+        throw CToolError(kCtlBadInput, QuotedText(file) + " is not a scan pattern: its bytes 2..5 say " +
                                             std::to_string(declared) + " bytes, the file has " +
                                             std::to_string(data.size()));
     }
@@ -378,9 +372,10 @@ int CmdScanPatternSet(TToolContext& ctx, const std::string& file) {
 int CmdTouchSystemFileSet(TToolContext& ctx, const std::string& file) {
     const std::vector<uint8_t> data =
         Bytes(ReadFile(file, kMaxTouchSystemFileBytes, "a touch-system file"));
-    if (data.size() < 1024) {
-        throw CToolError(kCtlBadInput, "'" + file + "' has " + std::to_string(data.size()) +
-                                            " bytes; a touch-system file has at least 1024");
+    if (data.size() < MTDEV_TOUCH_SYSTEM_FILE_MIN_BYTES) {
+        throw CToolError(kCtlBadInput, QuotedText(file) + " has " + std::to_string(data.size()) +
+                                            " bytes; a touch-system file has at least " +
+                                            std::to_string(MTDEV_TOUCH_SYSTEM_FILE_MIN_BYTES));
     }
     return Upload(ctx, data, "touch-system file", &IFrame::WriteTouchSystemFile);
 }

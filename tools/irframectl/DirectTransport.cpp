@@ -21,6 +21,7 @@
 #include "DevConfigJson.h"
 #include "FrameTimeStamp.h"
 #include "GestureScript.h"
+#include "SimBackend.h"
 #include "HidrawDevice.h"
 #include "LibusbDevice.h"
 #include "MtDevCtrlInterface.h"
@@ -418,18 +419,16 @@ public:
     }
 
 private:
+    // The driver's own rule and messages for a script: what irframed --simulate refuses is
+    // refused here with the same status.
     void LoadScript() {
         const std::string& path = m_options.simulateScript;
-        std::ifstream in(path);
-        if (!in) {
-            throw CToolError(kCtlBadInput, "cannot read gesture script '" + path + "': " +
-                                                std::strerror(errno));
-        }
-        std::stringstream text;
-        text << in.rdbuf();
-        std::string error;
-        if (!CGestureScript::Parse(text.str(), &m_spec.script, &error)) {
-            throw CToolError(kCtlBadInput, path + ": " + error);
+        TBackendFailure failure;
+        if (!LoadGestureScriptFile(path, &m_spec.script, &failure)) {
+            const TCtlExit status = failure.exitStatus == 0   ? kCtlCancelled
+                                    : failure.exitStatus == 1 ? kCtlFailure
+                                                              : kCtlUsage;
+            throw CToolError(status, failure.message);
         }
         m_spec.name = path;
         // The emulated frame runs on its own virtual timeline, as under the driver.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "MtDevConfig.h"
+#include "MtDevCtrlInterface.h"
 
 // Exit codes of irframectl (docs/irframectl.md).
 enum TCtlExit : int {
@@ -122,5 +123,5 @@ public:
 // Largest files the tool reads: a configuration JSON is limited by its reader; these bound the
 // binary files before they are read whole.
 constexpr size_t kMaxScanPatternBytes = 0x200000;
-constexpr size_t kMaxTouchSystemFileBytes = 16u << 20;
+constexpr size_t kMaxTouchSystemFileBytes = MTDEV_TOUCH_SYSTEM_FILE_MAX_BYTES;  // as the driver's
 constexpr size_t kMaxStatusBytes = 0x10000;

@@ -10,9 +10,12 @@
 #include <string>
 
 #include "BusTransport.h"
+#include "CommandLine.h"
 #include "Commands.h"
 #include "DirectTransport.h"
 #include "IrframeVersion.h"
+#include "OutputFile.h"
+#include "QuotedText.h"
 
 namespace {
 
@@ -46,6 +49,10 @@ std::unique_ptr<ITransport> ChooseTransport(const TOptions& opt) {
     if (opt.bus && forcedDirect) {
         throw CToolError(kCtlUsage, "--bus cannot go with --direct, --usb or --simulate");
     }
+    if (opt.usb && !opt.simulate.empty()) {
+        throw CToolError(kCtlUsage, "--usb cannot go with --simulate: the emulated frame is "
+                                    "reached over HID only");
+    }
     if (!forcedDirect) {
         std::string error;
         if (sd_bus* bus = OpenSessionBus(&error)) {
@@ -73,7 +80,7 @@ constexpr const char* kFooter =
     "Exit status:\n"
     "  0  success\n"
     "  1  failure: a device or driver error, the frame went away, a written configuration\n"
-    "     that does not read back the same\n"
+    "     that does not read back the same, an output that cannot be written\n"
     "  2  usage: a bad command line, several frames and none named, --yes needed\n"
     "  3  no frame found, or none matches FRAME\n"
     "  4  bad input: a file that cannot be read or is refused (the JSON path of the fault\n"
@@ -141,8 +148,8 @@ int main(int argc, char** argv) {
     restoreCmd->add_option("FRAME", frameArgument, "The frame");
     restoreCmd->add_flag("-y,--yes", restore.yes, "Write without asking");
     restoreCmd->add_option("--backup", restore.backup,
-                           "Where to keep the replaced configuration (default: next to FILE, "
-                           "FILE.replaced-DATE-TIME.json)")
+                           "Where to keep the replaced configuration, a name not taken (default: "
+                           "next to FILE, FILE without .json then .replaced-DATE-TIME.json)")
         ->type_name("PATH");
     restoreCmd->callback([&] {
         run = [&](TToolContext& ctx) {
@@ -180,37 +187,46 @@ int main(int argc, char** argv) {
     CLI::App* touch = app.add_subcommand(
         "touch-system-file", "set FILE [FRAME]: write the touch-system file");
     touch->require_subcommand(1);
-    CLI::App* touchSet = touch->add_subcommand("set", "Write FILE (1024 bytes or more)");
+    CLI::App* touchSet = touch->add_subcommand("set", "Write FILE (1024 to 4194304 bytes)");
     touchSet->add_option("FILE", file, "The touch-system file")->required();
     touchSet->add_option("FRAME", frameArgument, "The frame");
     touchSet->callback(
         [&] { run = [&](TToolContext& ctx) { return CmdTouchSystemFileSet(ctx, file); }; });
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? kCtlOk : kCtlUsage;
+    // A closed pipe on standard output is a write error to report, not a silent death.
+    std::signal(SIGPIPE, SIG_IGN);
+    COutputFile::GuardStandardDescriptors();
+    if (const std::optional<int> parsed = ParseCommandLine(app, argc, argv)) {
+        return *parsed;
     }
     if (!frameArgument.empty()) {
         if (!opt.frame.empty() && opt.frame != frameArgument) {
-            std::cerr << "irframectl: two different frames named: '" << opt.frame << "' and '"
-                      << frameArgument << "'\n";
+            std::cerr << "irframectl: two different frames named: " << QuotedText(opt.frame)
+                      << " and " << QuotedText(frameArgument) << "\n";
             return kCtlUsage;
         }
         opt.frame = frameArgument;
     }
 
     CatchInterrupt();
+    COutputFile standardOutput;
+    std::string error;
+    standardOutput.Open("-", COutputFile::TExisting::Replace, &error);
+    int exitStatus = kCtlOk;
     try {
         std::unique_ptr<ITransport> transport = ChooseTransport(opt);
-        TToolContext ctx{*transport, opt.frame, std::cout, std::cerr,
+        TToolContext ctx{*transport, opt.frame, standardOutput.Stream(), std::cerr,
                          [] { return g_interrupted != 0; }, isatty(STDERR_FILENO) != 0};
-        const int status = run(ctx);
-        std::cout.flush();
-        return status;
+        exitStatus = run(ctx);
     } catch (const CToolError& e) {
-        std::cout.flush();
+        standardOutput.Stream().flush();
         std::cerr << "irframectl: " << e.what() << "\n";
-        return e.ExitCode();
+        exitStatus = e.ExitCode();
     }
+    // What was printed counts only once it is out: a full disk or a closed pipe is a failure.
+    if (!standardOutput.Commit(&error) && exitStatus == kCtlOk) {
+        std::cerr << "irframectl: " << error << "\n";
+        exitStatus = kCtlFailure;
+    }
+    return exitStatus;
 }
