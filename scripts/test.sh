@@ -18,6 +18,8 @@ step() { printf '\n==== %s\n' "$*"; }
 cache=()
 if command -v ccache >/dev/null; then
   cache=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  # Paths relative to the checkout, so that another clone of the tree finds the same objects.
+  export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
 fi
 
 step "configure + build (-Werror)"
