@@ -12,6 +12,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
+
 #include <algorithm>
 #include <chrono>
 #include <fstream>
@@ -53,20 +55,7 @@ public:
     CDriver(const std::string& dir, Lines args) : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
         Lines argv{IRFRAMED_PATH, "-vv"};
         argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> cargv;
-        for (std::string& a : argv) cargv.push_back(a.data());
-        cargv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        posix_spawn_file_actions_addopen(&actions, 2, m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        if (posix_spawn(&m_pid, cargv[0], &actions, nullptr, cargv.data(), environ) != 0) {
-            m_pid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
+        m_pid = SpawnWithOutputFiles(std::move(argv), m_out, m_err);
     }
     ~CDriver() {
         if (m_pid > 0 && !m_ended) {

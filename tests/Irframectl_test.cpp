@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "DevConfigJson.h"
+#include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 
 extern char** environ;
@@ -60,19 +61,9 @@ Lines SplitLines(const std::string& text) {
 class CChild {
 public:
     CChild(Lines argv, const std::string& out, const std::string& err) : m_out(out), m_err(err) {
-        std::vector<char*> cargv;
-        for (std::string& a : argv) cargv.push_back(a.data());
-        cargv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&m_pid, cargv[0], &actions, nullptr, cargv.data(), environ) != 0) {
-            m_pid = -1;
-            ADD_FAILURE() << "cannot start " << argv[0];
-        }
-        posix_spawn_file_actions_destroy(&actions);
+        const std::string program = argv.at(0);
+        m_pid = SpawnWithOutputFiles(std::move(argv), out, err);
+        if (m_pid < 0) ADD_FAILURE() << "cannot start " << program;
     }
     CChild(CChild&& other) noexcept
         : m_pid(std::exchange(other.m_pid, -1)), m_status(other.m_status),

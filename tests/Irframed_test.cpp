@@ -15,6 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -123,24 +125,11 @@ protected:
             argv.insert(argv.end(), {"--dry-run", "--output", out});
         }
         argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> cargv;
-        for (std::string& a : argv) cargv.push_back(a.data());
-        cargv.push_back(nullptr);
-
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
         const std::string printed = m_dir + "/stdout.txt";
-        posix_spawn_file_actions_addopen(&actions, 1, printed.c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        pid_t pid = -1;
-        const int spawned = posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
+        const pid_t pid = SpawnWithOutputFiles(argv, printed, err);
         TRun run;
-        if (spawned != 0) {
-            ADD_FAILURE() << "cannot start " << cargv[0];
+        if (pid < 0) {
+            ADD_FAILURE() << "cannot start " << argv[0];
             return run;
         }
         // A safety net against a hung driver, not a measurement: a run takes milliseconds.
