@@ -20,9 +20,12 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/PrivateBus.h"
 
 extern char** environ;
 
@@ -107,31 +110,10 @@ protected:
         char dir[] = "/tmp/calibrate_e2e.XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
         m_dir = dir;
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--session"),
-                        const_cast<char*>("--print-address"), const_cast<char*>("--nofork"), nullptr};
-        pid_t daemon = -1;
-        ASSERT_EQ(posix_spawnp(&daemon, "dbus-daemon", &actions, nullptr, argv, environ), 0)
-            << "dbus-daemon is needed (Debian package dbus-daemon)";
-        posix_spawn_file_actions_destroy(&actions);
-        m_pids.push_back(daemon);
-        close(fds[1]);
-        std::string address;
-        char c;
-        while (read(fds[0], &c, 1) == 1 && c != '\n') address.push_back(c);
-        close(fds[0]);
-        ASSERT_FALSE(address.empty());
-        setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-        ASSERT_GE(sd_bus_new(&m_bus), 0);
-        ASSERT_GE(sd_bus_set_address(m_bus, address.c_str()), 0);
-        ASSERT_GE(sd_bus_set_bus_client(m_bus, 1), 0);
-        ASSERT_GE(sd_bus_start(m_bus), 0);
+        m_privateBus = std::make_unique<CPrivateBus>();
+        ASSERT_TRUE(m_privateBus->Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
+        m_bus = m_privateBus->Connect();
+        ASSERT_NE(m_bus, nullptr);
     }
 
     void TearDown() override {
@@ -140,7 +122,7 @@ protected:
             WaitExit(*it, 10);
         }
         m_bus = sd_bus_flush_close_unref(m_bus);
-        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        m_privateBus.reset();
         std::system(("rm -rf " + m_dir).c_str());
     }
 
@@ -328,6 +310,7 @@ protected:
         }
     }
 
+    std::unique_ptr<CPrivateBus> m_privateBus;
     sd_bus* m_bus = nullptr;
     std::string m_dir;
     std::vector<pid_t> m_pids;
