@@ -49,11 +49,13 @@ bool WaitFor(const std::function<bool()>& done, int boundMillis = kBoundMillis) 
     return true;
 }
 
-// One irframed process, its standard output and error in files of a temporary directory.
+// One irframed process (or, with `tool`, irframectl), its standard output and error in files of
+// a temporary directory.
 class CDriver {
 public:
-    CDriver(const std::string& dir, Lines args) : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
-        Lines argv{IRFRAMED_PATH, "-vv"};
+    CDriver(const std::string& dir, Lines args, bool tool = false)
+        : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
+        Lines argv = tool ? Lines{IRFRAMECTL_PATH} : Lines{IRFRAMED_PATH, "-vv"};
         argv.insert(argv.end(), args.begin(), args.end());
         m_pid = SpawnWithOutputFiles(std::move(argv), m_out, m_err);
     }
@@ -115,38 +117,40 @@ constexpr const char* kTap = "down 1 16000 16000\nhold 2\nup 1\n";
 
 struct TFifoCase {
     const char* name;
-    bool scriptIsFifo;  // else the output is
+    bool tool;   // irframectl --simulate FIFO list, else irframed --simulate FIFO --dry-run
     int signal;
-    const char* waiting;
-    const char* stopping;
+    int status;  // the program's status for an end asked for
 };
 
 class StopWhileOpening : public DriverSignals, public testing::WithParamInterface<TFifoCase> {};
 
-// Verify that a driver waiting for the other end of a FIFO (a script without a writer) says so,
-// and ends in order on SIGTERM or SIGINT, with status 0. (A FIFO as the output is refused at
-// once: tests/IrframectlOutput_test.cpp.)
+// Verify that either program waiting for the writer of a script FIFO says so, and ends in
+// order on SIGTERM or SIGINT with the same line, naming the signal. (A FIFO as an output is
+// refused at once: tests/IrframectlOutput_test.cpp.)
 TEST_P(StopWhileOpening, EndsInOrder) {
     const TFifoCase& c = GetParam();
     const std::string fifo = Fifo("fifo");
-    const std::string script = c.scriptIsFifo ? fifo : File("tap.gesture", kTap);
-    Lines args{"--no-config", "--dry-run", "--simulate", script};
-    if (!c.scriptIsFifo) args.insert(args.end(), {"--output", fifo});
-    CDriver driver(m_dir, args);
-    ASSERT_TRUE(driver.Started());
-    ASSERT_TRUE(driver.WaitForLog(c.waiting)) << driver.Log();
-    driver.Signal(c.signal);
-    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
-    EXPECT_THAT(driver.Log(), HasSubstr(c.stopping));
+    CDriver program(m_dir,
+                    c.tool ? Lines{"--simulate", fifo, "list"}
+                           : Lines{"--no-config", "--dry-run", "--simulate", fifo},
+                    c.tool);
+    ASSERT_TRUE(program.Started());
+    ASSERT_TRUE(program.WaitForLog("is a FIFO: waiting for a writer")) << program.Log();
+    program.Signal(c.signal);
+    EXPECT_EQ(program.Wait(), c.status) << program.Log();
+    EXPECT_THAT(program.Log(),
+                HasSubstr(std::string(c.tool ? "irframectl: " : "irframed: ") +
+                          (c.signal == SIGINT ? "SIGINT" : "SIGTERM") +
+                          " while waiting for a writer to the gesture script '" + fifo +
+                          "': stopping\n"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Fifos, StopWhileOpening,
-    testing::Values(
-        TFifoCase{"ScriptWithoutWriter", true, SIGTERM, "is a FIFO: waiting for a writer",
-                  "SIGTERM while waiting for a writer to the gesture script"},
-        TFifoCase{"ScriptWithoutWriterSigint", true, SIGINT, "is a FIFO: waiting for a writer",
-                  "SIGINT while waiting for a writer to the gesture script"}),
+    testing::Values(TFifoCase{"DriverSigterm", false, SIGTERM, 0},
+                    TFifoCase{"DriverSigint", false, SIGINT, 0},
+                    TFifoCase{"ToolSigterm", true, SIGTERM, 5},
+                    TFifoCase{"ToolSigint", true, SIGINT, 5}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Verify that a script through a FIFO is played once its writer has written it.
