@@ -24,10 +24,10 @@ void CDriverOutputs::OpenTuio(TShellPorts* ports) {
 
 bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
     std::string error;
-    // Followed live by whoever reads the lines: written in place as they come. A FIFO is
-    // refused with the other nodes, so no open waits for a reader.
-    if (!m_output.Open(m_options.output, COutputFile::TExisting::Replace, &error,
-                       COutputFile::TWriting::Live)) {
+    // A file is replaced whole when the run ends (Finish), so it never holds half a run;
+    // standard output is the stream to follow live. A FIFO is refused with the other nodes,
+    // so no open waits for a reader.
+    if (!m_output.Open(m_options.output, COutputFile::TExisting::Replace, &error)) {
         *failure = {1, error};
         return false;
     }
