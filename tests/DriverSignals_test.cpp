@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,6 +154,49 @@ INSTANTIATE_TEST_SUITE_P(
                     TFifoCase{"ToolSigterm", true, SIGTERM, 5},
                     TFifoCase{"ToolSigint", true, SIGINT, 5}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Verify that a bus that takes the connection and never answers holds neither program past
+// SIGTERM: the driver goes on without it and ends in order; the tool ends as cancelled.
+TEST_F(DriverSignals, StopWhileTheBusDoesNotAnswer) {
+    const struct {
+        bool tool;
+        int status;
+        const char* said;
+    } cases[] = {
+        {false, 0, "no session bus (stopped while waiting for the bus to answer)"},
+        {true, 5, "irframectl: SIGTERM while waiting for an answer (looking for the driver on "
+                  "the bus): stopping\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.tool ? "irframectl" : "irframed");
+        const std::string socketPath = m_dir + (c.tool ? "/tool-bus" : "/driver-bus");
+        const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(listen(listener, 8), 0);
+        // The session bus, and the driver's system bus too.
+        const std::string bus = "unix:path=" + socketPath;
+        setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
+        CDriver program(m_dir,
+                        c.tool ? Lines{"list"}
+                               : Lines{"--no-config", "--dry-run", "--simulate",
+                                       File("tap.gesture", kTap) + "@60s"},
+                        c.tool);
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+        // Connected: the program waits for the bus's greeting now, its signals in its hands.
+        const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        ASSERT_GE(connection, 0);
+        program.Signal(SIGTERM);
+        EXPECT_EQ(program.Wait(), c.status) << program.Log();
+        EXPECT_THAT(program.Log(), HasSubstr(c.said));
+        close(connection);
+        close(listener);
+    }
+}
 
 // Verify that a script through a FIFO is played once its writer has written it.
 TEST_F(DriverSignals, ScriptThroughAFifoPlays) {

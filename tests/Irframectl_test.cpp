@@ -764,10 +764,40 @@ TEST_F(IrframectlBus, TransferCancelAndBusy) {
     EXPECT_EQ(ReadFile(Path("got.bin")), std::string("\xB2\x00\x06\x00\x00\x00", 6));
 }
 
-TEST_F(IrframectlBus, NoDriverOnTheBus) {
+// Verify that no driver on the bus is a failure, and that an owner of the driver's name that
+// never answers is waited for only until SIGINT or SIGTERM, which end the tool as cancelled
+// with one line naming the signal.
+TEST_F(IrframectlBus, NoDriverOrOneThatNeverAnswers) {
     const TRun run = Tool({"--bus", "list"});
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.err, HasSubstr("no driver owns org.irframe.Driver1"));
+
+    // Takes every message it is sent and answers none.
+    sd_bus* silent = m_bus->Connect();
+    ASSERT_NE(silent, nullptr);
+    ASSERT_GE(sd_bus_request_name(silent, "org.irframe.Driver1", 0), 0);
+    std::atomic<int> asked{0};
+    const auto swallow = [](sd_bus_message* m, void* count, sd_bus_error*) {
+        if (sd_bus_message_is_method_call(m, nullptr, "ListFrames")) ++*static_cast<std::atomic<int>*>(count);
+        return 1;
+    };
+    ASSERT_GE(sd_bus_add_filter(silent, nullptr, swallow, &asked), 0);
+    for (const int signal : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(signal);
+        const int before = asked;
+        CChild tool = Start(IRFRAMECTL_PATH, {"list"});
+        for (int waited = 0; asked == before && waited < kSafetyMillis; waited += 10) {
+            while (sd_bus_process(silent, nullptr) > 0) {
+            }
+            sd_bus_wait(silent, 10'000);
+        }
+        ASSERT_GT(asked, before) << tool.Err();
+        tool.Signal(signal);
+        EXPECT_EQ(tool.Wait(), 5);
+        EXPECT_EQ(tool.Err(), std::string("irframectl: ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") +
+                                  " while waiting for an answer (listing the frames): stopping\n");
+    }
+    sd_bus_flush_close_unref(silent);
 }
 
 // ---------------------------------------------------------------------------------------------

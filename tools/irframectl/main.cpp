@@ -20,13 +20,17 @@
 
 namespace {
 
+// The SIGINT or SIGTERM received, 0 before any.
 volatile sig_atomic_t g_interrupted = 0;
 
-// The first Ctrl-C asks the running operation to stop cleanly; a second one ends the tool.
-void OnInterrupt(int) {
+// The first Ctrl-C (or SIGTERM) asks the running operation to stop cleanly; a second one ends
+// the tool.
+void OnInterrupt(int signal) {
     if (g_interrupted != 0) _exit(kCtlCancelled);
-    g_interrupted = 1;
+    g_interrupted = signal;
 }
+
+int StopSignal() { return g_interrupted; }
 
 // Until the tool can act on them, SIGINT and SIGTERM wait pending: a wait that looks for them
 // itself (a gesture script's FIFO) then sees one sent before it began.
@@ -68,7 +72,7 @@ std::unique_ptr<ITransport> ChooseTransport(const TOptions& opt) {
         HoldStopSignals(false);  // a bus call is cut short by the handler
         std::string error;
         if (sd_bus* bus = OpenSessionBus(&error)) {
-            if (DriverOnBus(bus)) return MakeBusTransport(bus);
+            if (DriverOnBus(bus, StopSignal)) return MakeBusTransport(bus, StopSignal);
             sd_bus_flush_close_unref(bus);
             error = "no driver owns " + std::string(kDriverBusName) + " on the session bus";
         }
