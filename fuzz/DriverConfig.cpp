@@ -1,6 +1,7 @@
 // Arbitrary text as a configuration file. A text that reads must print as TOML that reads back
 // to the same configuration in force and prints the same again; a text that does not read must
-// leave the configuration as it was and say why on one line with the file's name.
+// leave the configuration as it was and say why on one line with the file's name. Read again
+// over itself, as a drop-in repeating the main file, a text changes nothing.
 #include "DriverConfig.h"
 #include "LinuxConfigChecks.h"
 
@@ -19,6 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (!(config == defaults) || error.rfind("fuzz.toml:", 0) != 0) abort();
         if (error.find('\n') != std::string::npos) abort();
         return 0;
+    }
+    TDriverConfig twice = config;
+    if (!ParseDriverConfig(text, "fuzz.d.toml", checks, &twice, &error) || !(twice == config)) {
+        abort();
     }
     const std::string printed = PrintConfig(config, checks);
     TDriverConfig back = defaults;

@@ -25,7 +25,8 @@ struct DriverOptions {
     std::string uinputPath = "/dev/uinput";
     bool noSingleInstance = false;
     std::string logLevel;  // --log-level, else the configuration's when -v is not given
-    std::string configFile;  // the configuration file read; empty: none (built-in defaults)
+    std::string configFile;  // the configuration files read, joined by ", "; empty: none
+    std::vector<std::string> configSkipped;  // a line per configuration file passed over
     int verbose = 0;       // how many times -v was given
     TTuioSettings tuio;    // the TUIO output: --tuio, or the configuration file
     bool gestures = true;     // the mouse and shortcut emulation; --no-gestures turns it off

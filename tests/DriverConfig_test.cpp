@@ -1,5 +1,6 @@
 #include "DriverConfig.h"
 
+#include "ConfigReload.h"
 #include "LinuxConfigChecks.h"
 
 #include <gmock/gmock.h>
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -378,6 +381,163 @@ TEST_F(ConfigFile, LoadsTheFileFound) {
         << error;
     EXPECT_EQ(source, "");
     EXPECT_EQ(config, DefaultDriverConfig(Checks()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Drop-in directories
+
+struct TDropInCase {
+    const char* what;
+    std::vector<std::pair<std::string, std::string>> files;  // path under the temp dir, text
+    std::vector<std::string> read;     // the files read, in order
+    std::string keyProfile;            // what the last one of them says
+    std::string logLevel;
+    size_t skipped = 0;
+};
+
+class ConfigDropIns : public testing::TestWithParam<TDropInCase> {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/driverconfig_dropins.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+        m_environment = ProcessConfigEnvironment("");
+        m_environment.xdgConfigHome = m_dir + "/user";
+        m_environment.systemDir = m_dir + "/etc";
+    }
+    void TearDown() override { std::filesystem::remove_all(m_dir); }
+    void Write(const std::string& path, const std::string& text) {
+        std::filesystem::create_directories(std::filesystem::path(m_dir + "/" + path).parent_path());
+        std::ofstream(m_dir + "/" + path, std::ios::binary) << text;
+    }
+    std::string m_dir;
+    TConfigEnvironment m_environment;
+};
+
+const std::string kDesktop = "[keys]\nprofile = \"desktop\"\n";
+const std::string kLiteral = "[keys]\nprofile = \"literal\"\n";
+const std::string kDebug = "log_level = \"debug\"\n";
+
+// Verify which files are read, in which order, and that each later one overrides only the keys
+// it sets.
+TEST_P(ConfigDropIns, ReadsTheLevelsInOrder) {
+    const TDropInCase& c = GetParam();
+    for (const auto& [path, text] : c.files) {
+        if (text == "<dir>") {
+            std::filesystem::create_directories(m_dir + "/" + path);
+        } else {
+            Write(path, text);
+        }
+    }
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    TConfigSources sources;
+    std::string error;
+    ASSERT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &sources, &error),
+              TConfigStatus::Ok)
+        << c.what << ": " << error;
+    std::vector<std::string> expected;
+    for (const std::string& path : c.read) expected.push_back(m_dir + "/" + path);
+    EXPECT_EQ(sources.files, expected) << c.what;
+    EXPECT_EQ(config.keyProfile, c.keyProfile) << c.what;
+    EXPECT_EQ(config.logLevel, c.logLevel) << c.what;
+    EXPECT_EQ(sources.skipped.size(), c.skipped) << c.what;
+    for (const std::string& line : sources.skipped) EXPECT_EQ(line.find('\n'), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Order, ConfigDropIns,
+    testing::Values(
+        TDropInCase{"the user's file replaces the system's level, drop-ins included",
+                    {{"etc/irframe/irframe.toml", kDebug},
+                     {"etc/irframe/irframe.d/10.toml", kLiteral},
+                     {"user/irframe/irframe.toml", kDesktop}},
+                    {"user/irframe/irframe.toml"}, "desktop", "info"},
+        TDropInCase{"the system's file then its drop-ins in name order",
+                    {{"etc/irframe/irframe.toml", kDebug},
+                     {"etc/irframe/irframe.d/20-b.toml", kDesktop},
+                     {"etc/irframe/irframe.d/10-a.toml", kLiteral}},
+                    {"etc/irframe/irframe.toml", "etc/irframe/irframe.d/10-a.toml",
+                     "etc/irframe/irframe.d/20-b.toml"},
+                    "desktop", "debug"},
+        TDropInCase{"the user's drop-ins over the system's level",
+                    {{"etc/irframe/irframe.toml", kDebug + kDesktop},
+                     {"user/irframe/irframe.d/40-map.toml", kLiteral}},
+                    {"etc/irframe/irframe.toml", "user/irframe/irframe.d/40-map.toml"},
+                    "literal", "debug"},
+        TDropInCase{"the user's file then the user's drop-ins",
+                    {{"user/irframe/irframe.toml", kDebug + kLiteral},
+                     {"user/irframe/irframe.d/50-settings.toml", kDesktop},
+                     {"user/irframe/irframe.d/40-map.toml", "log_level = \"error\"\n"}},
+                    {"user/irframe/irframe.toml", "user/irframe/irframe.d/40-map.toml",
+                     "user/irframe/irframe.d/50-settings.toml"},
+                    "desktop", "error"},
+        TDropInCase{"hidden files and other names are passed over in silence, a directory "
+                    "with a message",
+                    {{"user/irframe/irframe.d/.50.toml", kDesktop},
+                     {"user/irframe/irframe.d/50.toml~", kDesktop},
+                     {"user/irframe/irframe.d/50.toml.dpkg-old", kDesktop},
+                     {"user/irframe/irframe.d/60.toml", "<dir>"},
+                     {"user/irframe/irframe.d/70.toml", kDebug}},
+                    {"user/irframe/irframe.d/70.toml"}, "safe", "debug", 1}));
+
+// Verify that a drop-in that cannot be read, or has a mistake, stops the reading with its own
+// name and place, and leaves the configuration as it was.
+TEST_F(ConfigDropIns, AMistakeInADropInChangesNothing) {
+    Write("user/irframe/irframe.toml", kDesktop);
+    Write("user/irframe/irframe.d/10.toml", kDebug);
+    Write("user/irframe/irframe.d/20.toml", "[keys]\nprofile = 3\n");
+    TDriverConfig config = DefaultDriverConfig(Checks());
+    TConfigSources sources;
+    std::string error;
+    EXPECT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &sources, &error),
+              TConfigStatus::Invalid);
+    EXPECT_THAT(error, StartsWith(m_dir + "/user/irframe/irframe.d/20.toml:2:11: "));
+    EXPECT_EQ(config, DefaultDriverConfig(Checks()));
+}
+
+// Verify that no more than kMaxConfigDropIns files are read from one directory, the first in
+// name order, and the rest are named.
+TEST_F(ConfigDropIns, ReadsABoundedNumber) {
+    for (size_t i = 0; i < kMaxConfigDropIns + 2; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "user/irframe/irframe.d/%03zu.toml", i);
+        Write(name, kDebug);
+    }
+    TConfigSources sources = FindConfigFiles(m_environment);
+    ASSERT_EQ(sources.files.size(), kMaxConfigDropIns);
+    EXPECT_EQ(sources.files.back(), m_dir + "/user/irframe/irframe.d/031.toml");
+    ASSERT_EQ(sources.skipped.size(), 2u);
+    EXPECT_THAT(sources.skipped[0], HasSubstr("/032.toml skipped: only 32 files are read"));
+}
+
+// Verify that a reload reads every file again and keeps the configuration in force when one of
+// them has a mistake.
+TEST_F(ConfigDropIns, ReloadRereadsThemAll) {
+    Write("user/irframe/irframe.toml", kDesktop);
+    const char* saved = std::getenv("XDG_CONFIG_HOME");
+    const std::string savedValue = saved != nullptr ? saved : "";
+    setenv("XDG_CONFIG_HOME", (m_dir + "/user").c_str(), 1);
+    DriverOptions options;
+    options.keys = "desktop";
+    int applied = 0;
+    Write("user/irframe/irframe.d/40-map.toml", kLiteral);
+    TReloadResult result = ReloadDriverConfiguration(Checks(), &options, [&] { ++applied; });
+    EXPECT_TRUE(result.reloaded) << result.message;
+    EXPECT_EQ(options.keys, "literal");
+    EXPECT_EQ(options.configFile, m_dir + "/user/irframe/irframe.toml, " + m_dir +
+                                      "/user/irframe/irframe.d/40-map.toml");
+
+    Write("user/irframe/irframe.d/40-map.toml", kDesktop + "[screen]\nsize = 7\n");
+    result = ReloadDriverConfiguration(Checks(), &options, [&] { ++applied; });
+    EXPECT_FALSE(result.reloaded);
+    EXPECT_THAT(result.message, HasSubstr("/40-map.toml:4:8: "));
+    EXPECT_EQ(options.keys, "literal");
+    EXPECT_EQ(applied, 1);
+    if (saved != nullptr) {
+        setenv("XDG_CONFIG_HOME", savedValue.c_str(), 1);
+    } else {
+        unsetenv("XDG_CONFIG_HOME");
+    }
 }
 
 }  // namespace

@@ -44,6 +44,10 @@ TReloadResult ReloadDriverConfiguration(const TConfigChecks& checks, DriverOptio
     options->keys = next.keys;
     options->shortcuts = next.shortcuts;
     options->configFile = next.configFile;
+    options->configSkipped = next.configSkipped;
+    for (const std::string& line : options->configSkipped) {
+        TLog(TLogLevel::Warning, "%s", line.c_str());
+    }
     if (applyLive) applyLive();
     result.reloaded = true;
     result.message = options->configFile.empty()

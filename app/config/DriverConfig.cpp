@@ -1,5 +1,6 @@
 #include "DriverConfig.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -622,31 +623,111 @@ TConfigEnvironment ProcessConfigEnvironment(std::string explicitPath) {
         struct stat info {};
         return stat(path.c_str(), &info) == 0;
     };
+    environment.list = [](const std::string& dir) {
+        std::vector<TConfigDirEntry> entries;
+        DIR* stream = opendir(dir.c_str());
+        if (stream == nullptr) return entries;
+        while (const dirent* entry = readdir(stream)) {
+            TConfigDirEntry item{entry->d_name};
+            if (item.name == "." || item.name == "..") continue;
+            struct stat info {};
+            item.regular = stat((dir + "/" + item.name).c_str(), &info) == 0 &&
+                           S_ISREG(info.st_mode);
+            entries.push_back(std::move(item));
+        }
+        closedir(stream);
+        return entries;
+    };
     return environment;
+}
+
+std::string UserConfigDir(const TConfigEnvironment& environment) {
+    // Relative base directories are ignored, as the XDG base directory rules say.
+    if (environment.xdgConfigHome && environment.xdgConfigHome->starts_with('/')) {
+        return *environment.xdgConfigHome + "/irframe";
+    }
+    if (environment.home && environment.home->starts_with('/')) {
+        return *environment.home + "/.config/irframe";
+    }
+    return "";
 }
 
 std::string FindConfigFile(const TConfigEnvironment& environment) {
     if (!environment.explicitPath.empty()) return environment.explicitPath;
-    // Relative base directories are ignored, as the XDG base directory rules say.
-    std::string userDir;
-    if (environment.xdgConfigHome && environment.xdgConfigHome->starts_with('/')) {
-        userDir = *environment.xdgConfigHome;
-    } else if (environment.home && environment.home->starts_with('/')) {
-        userDir = *environment.home + "/.config";
-    }
-    for (const std::string& dir : {userDir, environment.systemDir}) {
+    for (const std::string& dir : {UserConfigDir(environment), environment.systemDir + "/irframe"}) {
         if (dir.empty()) continue;
-        const std::string path = dir + "/irframe/irframe.toml";
+        const std::string path = dir + "/irframe.toml";
         if (environment.exists && environment.exists(path)) return path;
     }
     return "";
 }
 
+namespace {
+
+// The drop-ins of `dir`/irframe.d in name order, at most kMaxConfigDropIns.
+void AddDropIns(const TConfigEnvironment& environment, const std::string& dir,
+                TConfigSources* sources) {
+    if (dir.empty() || !environment.list) return;
+    const std::string dropInDir = dir + "/irframe.d";
+    std::vector<TConfigDirEntry> entries = environment.list(dropInDir);
+    std::erase_if(entries, [](const TConfigDirEntry& entry) {
+        return entry.name.starts_with('.') || !entry.name.ends_with(".toml");
+    });
+    std::sort(entries.begin(), entries.end(),
+              [](const TConfigDirEntry& a, const TConfigDirEntry& b) { return a.name < b.name; });
+    size_t taken = 0;
+    for (const TConfigDirEntry& entry : entries) {
+        const std::string path = dropInDir + "/" + entry.name;
+        if (!entry.regular) {
+            sources->skipped.push_back(OneLine("configuration " + path +
+                                               " skipped: not a regular file"));
+        } else if (taken == kMaxConfigDropIns) {
+            sources->skipped.push_back(OneLine(
+                "configuration " + path + " skipped: only " + std::to_string(kMaxConfigDropIns) +
+                " files are read from " + dropInDir + "; merge some of them"));
+        } else {
+            sources->files.push_back(path);
+            ++taken;
+        }
+    }
+}
+
+}  // namespace
+
+TConfigSources FindConfigFiles(const TConfigEnvironment& environment) {
+    TConfigSources sources;
+    const std::string main = FindConfigFile(environment);
+    if (!main.empty()) sources.files.push_back(main);
+    if (!environment.explicitPath.empty()) return sources;
+    const std::string userDir = UserConfigDir(environment);
+    // The user's own irframe.toml replaces everything the system's directory says.
+    if (userDir.empty() || main != userDir + "/irframe.toml") {
+        AddDropIns(environment, environment.systemDir + "/irframe", &sources);
+    }
+    AddDropIns(environment, userDir, &sources);
+    return sources;
+}
+
+TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
+                               TDriverConfig* config, TConfigSources* sources,
+                               std::string* error) {
+    *sources = FindConfigFiles(environment);
+    TDriverConfig read = *config;
+    for (const std::string& path : sources->files) {
+        const TConfigStatus status = LoadDriverConfigFile(path, checks, &read, error);
+        if (status != TConfigStatus::Ok) return status;
+    }
+    *config = std::move(read);
+    return TConfigStatus::Ok;
+}
+
 TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
                                TDriverConfig* config, std::string* source, std::string* error) {
-    *source = FindConfigFile(environment);
-    if (source->empty()) return TConfigStatus::Ok;
-    return LoadDriverConfigFile(*source, checks, config, error);
+    TConfigSources sources;
+    const TConfigStatus status = LoadDriverConfig(environment, checks, config, &sources, error);
+    source->clear();
+    for (const std::string& path : sources.files) *source += (source->empty() ? "" : ", ") + path;
+    return status;
 }
 
 bool IsOutputName(std::string_view name) {

@@ -14,8 +14,10 @@
 // that names file:line:column and lists what is valid. Sections are declared in one table of
 // known keys (DriverConfig.cpp); a new one is a field here and a few rows there.
 //
-// Where it is read from: --config FILE, else $XDG_CONFIG_HOME/irframe/irframe.toml (default
-// ~/.config/irframe/irframe.toml), else /etc/irframe/irframe.toml, else built-in defaults.
+// Where it is read from: --config FILE alone; else the user's irframe.toml
+// ($XDG_CONFIG_HOME/irframe, default ~/.config/irframe) or, when there is none, the system's
+// /etc/irframe/irframe.toml followed by /etc/irframe/irframe.d/*.toml; then the user's
+// irframe.d/*.toml. Later files override the keys they set; none at all: built-in defaults.
 #pragma once
 
 #include <array>
@@ -25,12 +27,15 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ConfigChecks.h"
 #include "GestureShortcuts.h"
 
 // A configuration file larger than this is refused unread.
 inline constexpr size_t kMaxConfigBytes = 1 << 20;
+// Drop-in files read from one irframe.d directory; the rest, last in name order, are skipped.
+inline constexpr size_t kMaxConfigDropIns = 32;
 
 // The log levels, least verbose first.
 inline constexpr std::array<const char*, 4> kConfigLogLevels = {"error", "warning", "info",
@@ -74,6 +79,12 @@ enum class TConfigStatus { Ok, CannotRead, Invalid };
 TConfigStatus LoadDriverConfigFile(const std::string& path, const TConfigChecks& checks,
                                    TDriverConfig* config, std::string* error);
 
+// One entry of a directory.
+struct TConfigDirEntry {
+    std::string name;
+    bool regular = false;  // a regular file, or a link to one
+};
+
 // What decides where the configuration is read from.
 struct TConfigEnvironment {
     std::string explicitPath;                 // --config FILE; empty when not given
@@ -81,17 +92,38 @@ struct TConfigEnvironment {
     std::optional<std::string> home;           // $HOME
     std::string systemDir = "/etc";
     std::function<bool(const std::string& path)> exists;  // anything at the path
+    // The entries of a directory, none when it cannot be listed; unset: no drop-ins anywhere.
+    std::function<std::vector<TConfigDirEntry>(const std::string& dir)> list;
 };
+
+// The files to read, in order, and one line per file that was passed over and why.
+struct TConfigSources {
+    std::vector<std::string> files;
+    std::vector<std::string> skipped;
+};
+
+// The user's configuration directory ($XDG_CONFIG_HOME/irframe or ~/.config/irframe); empty
+// when neither variable holds an absolute path.
+std::string UserConfigDir(const TConfigEnvironment& environment);
 
 // The process's environment and file system.
 TConfigEnvironment ProcessConfigEnvironment(std::string explicitPath);
 
-// The file to read: --config's, else the first of the user's and the system's that exists;
-// empty when there is none (built-in defaults).
+// The main file to read: --config's, else the first of the user's and the system's irframe.toml
+// that exists; empty when there is none.
 std::string FindConfigFile(const TConfigEnvironment& environment);
 
-// Finds and reads the configuration. `source` is set to the file read, or empty for the
-// built-in defaults.
+// Every file to read, in order: the main file, the system's drop-ins when the main file is the
+// system's (or there is none), then the user's drop-ins. Drop-ins are the names ending in .toml
+// in irframe.d, hidden ones ignored, in byte order; one that is not a regular file is skipped.
+TConfigSources FindConfigFiles(const TConfigEnvironment& environment);
+
+// Finds and reads the configuration, each file over the one before. `sources` gets what was
+// read (no files: the built-in defaults). A file that cannot be read or has an error stops
+// the reading, with `config` left as it was.
+TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
+                               TDriverConfig* config, TConfigSources* sources, std::string* error);
+// The same, with `source` set to the files read, joined by ", " (empty: none).
 TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
                                TDriverConfig* config, std::string* source, std::string* error);
 

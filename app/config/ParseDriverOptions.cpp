@@ -120,12 +120,17 @@ void ApplyDriverConfig(const TDriverConfig& config, DriverOptions* opt) {
 TConfigStatus ReadDriverConfig(const TConfigChecks& checks, DriverOptions* opt,
                                TDriverConfig* config, std::string* error) {
     *config = DefaultDriverConfig(checks);
-    if (opt->noConfig) {
-        opt->configFile.clear();
-        return TConfigStatus::Ok;
+    opt->configFile.clear();
+    opt->configSkipped.clear();
+    if (opt->noConfig) return TConfigStatus::Ok;
+    TConfigSources sources;
+    const TConfigStatus status = LoadDriverConfig(ProcessConfigEnvironment(opt->configPath),
+                                                  checks, config, &sources, error);
+    for (const std::string& path : sources.files) {
+        opt->configFile += (opt->configFile.empty() ? "" : ", ") + path;
     }
-    return LoadDriverConfig(ProcessConfigEnvironment(opt->configPath), checks, config,
-                            &opt->configFile, error);
+    opt->configSkipped = std::move(sources.skipped);
+    return status;
 }
 
 std::optional<int> ApplyConfigFile(const TConfigChecks& checks, DriverOptions* opt) {
@@ -246,8 +251,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     app.add_flag("--claim-bus-name", opt.claimBusName)->group("");
     std::string configPath;
     app.add_option("--config", configPath,
-                   "Read the configuration from FILE instead of "
-                   "$XDG_CONFIG_HOME/irframe/irframe.toml or /etc/irframe/irframe.toml; the "
+                   "Read the configuration from FILE alone instead of irframe.toml, then "
+                   "irframe.d/*.toml, in $XDG_CONFIG_HOME/irframe (else /etc/irframe); the "
                    "command line overrides it")
         ->type_name("FILE");
     bool noConfig = false;
@@ -320,7 +325,7 @@ bool RereadDriverConfig(const TConfigChecks& checks, DriverOptions* options, std
     ApplyDriverConfig(config, &next);
     if (std::find(checks.keyProfiles.begin(), checks.keyProfiles.end(), next.keys) ==
         checks.keyProfiles.end()) {
-        *error = next.configFile + ": keys.profile '" + next.keys + "': use " +
+        *error = "configuration " + next.configFile + ": keys.profile '" + next.keys + "': use " +
                  Quoted(checks.keyProfiles);
         return false;
     }

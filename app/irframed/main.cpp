@@ -53,6 +53,9 @@ int main(int argc, char** argv) {
     if (!options.configFile.empty()) {
         TLog(TLogLevel::Info, "configuration %s", options.configFile.c_str());
     }
+    for (const std::string& line : options.configSkipped) {
+        TLog(TLogLevel::Warning, "%s", line.c_str());
+    }
 
     // The loop first: it blocks SIGTERM and SIGINT for every thread started after it.
     std::string error;
