@@ -168,7 +168,7 @@ public:
           m_description(std::move(description)),
           m_stopSignal(stopSignal) {}
 
-    TFrameEntry Describe() override;
+    TFrameEntry Describe() override { return Properties(m_stopSignal); }
 
     std::vector<uint8_t> ReadInfo() override {
         return BytesFromDriverJson(CallForString("ReadInfo", "reading the information block"),
@@ -230,6 +230,8 @@ private:
         const std::function<bool(const TMonitoredFrame&)>* onFrame;
         std::optional<TStreamEnd> end;
     };
+
+    TFrameEntry Properties(const TStopSignal& stopSignal);
 
     TMessage NewCall(const char* method) {
         sd_bus_message* m = nullptr;
@@ -326,10 +328,12 @@ TMessage CBusFrame::Run(TMessage call, const TTransferHooks& hooks, const std::s
     if (const sd_bus_error* e = sd_bus_message_get_error(reply.get())) {
         std::string extra;
         if (cancelSent) {
-            // Say what the frame is doing now.
+            // Say what the frame is doing now: the driver has just answered, and the signal
+            // that cancelled is no reason to leave it unasked (a second one ends the tool).
             try {
+                const TStopSignal none;
                 extra = "; frame " + std::to_string(m_description.number) + " is now " +
-                        Describe().state;
+                        Properties(none).state;
             } catch (const CToolError&) {
                 extra = "; the frame's state cannot be read";
             }
@@ -343,9 +347,9 @@ TMessage CBusFrame::Run(TMessage call, const TTransferHooks& hooks, const std::s
     return reply;
 }
 
-TFrameEntry CBusFrame::Describe() {
+TFrameEntry CBusFrame::Properties(const TStopSignal& stopSignal) {
     TMessage reply = Ask(m_bus, kDriverBusName, m_path.c_str(), "org.freedesktop.DBus.Properties",
-                         "GetAll", m_stopSignal, "reading the frame's properties", kFrameInterface);
+                         "GetAll", stopSignal, "reading the frame's properties", kFrameInterface);
     TFrameEntry d = m_description;
     sd_bus_message* m = reply.get();
     if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) {
