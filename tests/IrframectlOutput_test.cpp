@@ -276,6 +276,11 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
          "cannot read a scan pattern '" + Path("dir") + "': it is a directory; name a file in it"},
         {true, {"--simulate", binary, "--dry-run"}, 2,
          binary + ": line 2: unknown command \"\\x1b[2J\\xff\\xfe" + std::string(65, 'A') + "...\""},
+        // The system's own reason for a name under a file, never a guess.
+        {false, {"--simulate", m_script, "config", "restore", "--yes", m_script + "/x.json"}, 4,
+         "cannot read a configuration '" + m_script + "/x.json': Not a directory"},
+        {true, {"--simulate", m_script, "--dry-run", "-o", m_script + "/x.json"}, 1,
+         "cannot write '" + m_script + "/x.json': Not a directory"},
         {false, {"--usb", "--simulate", m_script, "list"}, 2,
          "--usb cannot go with --simulate: the emulated frame is reached over HID only"},
     };
