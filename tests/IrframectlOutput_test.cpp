@@ -257,6 +257,9 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
                                    "status, config, monitor, record, scan-pattern, touch-system-file"},
         {false, {"config", "frobnicate"}, 2, "unknown command 'frobnicate' of 'config'; the "
                                              "commands of 'config' are show, dump, restore"},
+        {false, {"--frobnicate"}, 2, "unknown option '--frobnicate'; a command is needed: list, "
+                                     "info, status, config, monitor, record, scan-pattern, "
+                                     "touch-system-file"},
         {true, {"--frobnicate"}, 2, "The following argument was not expected: --frobnicate "
                                     "(see irframed --help)"},
         {false, {"--simulate", m_script, "config", "restore", "--yes", File("nul.json", json + '\0' + "x")},
