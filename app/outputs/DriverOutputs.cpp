@@ -64,9 +64,12 @@ bool CDriverOutputs::Finish() {
 
 void CDriverOutputs::WriteFailed() {
     if (m_failureSaid.exchange(true)) return;
-    TLog(TLogLevel::Error,
-         "irframed: %s; ending (free some space, or keep the reader of the pipe running)",
-         Failure().c_str());
+    // What helps depends on the cause.
+    const int why = m_output.Error();
+    const char* advice = why == ENOSPC || why == EDQUOT ? " (free some space)"
+                         : why == EPIPE                 ? " (keep the reader of the pipe running)"
+                                                        : "";
+    TLog(TLogLevel::Error, "irframed: %s; ending%s", Failure().c_str(), advice);
     if (m_ports == nullptr || m_ports->loop == nullptr || !m_finished) return;
     m_ports->loop->Post([finished = m_finished] { finished(1); });
 }
