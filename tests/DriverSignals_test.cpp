@@ -9,12 +9,14 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
 
 #include <algorithm>
 #include <chrono>
@@ -196,6 +198,29 @@ TEST_F(DriverSignals, StopWhileTheBusDoesNotAnswer) {
         close(connection);
         close(listener);
     }
+}
+
+// Verify that a wake from sleep, which ends the driver at once, still puts the dry run's output
+// file in place with the lines so far.
+TEST_F(DriverSignals, WakeFromSleepKeepsTheOutputFile) {
+    CPrivateBus daemon;  // the session bus, and the system bus too
+    ASSERT_TRUE(daemon.Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
+    sd_bus* logind = daemon.Connect();
+    ASSERT_NE(logind, nullptr);
+    ASSERT_GE(sd_bus_request_name(logind, "org.freedesktop.login1", 0), 0);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", daemon.Address().c_str(), 1);
+    const std::string out = m_dir + "/out.json";
+    CDriver driver(m_dir, {"--no-config", "--dry-run", "--output", out, "--realtime", "--simulate",
+                           File("long.gesture", "down 1 10000 10000\nmove 1 14000 12000 in 1000\n")});
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    ASSERT_TRUE(driver.WaitForLog("\ndrag\n")) << driver.Log();
+    ASSERT_GE(sd_bus_emit_signal(logind, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                 "PrepareForSleep", "b", 0),
+              0);
+    sd_bus_flush(logind);
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    EXPECT_THAT(ReadFile(out), testing::StartsWith("{\"device\":1,\"type\":\"leftMouseDown\""));
+    sd_bus_flush_close_unref(logind);
 }
 
 // Verify that a script through a FIFO is played once its writer has written it.

@@ -33,6 +33,11 @@ bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
     }
     m_writer = std::make_unique<CJsonLinesWriter>(m_output.Stream(),
                                                   [this](int) { WriteFailed(); });
+    // Ending at once (wake from sleep) still puts the lines so far in place.
+    ports->beforeImmediateExit = [this, before = ports->beforeImmediateExit] {
+        if (before) before();
+        Finish();
+    };
     // The key namer is read when a frame's sink is made: a later backend gives it.
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {
         std::unique_ptr<CDeviceJsonSink>& sink = m_jsonSinks[deviceNumber];
