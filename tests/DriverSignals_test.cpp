@@ -139,7 +139,10 @@ TEST_P(StopWhileOpening, EndsInOrder) {
                            : Lines{"--no-config", "--dry-run", "--simulate", fifo},
                     c.tool);
     ASSERT_TRUE(program.Started());
-    ASSERT_TRUE(program.WaitForLog("is a FIFO: waiting for a writer")) << program.Log();
+    const std::string name = c.tool ? "irframectl: " : "";  // the driver's log is a log
+    ASSERT_TRUE(program.WaitForLog(name + "gesture script '" + fifo + "' is a FIFO: waiting for a "
+                                          "writer\n"))
+        << program.Log();
     program.Signal(c.signal);
     EXPECT_EQ(program.Wait(), c.status) << program.Log();
     EXPECT_THAT(program.Log(),
