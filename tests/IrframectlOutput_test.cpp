@@ -284,6 +284,9 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
          "cannot read a configuration '" + m_script + "/x.json': Not a directory"},
         {true, {"--simulate", m_script, "--dry-run", "-o", m_script + "/x.json"}, 1,
          "cannot write '" + m_script + "/x.json': Not a directory"},
+        {false, {"--simulate", m_script, "config", "restore", "--yes", "-"}, 2,
+         "'-' is not a file with a place beside it for the replaced configuration: name one "
+         "with --backup PATH"},
         {false, {"--usb", "--simulate", m_script, "list"}, 2,
          "--usb cannot go with --simulate: the emulated frame is reached over HID only"},
     };

@@ -238,7 +238,8 @@ int main(int argc, char** argv) {
         std::unique_ptr<ITransport> transport = ChooseTransport(opt);
         HoldStopSignals(false);
         TToolContext ctx{*transport, opt.frame, standardOutput.Stream(), std::cerr,
-                         [] { return g_interrupted != 0; }, isatty(STDERR_FILENO) != 0};
+                         [] { return g_interrupted != 0; }, isatty(STDERR_FILENO) != 0,
+                         StopSignal};
         exitStatus = run(ctx);
     } catch (const CToolError& e) {
         standardOutput.Stream().flush();
