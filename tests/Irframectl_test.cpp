@@ -926,4 +926,43 @@ TEST_F(IrframectlDriver, RestoredAreaMovesTheNextTouch) {
     EXPECT_NE(events[0], events[1]);
 }
 
+// Verify that map writes the desktop's setting for the name the frame's touchscreen gets, puts
+// the gestures' pointer on the monitor in the user's drop-in, and has the driver read it.
+TEST_F(IrframectlDriver, MapWritesTheDropInAndReloads) {
+    const char* saved = std::getenv("XDG_CONFIG_HOME");
+    const std::string savedValue = saved != nullptr ? saved : "";
+    const auto restore = [&] {
+        if (saved != nullptr) {
+            setenv("XDG_CONFIG_HOME", savedValue.c_str(), 1);
+        } else {
+            unsetenv("XDG_CONFIG_HOME");
+        }
+    };
+    setenv("XDG_CONFIG_HOME", Path("config").c_str(), 1);
+    const std::string script = File("long.gesture", "hold 6000\n");
+    if (!StartDriver({"--simulate", script, "--realtime"})) {
+        restore();
+        GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
+    }
+    const TRun map = Tool({"map", "--desktop", "wlroots", "HDMI-2"});
+    restore();
+    EXPECT_EQ(map.status, 0) << map.err;
+    EXPECT_THAT(map.err, HasSubstr("'irframe touchscreen frame 1'"));
+    EXPECT_THAT(map.out, HasSubstr("input \"43756:49184:irframe_touchscreen_frame_1\" "
+                                   "map_to_output HDMI-2"));
+    EXPECT_THAT(map.out, HasSubstr("irframed reloaded its configuration; screen.output "
+                                   "changed: in force after a restart"));
+    EXPECT_EQ(ReadFile(Path("config/irframe/irframe.d/40-map.toml")),
+              "# Written by irframectl map: the monitor the gestures' pointer maps into.\n"
+              "[screen]\noutput = \"HDMI-2\"\n");
+    EXPECT_TRUE(m_driver->WaitForErr("configuration reloaded from " +
+                                     Path("config/irframe/irframe.d/40-map.toml")))
+        << m_driver->Err();
+    setenv("XDG_CONFIG_HOME", Path("config").c_str(), 1);
+    const TRun show = Tool({"map", "--show", "--desktop", "wlroots"});
+    restore();
+    EXPECT_THAT(show.out, HasSubstr("  wlroots: map_to_output HDMI-2 in "));
+    EXPECT_EQ(Tool({"map", "--desktop", "mac", "HDMI-2"}).status, 2);
+}
+
 }  // namespace
