@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <map>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +20,12 @@
 
 #include "FrameAccess.h"
 #include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
+
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <mutex>
 
 namespace {
 
@@ -204,6 +212,139 @@ TEST_F(DesktopMapping, X11ThroughXinput) {
     kill(xvfb, SIGTERM);
     waitpid(xvfb, nullptr, 0);
     unsetenv("DISPLAY");
+}
+
+// Mutter's monitor list and KWin's input devices, as the desktops offer them on the session bus.
+class CFakeDesktopServices {
+public:
+    explicit CFakeDesktopServices(const CPrivateBus& bus) : m_bus(bus.Connect()) {
+        if (m_bus == nullptr) return;
+        static const sd_bus_vtable kMutter[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_METHOD("GetCurrentState", "",
+                          "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}",
+                          &CurrentState, 0),
+            SD_BUS_VTABLE_END};
+        static const sd_bus_vtable kManager[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("devicesSysNames", "as", &SysNames, 0, 0),
+            SD_BUS_VTABLE_END};
+        static const sd_bus_vtable kDevice[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("name", "s", &DeviceName, 0, 0),
+            SD_BUS_WRITABLE_PROPERTY("outputName", "s", &OutputName, &SetOutputName, 0, 0),
+            SD_BUS_VTABLE_END};
+        sd_bus_add_object_vtable(m_bus, nullptr, "/org/gnome/Mutter/DisplayConfig",
+                                 "org.gnome.Mutter.DisplayConfig", kMutter, this);
+        sd_bus_add_object_vtable(m_bus, nullptr, "/org/kde/KWin/InputDevice",
+                                 "org.kde.KWin.InputDeviceManager", kManager, this);
+        for (const char* device : {"event3", "event4"}) {
+            sd_bus_add_object_vtable(m_bus, nullptr,
+                                     (std::string("/org/kde/KWin/InputDevice/") + device).c_str(),
+                                     "org.kde.KWin.InputDevice", kDevice, this);
+        }
+        m_ok = sd_bus_request_name(m_bus, "org.gnome.Mutter.DisplayConfig", 0) >= 0 &&
+               sd_bus_request_name(m_bus, "org.kde.KWin", 0) >= 0;
+        m_thread = std::thread([this] {
+            while (!m_stop.load()) {
+                if (sd_bus_process(m_bus, nullptr) > 0) continue;
+                sd_bus_wait(m_bus, 10'000);
+            }
+        });
+    }
+    ~CFakeDesktopServices() {
+        m_stop.store(true);
+        if (m_thread.joinable()) m_thread.join();
+        sd_bus_flush_close_unref(m_bus);
+    }
+    bool Ok() const { return m_ok; }
+    std::string Output(const std::string& sysName) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_outputs[sysName];
+    }
+
+private:
+    static std::string SysName(const char* path) { return std::strrchr(path, '/') + 1; }
+
+    static int CurrentState(sd_bus_message* m, void*, sd_bus_error*) {
+        sd_bus_message* reply = nullptr;
+        sd_bus_message_new_method_return(m, &reply);
+        sd_bus_message_append(reply, "u", 7u);
+        sd_bus_message_open_container(reply, 'a', "((ssss)a(siiddada{sv})a{sv})");
+        for (const TMonitorId& monitor :
+             {TMonitorId{"eDP-1", "BOE", "0x0a1c", "0x00000000"}, kMonitor}) {
+            sd_bus_message_open_container(reply, 'r', "(ssss)a(siiddada{sv})a{sv}");
+            sd_bus_message_append(reply, "(ssss)", monitor.connector.c_str(),
+                                  monitor.vendor.c_str(), monitor.product.c_str(),
+                                  monitor.serial.c_str());
+            sd_bus_message_append(reply, "a(siiddada{sv})", 1, "1920x1080@60", 1920, 1080, 60.0,
+                                  1.0, 2, 1.0, 2.0, 0);
+            sd_bus_message_append(reply, "a{sv}", 1, "is-builtin", "b", 0);
+            sd_bus_message_close_container(reply);
+        }
+        sd_bus_message_close_container(reply);
+        sd_bus_message_append(reply, "a(iiduba(ssss)a{sv})a{sv}", 0, 0);
+        const int r = sd_bus_send(nullptr, reply, nullptr);
+        sd_bus_message_unref(reply);
+        return r;
+    }
+    static int SysNames(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                        void*, sd_bus_error*) {
+        return sd_bus_message_append(reply, "as", 2, "event3", "event4");
+    }
+    static int DeviceName(sd_bus*, const char* path, const char*, const char*,
+                          sd_bus_message* reply, void*, sd_bus_error*) {
+        return sd_bus_message_append(reply, "s", SysName(path) == "event4" ? kArea.name.c_str()
+                                                                           : "Some keyboard");
+    }
+    static int OutputName(sd_bus*, const char* path, const char*, const char*,
+                          sd_bus_message* reply, void* self, sd_bus_error*) {
+        return sd_bus_message_append(
+            reply, "s", static_cast<CFakeDesktopServices*>(self)->Output(SysName(path)).c_str());
+    }
+    static int SetOutputName(sd_bus*, const char* path, const char*, const char*,
+                             sd_bus_message* value, void* self, sd_bus_error*) {
+        const char* output = nullptr;
+        const int r = sd_bus_message_read(value, "s", &output);
+        if (r < 0) return r;
+        auto* services = static_cast<CFakeDesktopServices*>(self);
+        std::lock_guard<std::mutex> lock(services->m_mutex);
+        services->m_outputs[SysName(path)] = output;
+        return 1;
+    }
+
+    sd_bus* m_bus;
+    bool m_ok = false;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::map<std::string, std::string> m_outputs;  // by sysname
+};
+
+// Verify that GNOME's monitor comes from Mutter with its vendor, product and serial, and that
+// KWin's input device of the touchscreen's name takes the output at once.
+TEST_F(DesktopMapping, AsksMutterAndKwinOnTheSessionBus) {
+    CPrivateBus bus;
+    ASSERT_TRUE(bus.Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
+    CFakeDesktopServices services(bus);
+    ASSERT_TRUE(services.Ok());
+
+    std::vector<std::string> notes;
+    const TMonitorId monitor = Mapping(TDesktop::Gnome)->Monitor("HDMI-1", &notes);
+    EXPECT_TRUE(notes.empty());
+    EXPECT_EQ(monitor.vendor, kMonitor.vendor);
+    EXPECT_EQ(monitor.product, kMonitor.product);
+    EXPECT_EQ(monitor.serial, kMonitor.serial);
+    try {
+        Mapping(TDesktop::Gnome)->Monitor("DP-9", &notes);
+        ADD_FAILURE() << "DP-9 taken";
+    } catch (const CToolError& e) {
+        EXPECT_THAT(e.what(), HasSubstr("its monitors: eDP-1, HDMI-1"));
+    }
+
+    EXPECT_THAT(Map(TDesktop::Kde, kArea, kMonitor), HasSubstr("KWin maps it to HDMI-1 now"));
+    EXPECT_EQ(services.Output("event4"), "HDMI-1");
+    EXPECT_EQ(services.Output("event3"), "");
 }
 
 }  // namespace
