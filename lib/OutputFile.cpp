@@ -73,8 +73,7 @@ void COutputFile::GuardStandardDescriptors() {
     }
 }
 
-bool COutputFile::Open(const std::string& path, TExisting existing, std::string* error,
-                       TWriting writing) {
+bool COutputFile::Open(const std::string& path, TExisting existing, std::string* error) {
     m_path = path;
     m_refuseExisting = existing == TExisting::Refuse;
     const auto refuse = [&](const std::string& why) {
@@ -114,22 +113,6 @@ bool COutputFile::Open(const std::string& path, TExisting existing, std::string*
         break;
     }
     m_target = target;
-
-    if (writing == TWriting::Live) {
-        // Not blocking, and not through a link: what was checked above is what is opened.
-        const int fd = open(target.c_str(),
-                            O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-        if (fd < 0) return refuse(std::strerror(errno));
-        struct stat opened {};
-        if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
-            close(fd);
-            return refuse(std::string("it is ") + KindOf(opened.st_mode) + ", not a regular file");
-        }
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-        m_fd = fd;
-        m_live = true;
-        return true;
-    }
 
     int fd = -1;
     for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
@@ -202,11 +185,10 @@ bool COutputFile::Commit(std::string* error) {
         }
         return true;
     }
-    if (m_fd < 0 || (m_temporary.empty() && !m_live)) return fail(EBADF);  // not open, or done
+    if (m_fd < 0 || m_temporary.empty()) return fail(EBADF);  // not open, or done
     if (fsync(m_fd) != 0) return fail(errno);
     const int fd = std::exchange(m_fd, -1);
     if (close(fd) != 0) return fail(errno);
-    if (m_live) return true;
     if (m_refuseExisting) {
         // Whatever appeared under the name meanwhile stays.
         if (renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_target.c_str(),

@@ -9,9 +9,8 @@
 // - Anything else that exists (a device node, a FIFO, a socket, a directory) is refused when
 //   the file is opened, before any work is done: a node under /dev is never replaced by a file.
 // - With TExisting::Refuse (backups) nothing that exists is replaced, not even a link.
-// - A stream that is read while it is written (the driver's JSON lines, followed live) is opened
-//   with TWriting::Live: the same checks, but written in place from the start (an existing file
-//   is emptied) and synced at the end.
+// - A stream written over a long run (the driver's JSON lines) is no different: the name holds
+//   the old file until the run commits. What is to be followed live goes to standard output.
 //
 // Example:
 //   COutputFile out;
@@ -34,7 +33,6 @@
 class COutputFile {
 public:
     enum class TExisting { Replace, Refuse };
-    enum class TWriting { Whole, Live };
 
     COutputFile();
     ~COutputFile();  // an uncommitted temporary is removed; the named file is left as it was
@@ -43,8 +41,7 @@ public:
 
     // Checks `path` and, for a file, creates the temporary beside it. False with `error`, one
     // line: "cannot write 'PATH': why".
-    bool Open(const std::string& path, TExisting existing, std::string* error,
-              TWriting writing = TWriting::Whole);
+    bool Open(const std::string& path, TExisting existing, std::string* error);
     // Appends; false once any write failed (later writes are dropped).
     bool Write(std::string_view data);
     // The same, as a stream (buffered; Commit flushes it).
@@ -95,6 +92,5 @@ private:
     int m_fd = -1;
     bool m_standardOutput = false;
     bool m_refuseExisting = false;
-    bool m_live = false;      // written in place
     int m_errno = 0;          // the first failure
 };

@@ -36,8 +36,9 @@ std::string UnknownCommand(const CLI::App& at, const std::vector<std::string>& w
                            bool commandMissing) {
     const std::vector<const CLI::App*> subs = at.get_subcommands({});
     if (subs.empty()) return {};
-    std::string word;
+    std::string word, option;
     for (const std::string& w : words) {
+        if (!w.empty() && w[0] == '-' && option.empty()) option = w;
         if (!w.empty() && w[0] != '-') {
             word = w;
             break;
@@ -53,7 +54,10 @@ std::string UnknownCommand(const CLI::App& at, const std::vector<std::string>& w
         if (!commandMissing || at.get_require_subcommand_min() == 0) return {};
         const std::string who = at.get_parent() == nullptr ? "a command is needed"
                                                            : "'" + FullName(at) + "' needs a command";
-        return who + ": " + names;
+        // An option nobody knows is the first thing to say, not hidden behind the command.
+        const std::string unknown =
+            option.empty() ? "" : "unknown option " + QuotedText(option) + "; ";
+        return unknown + who + ": " + names;
     }
     return "unknown command " + QuotedText(word) + where + "; the commands" + where + " are " +
            names;

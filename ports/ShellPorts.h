@@ -32,4 +32,7 @@ struct TShellPorts {
     std::function<std::vector<IContactListener*>(int deviceNumber)> firstContactListeners;
     // Whether the gesture emulation listens to the frames' contacts (it does unless turned off).
     bool gestures = true;
+    // Runs when the process is about to end at once (wake from sleep), for what must not be
+    // lost even then: a result file put in place. Main thread.
+    std::function<void()> beforeImmediateExit;
 };

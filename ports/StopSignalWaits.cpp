@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,10 +35,32 @@ int WaitReadable(int fd) {
     }
 }
 
+// SIGINT and SIGTERM held back in this thread while it waits, so that one sent meanwhile stays
+// pending for TakeStopSignal whatever the program does with it otherwise (a handler would take
+// it and leave the wait running; the default action would end the process unsaid). The mask
+// before is put back at the end: a signal not taken is then delivered as usual.
+class CStopSignalsHeld {
+public:
+    CStopSignalsHeld() {
+        sigset_t stops;
+        sigemptyset(&stops);
+        sigaddset(&stops, SIGINT);
+        sigaddset(&stops, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &stops, &m_before);
+    }
+    ~CStopSignalsHeld() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    CStopSignalsHeld(const CStopSignalsHeld&) = delete;
+    CStopSignalsHeld& operator=(const CStopSignalsHeld&) = delete;
+
+private:
+    sigset_t m_before;
+};
+
 }  // namespace
 
 int ReadWholeFileWaiting(const std::string& path, size_t limit, std::string* text,
                          std::string* error) {
+    const CStopSignalsHeld held;
     // Non-blocking: opening a FIFO does not wait for a writer, reading it does not wait for data.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {

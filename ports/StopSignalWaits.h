@@ -1,9 +1,7 @@
 // Waits that SIGINT and SIGTERM end. Once the event loop exists the two signals are blocked
 // (the loop reads them), so a blocking call made outside the loop would not see them: a FIFO
 // named as a file makes open() and read() wait for the other end, for ever if nobody comes.
-// These wait in short steps and look for a pending SIGINT or SIGTERM between them. They need
-// the two signals blocked in the calling thread (otherwise a signal still ends the process by
-// its default action).
+// These wait in short steps and look for a pending SIGINT or SIGTERM between them.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +10,8 @@
 
 // Reads the whole file at `path` into `text` (at most `limit` bytes: more is an error). A FIFO
 // is waited for, a writer at a time, until end of file. Returns 0 and fills `text`, or -1 with
-// `error` set to the system's reason, or the number of the signal that ended the wait.
+// `error` set to the system's reason, or the number of the signal that ended the wait. The two
+// signals are held back in the calling thread while it reads, whatever their handling.
 int ReadWholeFileWaiting(const std::string& path, size_t limit, std::string* text,
                          std::string* error);
 

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
 
 #include "AreaFit.h"
 #include "TargetLayout.h"
@@ -51,11 +54,29 @@ TAreaFitInput Input(int points, const TPlanted& planted, const _CS_CONFIG& g) {
 
 }  // namespace
 
-// Verify that every planted mis-calibration in the supported ranges is undone: each target's
-// touch lands within half a pixel of it, through the library's translation.
+// The worst distance (pixels) of a touch from its target after the fit, through the library's
+// translation.
+double WorstAfterFit(int points, const TPlanted& planted, const _CS_CONFIG& g) {
+    const TAreaFitInput in = Input(points, planted, g);
+    std::string error;
+    const auto fit = FitArea(in, &error);
+    EXPECT_TRUE(fit) << error;
+    if (!fit) return 1e9;
+    double worst = 0.0;
+    for (const TTargetTouch& t : in.touches) {
+        const auto at = MapThroughArea(fit->area, g, kScreenW, kScreenH, t.raw);
+        if (!at) return 1e9;
+        worst = std::max(worst, std::hypot(at->x - t.screen.x, at->y - t.screen.y));
+    }
+    return worst;
+}
+
+const _CS_CONFIG kSimGeometry{8191, 8191, 32766, 32766};
+const _CS_CONFIG kOtherGeometry{4095, 2047, 16383, 9000};
+
+// Verify that the planted mis-calibrations at the edges of the supported ranges are undone: each
+// target's touch lands within half a pixel of it.
 TEST(CalibrationToolFit, UndoesPlantedTransforms) {
-    const _CS_CONFIG sim{8191, 8191, 32766, 32766};
-    const _CS_CONFIG other{4095, 2047, 16383, 9000};
     const TPlanted cases[] = {
         {0, 1, 1, 0, 0, 0, 1, 1, 1, 1, true},
         {5, 1.1, 0.9, 0, 0.05, -0.05, 1, 1, 1, 1, true},
@@ -64,33 +85,42 @@ TEST(CalibrationToolFit, UndoesPlantedTransforms) {
         {-3, 0.95, 1.05, -0.05, -0.03, 0.04, 0.97, 1.03, 1.02, 0.98, true},  // sides differ
         {1, 1.05, 0.95, 0, 0, 0, 0.9, 1.1, 1.1, 0.9, true},
         {4, 0.92, 1.08, 0.03, 0.05, 0.05, 1.08, 0.93, 0.94, 1.06, false},
+        // Sides far apart: edge adjustments of more than one whole unit's step
+        {-3.946, 1.001, 1.077, 0.007, -0.022, -0.015, 1.079, 0.948, 0.905, 1.093, true},
+        {-2.714, 1.068, 0.961, -0.003, 0.015, -0.036, 0.961, 1.077, 1.077, 1.003, true},
     };
-    for (const _CS_CONFIG& g : {sim, other}) {
+    for (const _CS_CONFIG& g : {kSimGeometry, kOtherGeometry}) {
         for (const int points : {5, 9}) {
             for (const TPlanted& planted : cases) {
-                const TAreaFitInput in = Input(points, planted, g);
-                std::string error;
-                const auto fit = FitArea(in, &error);
-                ASSERT_TRUE(fit) << error;
-                for (size_t i = 0; i < in.touches.size(); ++i) {
-                    const auto at =
-                        MapThroughArea(fit->area, g, kScreenW, kScreenH, in.touches[i].raw);
-                    ASSERT_TRUE(at);
-                    EXPECT_LE(std::hypot(at->x - in.touches[i].screen.x,
-                                         at->y - in.touches[i].screen.y),
-                              0.5)
-                        << "target " << i << " of " << points << ", rotation "
-                        << planted.rotationDeg << ", raw " << g.rawWidth;
-                }
+                EXPECT_LE(WorstAfterFit(points, planted, g), 0.5)
+                    << points << " points, rotation " << planted.rotationDeg << ", raw "
+                    << g.rawWidth;
             }
+        }
+    }
+}
+
+// Verify the same for transforms drawn anywhere in the supported ranges (a fixed seed): the
+// record's integers must not leave some combinations off target.
+TEST(CalibrationToolFit, UndoesTransformsAcrossTheRanges) {
+    std::mt19937 draw(2026);
+    const auto in = [&](double low, double high) {
+        return low + (high - low) * (draw() / 4294967296.0);
+    };
+    for (int i = 0; i < 12; ++i) {
+        const TPlanted planted{in(-5, 5),       in(0.9, 1.1),   in(0.9, 1.1), in(-0.1, 0.1),
+                               in(-0.05, 0.05), in(-0.05, 0.05), in(0.9, 1.1), in(0.9, 1.1),
+                               in(0.9, 1.1),    in(0.9, 1.1),   draw() % 2 == 0};
+        for (const int points : {5, 9}) {
+            EXPECT_LE(WorstAfterFit(points, planted, kSimGeometry), 0.5)
+                << "draw " << i << ", " << points << " points";
         }
     }
 }
 
 // Verify that touches on one spot, or along one line, are refused with a message.
 TEST(CalibrationToolFit, RefusesDegenerateTouches) {
-    const _CS_CONFIG g{8191, 8191, 32766, 32766};
-    TAreaFitInput in = Input(5, {0, 1, 1, 0, 0, 0, 1, 1, 1, 1, true}, g);
+    TAreaFitInput in = Input(5, {0, 1, 1, 0, 0, 0, 1, 1, 1, 1, true}, kSimGeometry);
     TAreaFitInput same = in;
     for (TTargetTouch& t : same.touches) t.raw = {16000, 16000};
     TAreaFitInput line = in;

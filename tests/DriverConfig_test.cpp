@@ -306,13 +306,9 @@ TEST_F(ConfigFile, RefusesWhatIsNotAConfigurationFile) {
     const std::string bad = File("bad.toml", "[keys]\nprofile = \"x\"\n");
     EXPECT_THAT(LoadError(bad, TConfigStatus::Invalid), StartsWith(bad + ":2:11: keys.profile: "));
 
-    const std::string locked = File("locked.toml", "log_level = \"info\"\n");
-    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
-    if (geteuid() != 0) {  // root reads it anyway
-        EXPECT_EQ(LoadError(locked), "cannot read configuration " + locked +
-                                         ": Permission denied (check its permissions: ls -l " +
-                                         locked + ")");
-    }
+    // The system's own reason, whatever it is (root reads a file of mode 0 anyway).
+    const std::string underAFile = File("plain.toml", "") + "/irframe.toml";
+    EXPECT_EQ(LoadError(underAFile), "cannot read configuration " + underAFile + ": Not a directory");
 }
 
 struct TLookupCase {

@@ -5,14 +5,18 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
 
 #include <algorithm>
 #include <chrono>
@@ -49,11 +53,13 @@ bool WaitFor(const std::function<bool()>& done, int boundMillis = kBoundMillis) 
     return true;
 }
 
-// One irframed process, its standard output and error in files of a temporary directory.
+// One irframed process (or, with `tool`, irframectl), its standard output and error in files of
+// a temporary directory.
 class CDriver {
 public:
-    CDriver(const std::string& dir, Lines args) : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
-        Lines argv{IRFRAMED_PATH, "-vv"};
+    CDriver(const std::string& dir, Lines args, bool tool = false)
+        : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
+        Lines argv = tool ? Lines{IRFRAMECTL_PATH} : Lines{IRFRAMED_PATH, "-vv"};
         argv.insert(argv.end(), args.begin(), args.end());
         m_pid = SpawnWithOutputFiles(std::move(argv), m_out, m_err);
     }
@@ -115,39 +121,107 @@ constexpr const char* kTap = "down 1 16000 16000\nhold 2\nup 1\n";
 
 struct TFifoCase {
     const char* name;
-    bool scriptIsFifo;  // else the output is
+    bool tool;   // irframectl --simulate FIFO list, else irframed --simulate FIFO --dry-run
     int signal;
-    const char* waiting;
-    const char* stopping;
+    int status;  // the program's status for an end asked for
 };
 
 class StopWhileOpening : public DriverSignals, public testing::WithParamInterface<TFifoCase> {};
 
-// Verify that a driver waiting for the other end of a FIFO (a script without a writer) says so,
-// and ends in order on SIGTERM or SIGINT, with status 0. (A FIFO as the output is refused at
-// once: tests/IrframectlOutput_test.cpp.)
+// Verify that either program waiting for the writer of a script FIFO says so, and ends in
+// order on SIGTERM or SIGINT with the same line, naming the signal. (A FIFO as an output is
+// refused at once: tests/IrframectlOutput_test.cpp.)
 TEST_P(StopWhileOpening, EndsInOrder) {
     const TFifoCase& c = GetParam();
     const std::string fifo = Fifo("fifo");
-    const std::string script = c.scriptIsFifo ? fifo : File("tap.gesture", kTap);
-    Lines args{"--no-config", "--dry-run", "--simulate", script};
-    if (!c.scriptIsFifo) args.insert(args.end(), {"--output", fifo});
-    CDriver driver(m_dir, args);
-    ASSERT_TRUE(driver.Started());
-    ASSERT_TRUE(driver.WaitForLog(c.waiting)) << driver.Log();
-    driver.Signal(c.signal);
-    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
-    EXPECT_THAT(driver.Log(), HasSubstr(c.stopping));
+    CDriver program(m_dir,
+                    c.tool ? Lines{"--simulate", fifo, "list"}
+                           : Lines{"--no-config", "--dry-run", "--simulate", fifo},
+                    c.tool);
+    ASSERT_TRUE(program.Started());
+    ASSERT_TRUE(program.WaitForLog("is a FIFO: waiting for a writer")) << program.Log();
+    program.Signal(c.signal);
+    EXPECT_EQ(program.Wait(), c.status) << program.Log();
+    EXPECT_THAT(program.Log(),
+                HasSubstr(std::string(c.tool ? "irframectl: " : "irframed: ") +
+                          (c.signal == SIGINT ? "SIGINT" : "SIGTERM") +
+                          " while waiting for a writer to the gesture script '" + fifo +
+                          "': stopping\n"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Fifos, StopWhileOpening,
-    testing::Values(
-        TFifoCase{"ScriptWithoutWriter", true, SIGTERM, "is a FIFO: waiting for a writer",
-                  "SIGTERM while waiting for a writer to the gesture script"},
-        TFifoCase{"ScriptWithoutWriterSigint", true, SIGINT, "is a FIFO: waiting for a writer",
-                  "SIGINT while waiting for a writer to the gesture script"}),
+    testing::Values(TFifoCase{"DriverSigterm", false, SIGTERM, 0},
+                    TFifoCase{"DriverSigint", false, SIGINT, 0},
+                    TFifoCase{"ToolSigterm", true, SIGTERM, 5},
+                    TFifoCase{"ToolSigint", true, SIGINT, 5}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Verify that a bus that takes the connection and never answers holds neither program past
+// SIGTERM: the driver goes on without it and ends in order; the tool ends as cancelled.
+TEST_F(DriverSignals, StopWhileTheBusDoesNotAnswer) {
+    const struct {
+        bool tool;
+        int status;
+        const char* said;
+    } cases[] = {
+        {false, 0, "no session bus (stopped while waiting for the bus to answer)"},
+        {true, 5, "irframectl: SIGTERM while waiting for an answer (looking for the driver on "
+                  "the bus): stopping\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.tool ? "irframectl" : "irframed");
+        const std::string socketPath = m_dir + (c.tool ? "/tool-bus" : "/driver-bus");
+        const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(listen(listener, 8), 0);
+        // The session bus, and the driver's system bus too.
+        const std::string bus = "unix:path=" + socketPath;
+        setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
+        CDriver program(m_dir,
+                        c.tool ? Lines{"list"}
+                               : Lines{"--no-config", "--dry-run", "--simulate",
+                                       File("tap.gesture", kTap) + "@60s"},
+                        c.tool);
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+        // Connected: the program waits for the bus's greeting now, its signals in its hands.
+        const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        ASSERT_GE(connection, 0);
+        program.Signal(SIGTERM);
+        EXPECT_EQ(program.Wait(), c.status) << program.Log();
+        EXPECT_THAT(program.Log(), HasSubstr(c.said));
+        close(connection);
+        close(listener);
+    }
+}
+
+// Verify that a wake from sleep, which ends the driver at once, still puts the dry run's output
+// file in place with the lines so far.
+TEST_F(DriverSignals, WakeFromSleepKeepsTheOutputFile) {
+    CPrivateBus daemon;  // the session bus, and the system bus too
+    ASSERT_TRUE(daemon.Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
+    sd_bus* logind = daemon.Connect();
+    ASSERT_NE(logind, nullptr);
+    ASSERT_GE(sd_bus_request_name(logind, "org.freedesktop.login1", 0), 0);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", daemon.Address().c_str(), 1);
+    const std::string out = m_dir + "/out.json";
+    CDriver driver(m_dir, {"--no-config", "--dry-run", "--output", out, "--realtime", "--simulate",
+                           File("long.gesture", "down 1 10000 10000\nmove 1 14000 12000 in 1000\n")});
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    ASSERT_TRUE(driver.WaitForLog("\ndrag\n")) << driver.Log();
+    ASSERT_GE(sd_bus_emit_signal(logind, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                 "PrepareForSleep", "b", 0),
+              0);
+    sd_bus_flush(logind);
+    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    EXPECT_THAT(ReadFile(out), testing::StartsWith("{\"device\":1,\"type\":\"leftMouseDown\""));
+    sd_bus_flush_close_unref(logind);
+}
 
 // Verify that a script through a FIFO is played once its writer has written it.
 TEST_F(DriverSignals, ScriptThroughAFifoPlays) {

@@ -258,6 +258,9 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
                                    "touch-system-file, map"},
         {false, {"config", "frobnicate"}, 2, "unknown command 'frobnicate' of 'config'; the "
                                              "commands of 'config' are show, dump, restore"},
+        {false, {"--frobnicate"}, 2, "unknown option '--frobnicate'; a command is needed: list, "
+                                     "info, status, config, monitor, record, scan-pattern, "
+                                     "touch-system-file"},
         {true, {"--frobnicate"}, 2, "The following argument was not expected: --frobnicate "
                                     "(see irframed --help)"},
         {false, {"--simulate", m_script, "config", "restore", "--yes", File("nul.json", json + '\0' + "x")},
@@ -277,6 +280,11 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
          "cannot read a scan pattern '" + Path("dir") + "': it is a directory; name a file in it"},
         {true, {"--simulate", binary, "--dry-run"}, 2,
          binary + ": line 2: unknown command \"\\x1b[2J\\xff\\xfe" + std::string(65, 'A') + "...\""},
+        // The system's own reason for a name under a file, never a guess.
+        {false, {"--simulate", m_script, "config", "restore", "--yes", m_script + "/x.json"}, 4,
+         "cannot read a configuration '" + m_script + "/x.json': Not a directory"},
+        {true, {"--simulate", m_script, "--dry-run", "-o", m_script + "/x.json"}, 1,
+         "cannot write '" + m_script + "/x.json': Not a directory"},
         {false, {"--usb", "--simulate", m_script, "list"}, 2,
          "--usb cannot go with --simulate: the emulated frame is reached over HID only"},
     };

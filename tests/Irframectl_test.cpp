@@ -477,10 +477,10 @@ TEST_F(Irframectl, MonitorJsonShowsTheScriptContacts) {
                        (j["retired"].get<bool>() ? " retired " : " ") + std::to_string(j["x"].get<int>()) +
                        "," + std::to_string(j["y"].get<int>()) + " " + j["place"].get<std::string>());
     }
-    EXPECT_THAT(seen, testing::ElementsAre("1 0 1000,2000 default", "2 0 30000,4000 default",
-                                           "1 1 1100,2000 default", "2 1 30000,4000 default",
-                                           "1 2 1100,2000 default", "2 2 30000,4000 default",
-                                           "7 0 5000,6000 default", "7 0 retired 5000,6000 default"));
+    EXPECT_THAT(seen, testing::ElementsAre("1 0 1000,2000 area", "2 0 30000,4000 area",
+                                           "1 1 1100,2000 area", "2 1 30000,4000 area",
+                                           "1 2 1100,2000 area", "2 2 30000,4000 area",
+                                           "7 0 5000,6000 area", "7 0 retired 5000,6000 area"));
     // A simulated frame's script starts on a whole second.
     EXPECT_EQ(firstStamp % 4'000'000, 0);
 }
@@ -497,21 +497,21 @@ TEST_F(Irframectl, ConfigRestoreShowsChangesKeepsBackupAndVerifies) {
     ASSERT_TRUE(DevConfigFromJson(original, record.get(), &error)) << error;
 
     Json changed = Json::parse(original);
-    changed["flags"] = "0x00101F05";
-    changed["areas"] = Json::parse(R"([{"netAddress": "10.0.0.2", "port": 1, "port2": 2, "mode": 5,
+    changed["flags"] = "0x00101705";
+    changed["areas"].push_back(Json::parse(R"({"netAddress": "10.0.0.2", "port": 1, "port2": 2, "mode": 5,
         "id": 3, "group": 0, "rotation": 1,
         "outputRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
         "targetRect": {"x": 0, "y": 0, "width": 1280, "height": 720},
         "edgeAdjust": {"minusX": 15, "plusX": 15, "minusY": 15, "plusY": 15},
         "center": {"x": 16384, "y": 16384}, "axisH": {"x": -16384, "y": 0},
-        "axisV": {"x": 0, "y": 16384}}])");
+        "axisV": {"x": 0, "y": 16384}})"));
     const std::string wanted = File("wanted.json", changed.dump(2));
     const TRun restore = Tool({"--simulate", script, "config", "restore", wanted, "--yes",
                                "--backup", Path("before.json")});
     ASSERT_EQ(restore.status, 0) << restore.err;
-    EXPECT_THAT(restore.out, HasSubstr("  /flags: \"0x00101705\" -> \"0x00101F05\"\n"));
-    EXPECT_THAT(restore.out, HasSubstr("  /areas/0: added\n"));
-    EXPECT_THAT(restore.out, HasSubstr("written and read back: frame 1 now holds 1 area, 0 panels"));
+    EXPECT_THAT(restore.out, HasSubstr("  /flags: \"0x00101F05\" -> \"0x00101705\"\n"));
+    EXPECT_THAT(restore.out, HasSubstr("  /areas/1: added\n"));
+    EXPECT_THAT(restore.out, HasSubstr("written and read back: frame 1 now holds 2 areas, 0 panels"));
     EXPECT_EQ(ReadFile(Path("before.json")), original);
 
     // The backup goes next to the file unless named.
@@ -591,7 +591,7 @@ TEST_F(Irframectl, ListInfoStatusAndUsage) {
     const TRun info = Tool({"--simulate", script, "info", "1"});
     EXPECT_EQ(info.status, 0) << info.err;
     EXPECT_THAT(info.out, HasSubstr("geometry       logical 8191x8191, raw 32766x32766\n"));
-    EXPECT_THAT(info.out, HasSubstr("configuration  0 areas, 0 panels\n"));
+    EXPECT_THAT(info.out, HasSubstr("configuration  1 area, 0 panels\n"));
     EXPECT_THAT(info.out, HasSubstr("information block (43 bytes)\n000000  30 31 32"));
     const TRun status = Tool({"--simulate", script, "status"});
     EXPECT_EQ(status.status, 0) << status.err;
@@ -764,10 +764,40 @@ TEST_F(IrframectlBus, TransferCancelAndBusy) {
     EXPECT_EQ(ReadFile(Path("got.bin")), std::string("\xB2\x00\x06\x00\x00\x00", 6));
 }
 
-TEST_F(IrframectlBus, NoDriverOnTheBus) {
+// Verify that no driver on the bus is a failure, and that an owner of the driver's name that
+// never answers is waited for only until SIGINT or SIGTERM, which end the tool as cancelled
+// with one line naming the signal.
+TEST_F(IrframectlBus, NoDriverOrOneThatNeverAnswers) {
     const TRun run = Tool({"--bus", "list"});
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.err, HasSubstr("no driver owns org.irframe.Driver1"));
+
+    // Takes every message it is sent and answers none.
+    sd_bus* silent = m_bus->Connect();
+    ASSERT_NE(silent, nullptr);
+    ASSERT_GE(sd_bus_request_name(silent, "org.irframe.Driver1", 0), 0);
+    std::atomic<int> asked{0};
+    const auto swallow = [](sd_bus_message* m, void* count, sd_bus_error*) {
+        if (sd_bus_message_is_method_call(m, nullptr, "ListFrames")) ++*static_cast<std::atomic<int>*>(count);
+        return 1;
+    };
+    ASSERT_GE(sd_bus_add_filter(silent, nullptr, swallow, &asked), 0);
+    for (const int signal : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(signal);
+        const int before = asked;
+        CChild tool = Start(IRFRAMECTL_PATH, {"list"});
+        for (int waited = 0; asked == before && waited < kSafetyMillis; waited += 10) {
+            while (sd_bus_process(silent, nullptr) > 0) {
+            }
+            sd_bus_wait(silent, 10'000);
+        }
+        ASSERT_GT(asked, before) << tool.Err();
+        tool.Signal(signal);
+        EXPECT_EQ(tool.Wait(), 5);
+        EXPECT_EQ(tool.Err(), std::string("irframectl: ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") +
+                                  " while waiting for an answer (listing the frames): stopping\n");
+    }
+    sd_bus_flush_close_unref(silent);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -42,6 +42,7 @@ struct TRun {
     Lines log;        // standard error, line by line
     std::string logText;
     std::string printed;  // standard output
+    std::string outputWhenSignalled;  // the output file as the signal was sent
 };
 
 std::string ReadFile(const std::string& path) {
@@ -111,7 +112,7 @@ protected:
     }
 
     // Runs the driver with `args` and --dry-run into a file; ends it if it hangs. With
-    // `signalWhen`, sends SIGTERM once the output holds that text.
+    // `signalWhen`, sends SIGTERM once the log holds that line.
     TRun Run(Lines args, bool dryRun = true, const std::string& signalWhen = "") {
         const std::string out = m_dir + "/out.json";
         const std::string err = m_dir + "/err.txt";
@@ -138,7 +139,8 @@ protected:
         for (int waited = 0;; waited += 10) {
             const pid_t r = waitpid(pid, &wstatus, WNOHANG);
             if (r == pid) break;
-            if (!signalled && ReadFile(out).find(signalWhen) != std::string::npos) {
+            if (!signalled && ReadFile(err).find("\n" + signalWhen + "\n") != std::string::npos) {
+                run.outputWhenSignalled = ReadFile(out);
                 kill(pid, SIGTERM);
                 signalled = true;
             }
@@ -434,12 +436,20 @@ TEST_F(Irframed, TwoFramesAtOnce) {
 }
 
 // Verify that SIGTERM ends the driver in order: the held button is released, the device is
-// closed, and the exit status is 0.
+// closed, the exit status is 0, and the output file, which held an earlier run until then, is
+// replaced whole with this one's lines, its mode kept.
 TEST_F(Irframed, TerminationSignalEndsInOrder) {
+    const std::string out = m_dir + "/out.json";
+    std::ofstream(out) << "an earlier run\n";
+    ASSERT_EQ(chmod(out.c_str(), 0640), 0);
     // Ten seconds of drag in real time: the signal comes long before the script ends.
     const TRun run = Run({"--realtime", "--simulate",
                           Script("long", "down 1 10000 10000\nmove 1 14000 12000 in 1000\n")},
-                         true, "leftMouseDragged");
+                         true, "drag");
+    EXPECT_EQ(run.outputWhenSignalled, "an earlier run\n");
+    struct stat st {};
+    ASSERT_EQ(stat(out.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
     EXPECT_EQ(run.status, 0) << run.logText;
     ASSERT_FALSE(run.events.empty());
     EXPECT_EQ(run.events.back(), "leftMouseUp 0,0");

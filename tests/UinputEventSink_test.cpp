@@ -204,7 +204,7 @@ TEST(UinputEventSink, ErrorAdvice) {
     EXPECT_NE(DescribeUinputError("/dev/uinput", "open", ENODEV).find("modprobe uinput"),
               std::string::npos);
     const std::string denied = DescribeUinputError("/dev/uinput", "open", EACCES);
-    EXPECT_NE(denied.find("no permission"), std::string::npos);
+    EXPECT_NE(denied.find("/dev/uinput (Permission denied)"), std::string::npos);
     EXPECT_NE(denied.find("packaging/70-irframe.rules"), std::string::npos);
     EXPECT_NE(DescribeUinputError("/dev/null", "create", ENOTTY).find("not a uinput device"),
               std::string::npos);

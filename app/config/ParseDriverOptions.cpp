@@ -186,7 +186,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
                  "Print each synthetic event as a JSON line instead of posting it through "
                  "uinput");
     app.add_option("-o,--output", opt.output,
-                   "With --dry-run: write the JSON lines to FILE ('-': standard output)")
+                   "With --dry-run: write the JSON lines to FILE, replaced whole when the run "
+                   "ends ('-': standard output, to follow them live)")
         ->type_name("FILE");
     app.add_option("-s,--simulate", opt.simulate,
                    "Run against an emulated frame playing the gesture script FILE, plugged in "

@@ -198,6 +198,7 @@ void LoadEvent::initVar() {
 }
 
 void LoadEvent::restartProgram() {
+    if (m_ports.beforeImmediateExit) m_ports.beforeImmediateExit();
     std::fflush(stdout);
     std::fflush(stderr);
     std::_Exit(0);

@@ -108,7 +108,8 @@ public:
     void runProgram();
     void initVar();
     // Ends the process at once with status 0 (wake from sleep): devices and threads are left
-    // as they are; standard output and error are flushed first.
+    // as they are; a result file is put in place (beforeImmediateExit) and standard output and
+    // error are flushed first.
     [[noreturn]] void restartProgram();
     // A later instance announced itself: this one ends in order.
     void reqestWithWindowExist();

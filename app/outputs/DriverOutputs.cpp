@@ -24,15 +24,20 @@ void CDriverOutputs::OpenTuio(TShellPorts* ports) {
 
 bool CDriverOutputs::OpenJson(TShellPorts* ports, TBackendFailure* failure) {
     std::string error;
-    // Followed live by whoever reads the lines: written in place as they come. A FIFO is
-    // refused with the other nodes, so no open waits for a reader.
-    if (!m_output.Open(m_options.output, COutputFile::TExisting::Replace, &error,
-                       COutputFile::TWriting::Live)) {
+    // A file is replaced whole when the run ends (Finish), so it never holds half a run;
+    // standard output is the stream to follow live. A FIFO is refused with the other nodes,
+    // so no open waits for a reader.
+    if (!m_output.Open(m_options.output, COutputFile::TExisting::Replace, &error)) {
         *failure = {1, error};
         return false;
     }
     m_writer = std::make_unique<CJsonLinesWriter>(m_output.Stream(),
                                                   [this](int) { WriteFailed(); });
+    // Ending at once (wake from sleep) still puts the lines so far in place.
+    ports->beforeImmediateExit = [this, before = ports->beforeImmediateExit] {
+        if (before) before();
+        Finish();
+    };
     // The key namer is read when a frame's sink is made: a later backend gives it.
     ports->sinkForDevice = [this](int deviceNumber) -> CEventSink* {
         std::unique_ptr<CDeviceJsonSink>& sink = m_jsonSinks[deviceNumber];
@@ -64,9 +69,12 @@ bool CDriverOutputs::Finish() {
 
 void CDriverOutputs::WriteFailed() {
     if (m_failureSaid.exchange(true)) return;
-    TLog(TLogLevel::Error,
-         "irframed: %s; ending (free some space, or keep the reader of the pipe running)",
-         Failure().c_str());
+    // What helps depends on the cause.
+    const int why = m_output.Error();
+    const char* advice = why == ENOSPC || why == EDQUOT ? " (free some space)"
+                         : why == EPIPE                 ? " (keep the reader of the pipe running)"
+                                                        : "";
+    TLog(TLogLevel::Error, "irframed: %s; ending%s", Failure().c_str(), advice);
     if (m_ports == nullptr || m_ports->loop == nullptr || !m_finished) return;
     m_ports->loop->Post([finished = m_finished] { finished(1); });
 }

@@ -32,7 +32,7 @@ std::string Dotted(uint32_t address) {
 }
 
 std::string AreaName(int area) {
-    return area < 0 ? std::string("the frame without areas") : "area " + std::to_string(area);
+    return area < 0 ? std::string("(no areas)") : "area " + std::to_string(area);
 }
 
 // NaN and anything below 0 give 0, anything above 1 gives 1.

@@ -1,6 +1,27 @@
 #include "SessionBus.h"
 
+#include <cerrno>
 #include <cstring>
+
+#include "StopSignalWaits.h"
+
+bool AwaitBusGreeting(sd_bus* bus, std::string* error) {
+    int r;
+    while ((r = sd_bus_is_ready(bus)) == 0) {
+        r = sd_bus_process(bus, nullptr);
+        if (r < 0) break;
+        if (r > 0) continue;
+        if (StopSignalPending()) {
+            *error = "stopped while waiting for the bus to answer";
+            return false;
+        }
+        r = sd_bus_wait(bus, kStopCheckMicros);
+        if (r < 0 && r != -EINTR) break;
+    }
+    if (r >= 0) return true;
+    *error = std::string("the bus does not answer: ") + std::strerror(-r);
+    return false;
+}
 
 std::unique_ptr<CSessionBus> CSessionBus::Connect(sd_event* event, const char* address,
                                                   std::string* error) {
@@ -22,9 +43,12 @@ std::unique_ptr<CSessionBus> CSessionBus::Connect(sd_event* event, const char* a
     }
     // The greeting is asynchronous: wait for it here, so that a socket nobody serves shows up
     // now rather than in the first call.
-    const char* unique = nullptr;
-    r = sd_bus_get_unique_name(bus->m_bus, &unique);
-    if (r < 0) return fail("the session bus does not answer", r);
+    std::string why;
+    if (!AwaitBusGreeting(bus->m_bus, &why)) {
+        if (error != nullptr) *error = why;
+        bus->m_bus = sd_bus_close_unref(bus->m_bus);
+        return nullptr;
+    }
     r = sd_bus_attach_event(bus->m_bus, event, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0) return fail("cannot attach the session bus to the main loop", r);
     return bus;

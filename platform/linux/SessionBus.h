@@ -11,6 +11,12 @@
 #include <memory>
 #include <string>
 
+// Waits until `bus` has been greeted (its Hello answered), in steps that look for a pending
+// SIGINT or SIGTERM between them: sd-bus alone would wait up to 90 s for a bus that accepts and
+// never answers, deaf to the two signals (blocked for the main loop). False with `error` when
+// the bus failed or a stop signal came first; the caller then closes `bus` without a flush.
+bool AwaitBusGreeting(sd_bus* bus, std::string* error);
+
 class CSessionBus {
 public:
     // Connects to `address` (a D-Bus address such as "unix:path=/run/user/1000/bus"), or to the

@@ -167,8 +167,8 @@ std::string DescribeUinputError(const std::string& path, const char* stage, int 
                    "or run with --dry-run";
         }
         if (error == EACCES || error == EPERM) {
-            return "no permission to open " + path +
-                   ": install the udev rule with 'sudo install -m 644 packaging/70-irframe.rules "
+            return "cannot open " + path + " (" + reason +
+                   "): install the udev rule with 'sudo install -m 644 packaging/70-irframe.rules "
                    "/etc/udev/rules.d/' and 'sudo udevadm control --reload && sudo udevadm "
                    "trigger', then log in again (it gives the logged-in user access to uinput)";
         }

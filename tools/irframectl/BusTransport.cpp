@@ -4,17 +4,23 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 
 #include "DevConfigJson.h"
+#include "StopSignalWaits.h"
 
 namespace {
 
 // Transfers may run for minutes; the driver reports progress meanwhile.
 constexpr uint64_t kTransferTimeoutMicros = 24ull * 3600 * 1'000'000;
+// Any other question: sd-bus's own default (0 stands for it).
+constexpr uint64_t kAnswerTimeoutMicros = 0;
+// After a stop signal has cancelled a transfer, how long the driver's word on it is awaited.
+constexpr uint64_t kCancelAnswerMicros = 5'000'000;
 constexpr uint64_t kWaitSliceMicros = 100'000;
 // Largest JSON reply read back (a configuration is far smaller).
 constexpr size_t kMaxReplyBytes = 4u << 20;
@@ -29,11 +35,6 @@ using TBus = std::unique_ptr<sd_bus, TBusDeleter>;
 using TMessage = std::unique_ptr<sd_bus_message, TBusDeleter>;
 using TSlot = std::unique_ptr<sd_bus_slot, TBusDeleter>;
 
-struct TBusError {
-    sd_bus_error e = SD_BUS_ERROR_NULL;
-    ~TBusError() { sd_bus_error_free(&e); }
-};
-
 [[noreturn]] void Throw(const sd_bus_error& e, const std::string& what) {
     const std::string name = e.name != nullptr ? e.name : "";
     std::string message = e.message != nullptr ? e.message : name;
@@ -46,6 +47,87 @@ struct TBusError {
 
 [[noreturn]] void ThrowErrno(int r, const std::string& what) {
     throw CToolError(kCtlFailure, what + ": " + std::strerror(-r));
+}
+
+int OnReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* slot = static_cast<TMessage*>(userdata);
+    slot->reset(sd_bus_message_ref(m));
+    return 0;
+}
+
+uint64_t NowMicros() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+// How a wait for an answer ends besides the answer.
+struct TAwait {
+    uint64_t timeoutMicros = kAnswerTimeoutMicros;
+    const TStopSignal* stopSignal = nullptr;
+    // A transfer: what a stop (or the caller's own cancel) sends, once, instead of ending the
+    // wait at once; after a stop signal the driver's answer to it is awaited a little while.
+    std::function<void()> cancel;
+    const std::function<bool()>* cancelRequested = nullptr;
+};
+
+// Sends `call` and runs the bus until its reply (an error reply included). Never longer than
+// its time-out, and never long past a stop signal: a plain question ends at once with the
+// tool's "cancelled" status, a transfer once its cancel is answered or not answered in time.
+TMessage Await(sd_bus* bus, sd_bus_message* call, const TAwait& how, const std::string& what) {
+    TMessage reply;
+    sd_bus_slot* s = nullptr;
+    if (const int r = sd_bus_call_async(bus, &s, call, OnReply, &reply, how.timeoutMicros);
+        r < 0) {
+        ThrowErrno(r, what);
+    }
+    TSlot pending(s);
+    std::optional<uint64_t> cancelSentAt;
+    while (!reply) {
+        const int r = sd_bus_process(bus, nullptr);
+        if (r < 0) ThrowErrno(r, what);
+        if (r > 0) continue;
+        const int stop = how.stopSignal != nullptr && *how.stopSignal ? (*how.stopSignal)() : 0;
+        const bool cancelAsked = stop != 0 || (how.cancelRequested != nullptr &&
+                                               *how.cancelRequested && (*how.cancelRequested)());
+        if (cancelAsked && how.cancel && !cancelSentAt) {
+            how.cancel();
+            cancelSentAt = NowMicros();
+        }
+        if (stop != 0 && (!how.cancel || NowMicros() - *cancelSentAt > kCancelAnswerMicros)) {
+            throw CToolError(kCtlCancelled,
+                             SignalName(stop) + " while waiting for an answer (" + what + ")" +
+                                 (how.cancel ? ", which did not answer the cancel" : "") +
+                                 ": stopping");
+        }
+        if (const int w = sd_bus_wait(bus, kWaitSliceMicros); w < 0 && w != -EINTR) {
+            ThrowErrno(w, what);
+        }
+    }
+    return reply;
+}
+
+// A plain question (no argument, or one string): its reply, or CToolError.
+TMessage Ask(sd_bus* bus, const char* destination, const char* path, const char* interface,
+             const char* method, const TStopSignal& stopSignal, const std::string& what,
+             const char* argument = nullptr) {
+    sd_bus_message* raw = nullptr;
+    if (const int r =
+            sd_bus_message_new_method_call(bus, &raw, destination, path, interface, method);
+        r < 0) {
+        ThrowErrno(r, what);
+    }
+    TMessage call(raw);
+    if (argument != nullptr) {
+        if (const int r = sd_bus_message_append(call.get(), "s", argument); r < 0) {
+            ThrowErrno(r, what);
+        }
+    }
+    TAwait how;
+    how.stopSignal = &stopSignal;
+    TMessage reply = Await(bus, call.get(), how, what);
+    if (const sd_bus_error* e = sd_bus_message_get_error(reply.get())) Throw(*e, what);
+    return reply;
 }
 
 std::vector<uint8_t> HexToBytes(const std::string& hex, const std::string& what) {
@@ -79,10 +161,14 @@ namespace {
 
 class CBusFrame final : public IFrame {
 public:
-    CBusFrame(sd_bus* bus, std::string path, TFrameEntry description)
-        : m_bus(bus), m_path(std::move(path)), m_description(std::move(description)) {}
+    CBusFrame(sd_bus* bus, std::string path, TFrameEntry description,
+              const TStopSignal& stopSignal)
+        : m_bus(bus),
+          m_path(std::move(path)),
+          m_description(std::move(description)),
+          m_stopSignal(stopSignal) {}
 
-    TFrameEntry Describe() override;
+    TFrameEntry Describe() override { return Properties(m_stopSignal); }
 
     std::vector<uint8_t> ReadInfo() override {
         return BytesFromDriverJson(CallForString("ReadInfo", "reading the information block"),
@@ -145,6 +231,8 @@ private:
         std::optional<TStreamEnd> end;
     };
 
+    TFrameEntry Properties(const TStopSignal& stopSignal);
+
     TMessage NewCall(const char* method) {
         sd_bus_message* m = nullptr;
         if (const int r = sd_bus_message_new_method_call(m_bus, &m, kDriverBusName, m_path.c_str(),
@@ -193,12 +281,6 @@ private:
     // cancel request sends Cancel once. The reply, or CToolError for an error reply.
     TMessage Run(TMessage call, const TTransferHooks& hooks, const std::string& what);
 
-    static int OnReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
-        auto* slot = static_cast<TMessage*>(userdata);
-        slot->reset(sd_bus_message_ref(m));
-        return 0;
-    }
-
     static int OnProgress(sd_bus_message* m, void* userdata, sd_bus_error*) {
         const auto* hooks = static_cast<const TTransferHooks*>(userdata);
         uint32_t done = 0, total = 0;
@@ -215,6 +297,7 @@ private:
     sd_bus* m_bus;  // the transport's
     std::string m_path;
     TFrameEntry m_description;
+    const TStopSignal& m_stopSignal;  // the transport's
 };
 
 TMessage CBusFrame::Run(TMessage call, const TTransferHooks& hooks, const std::string& what) {
@@ -229,35 +312,28 @@ TMessage CBusFrame::Run(TMessage call, const TTransferHooks& hooks, const std::s
         }
         progress.reset(s);
     }
-    TMessage reply;
-    sd_bus_slot* s = nullptr;
-    if (const int r = sd_bus_call_async(m_bus, &s, call.get(), OnReply, &reply,
-                                        kTransferTimeoutMicros);
-        r < 0) {
-        ThrowErrno(r, what);
-    }
-    TSlot pending(s);
     bool cancelSent = false;
-    while (!reply) {
-        const int r = sd_bus_process(m_bus, nullptr);
-        if (r < 0) ThrowErrno(r, what);
-        if (r > 0) continue;
-        if (!cancelSent && hooks.cancelRequested && hooks.cancelRequested()) {
+    TAwait how;
+    how.timeoutMicros = kTransferTimeoutMicros;
+    how.stopSignal = &m_stopSignal;
+    if (hooks.cancelRequested) {
+        how.cancelRequested = &hooks.cancelRequested;
+        how.cancel = [&] {
             cancelSent = true;
             sd_bus_call_method_async(m_bus, nullptr, kDriverBusName, m_path.c_str(),
                                      kFrameInterface, "Cancel", nullptr, nullptr, "");
-        }
-        if (const int w = sd_bus_wait(m_bus, kWaitSliceMicros); w < 0 && w != -EINTR) {
-            ThrowErrno(w, what);
-        }
+        };
     }
+    TMessage reply = Await(m_bus, call.get(), how, what);
     if (const sd_bus_error* e = sd_bus_message_get_error(reply.get())) {
         std::string extra;
         if (cancelSent) {
-            // Say what the frame is doing now.
+            // Say what the frame is doing now: the driver has just answered, and the signal
+            // that cancelled is no reason to leave it unasked (a second one ends the tool).
             try {
+                const TStopSignal none;
                 extra = "; frame " + std::to_string(m_description.number) + " is now " +
-                        Describe().state;
+                        Properties(none).state;
             } catch (const CToolError&) {
                 extra = "; the frame's state cannot be read";
             }
@@ -271,14 +347,9 @@ TMessage CBusFrame::Run(TMessage call, const TTransferHooks& hooks, const std::s
     return reply;
 }
 
-TFrameEntry CBusFrame::Describe() {
-    TBusError error;
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_call_method(m_bus, kDriverBusName, m_path.c_str(), "org.freedesktop.DBus.Properties",
-                           "GetAll", &error.e, &raw, "s", kFrameInterface) < 0) {
-        Throw(error.e, "reading the frame's properties");
-    }
-    TMessage reply(raw);
+TFrameEntry CBusFrame::Properties(const TStopSignal& stopSignal) {
+    TMessage reply = Ask(m_bus, kDriverBusName, m_path.c_str(), "org.freedesktop.DBus.Properties",
+                         "GetAll", stopSignal, "reading the frame's properties", kFrameInterface);
     TFrameEntry d = m_description;
     sd_bus_message* m = reply.get();
     if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) {
@@ -407,11 +478,8 @@ TStreamEnd CBusFrame::StreamContacts(const std::function<bool(const TMonitoredFr
     }
     TSlot owner(s);
 
-    TBusError error;
-    if (sd_bus_call_method(m_bus, kDriverBusName, m_path.c_str(), kFrameInterface,
-                           "SubscribeContacts", &error.e, nullptr, "") < 0) {
-        Throw(error.e, "subscribing to contacts");
-    }
+    Ask(m_bus, kDriverBusName, m_path.c_str(), kFrameInterface, "SubscribeContacts", m_stopSignal,
+        "subscribing to contacts");
     if (started) started();
     while (!stream.end) {
         const int r = sd_bus_process(m_bus, nullptr);
@@ -429,28 +497,24 @@ TStreamEnd CBusFrame::StreamContacts(const std::function<bool(const TMonitoredFr
         }
     }
     if (*stream.end == TStreamEnd::Stopped) {
-        // The driver drops a subscriber that leaves the bus anyway; this is the polite way.
-        TBusError ignored;
-        sd_bus_call_method(m_bus, kDriverBusName, m_path.c_str(), kFrameInterface,
-                           "UnsubscribeContacts", &ignored.e, nullptr, "");
+        // The driver drops a subscriber that leaves the bus anyway; this is the polite way,
+        // and not worth a wait.
+        sd_bus_call_method_async(m_bus, nullptr, kDriverBusName, m_path.c_str(), kFrameInterface,
+                                 "UnsubscribeContacts", nullptr, nullptr, "");
     }
     return *stream.end;
 }
 
 class CBusTransport final : public ITransport {
 public:
-    explicit CBusTransport(sd_bus* bus) : m_bus(bus) {}
+    CBusTransport(sd_bus* bus, TStopSignal stopSignal)
+        : m_bus(bus), m_stopSignal(std::move(stopSignal)) {}
 
     std::string Name() const override { return "the driver"; }
 
     std::vector<TFrameEntry> List() override {
-        TBusError error;
-        sd_bus_message* raw = nullptr;
-        if (sd_bus_call_method(m_bus.get(), kDriverBusName, kDriverPath, kDriverInterface,
-                               "ListFrames", &error.e, &raw, "") < 0) {
-            Throw(error.e, "listing the frames");
-        }
-        TMessage reply(raw);
+        TMessage reply = Ask(m_bus.get(), kDriverBusName, kDriverPath, kDriverInterface,
+                             "ListFrames", m_stopSignal, "listing the frames");
         std::vector<std::string> paths;
         if (sd_bus_message_enter_container(reply.get(), 'a', "o") < 0) {
             throw CToolError(kCtlFailure, "ListFrames did not answer with ao");
@@ -460,7 +524,7 @@ public:
         std::vector<TFrameEntry> frames;
         for (const std::string& p : paths) {
             try {
-                frames.push_back(CBusFrame(m_bus.get(), p, {}).Describe());
+                frames.push_back(CBusFrame(m_bus.get(), p, {}, m_stopSignal).Describe());
                 m_paths[frames.back().number] = p;
             } catch (const CToolError&) {
                 // Gone between the list and the question: not listed.
@@ -475,11 +539,12 @@ public:
                                      ? it->second
                                      : std::string(kDriverPath) + "/frame" +
                                            std::to_string(frame.number);
-        return std::make_unique<CBusFrame>(m_bus.get(), path, frame);
+        return std::make_unique<CBusFrame>(m_bus.get(), path, frame, m_stopSignal);
     }
 
 private:
     TBus m_bus;
+    TStopSignal m_stopSignal;
     std::map<int, std::string> m_paths;  // frame number -> object path, from List
 };
 
@@ -494,21 +559,21 @@ sd_bus* OpenSessionBus(std::string* error) {
     return bus;
 }
 
-bool DriverOnBus(sd_bus* bus) {
-    TBusError error;
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "NameHasOwner", &error.e, &raw, "s",
-                           kDriverBusName) < 0) {
+bool DriverOnBus(sd_bus* bus, const TStopSignal& stopSignal) {
+    int owned = 0;
+    try {
+        TMessage reply = Ask(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                             "org.freedesktop.DBus", "NameHasOwner", stopSignal,
+                             "looking for the driver on the bus", kDriverBusName);
+        return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned != 0;
+    } catch (const CToolError& e) {
+        if (e.ExitCode() == kCtlCancelled) throw;
         return false;
     }
-    TMessage reply(raw);
-    int owned = 0;
-    return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned != 0;
 }
 
-std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus) {
-    return std::make_unique<CBusTransport>(bus);
+std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus, TStopSignal stopSignal) {
+    return std::make_unique<CBusTransport>(bus, std::move(stopSignal));
 }
 
 int ExitCodeForBusError(const std::string& name) {

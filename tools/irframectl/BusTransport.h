@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,10 +30,15 @@ inline constexpr const char* kDriverErrorPrefix = "org.irframe.Driver1.Error.";
 
 // The user's session bus; null with `error` set when there is none.
 sd_bus* OpenSessionBus(std::string* error);
+// The SIGINT or SIGTERM the program received, 0 for none. Every wait for the bus ends on one:
+// a plain question with CToolError (kCtlCancelled), a transfer once its cancel is answered or
+// after a short while. Empty: the waits end on their time-outs only.
+using TStopSignal = std::function<int()>;
+
 // Whether the driver's bus name has an owner.
-bool DriverOnBus(sd_bus* bus);
+bool DriverOnBus(sd_bus* bus, const TStopSignal& stopSignal = {});
 // Takes over the reference to `bus`.
-std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus);
+std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus, TStopSignal stopSignal = {});
 
 // {"bytes":"<hex>"}, the driver's form of a block it read (information block, status).
 // Throws CToolError for anything else.

@@ -163,9 +163,14 @@ public:
             m_path = {m_parts.hid.get(), nullptr, MTDEV_TYPE_HID};
         }
         if (m_controller.OpenDevice(&m_path) != DE_OK) {
+            // The system's reason, from the node behind the frame (usbfs for "usb:BBB:AAA").
             std::string why;
             const std::string& node = m_parts.description.node;
-            if (m_parts.hid && access(node.c_str(), R_OK | W_OK) != 0) {
+            std::string file = m_parts.hid ? node : std::string();
+            if (m_parts.usb && node.size() == 11 && node.rfind("usb:", 0) == 0) {
+                file = "/dev/bus/usb/" + node.substr(4, 3) + "/" + node.substr(8, 3);
+            }
+            if (!file.empty() && access(file.c_str(), R_OK | W_OK) != 0) {
                 why = std::string(": ") + std::strerror(errno);
             }
             throw CToolError(kCtlFailure, "cannot open " + node + why);
@@ -410,7 +415,7 @@ public:
             if (it != m_found.end()) parts.usb = CLibusbService::Find(it->bus, it->address);
             if (!parts.usb) {
                 throw CToolError(kCtlFailure, "cannot reach " + frame.node +
-                                                   " through libusb (permissions?)");
+                                                   " through libusb: it is no longer listed");
             }
         } else {
             parts.hid = std::make_unique<CHidrawDevice>(frame.node);

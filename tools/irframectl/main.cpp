@@ -1,4 +1,5 @@
 // irframectl: see, back up and change the touch frames, through the running driver or on its own.
+#include <pthread.h>
 #include <signal.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -19,12 +20,26 @@
 
 namespace {
 
+// The SIGINT or SIGTERM received, 0 before any.
 volatile sig_atomic_t g_interrupted = 0;
 
-// The first Ctrl-C asks the running operation to stop cleanly; a second one ends the tool.
-void OnInterrupt(int) {
+// The first Ctrl-C (or SIGTERM) asks the running operation to stop cleanly; a second one ends
+// the tool.
+void OnInterrupt(int signal) {
     if (g_interrupted != 0) _exit(kCtlCancelled);
-    g_interrupted = 1;
+    g_interrupted = signal;
+}
+
+int StopSignal() { return g_interrupted; }
+
+// Until the tool can act on them, SIGINT and SIGTERM wait pending: a wait that looks for them
+// itself (a gesture script's FIFO) then sees one sent before it began.
+void HoldStopSignals(bool hold) {
+    sigset_t stops;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGINT);
+    sigaddset(&stops, SIGTERM);
+    pthread_sigmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &stops, nullptr);
 }
 
 void CatchInterrupt() {
@@ -54,9 +69,10 @@ std::unique_ptr<ITransport> ChooseTransport(const TOptions& opt) {
                                     "reached over HID only");
     }
     if (!forcedDirect) {
+        HoldStopSignals(false);  // a bus call is cut short by the handler
         std::string error;
         if (sd_bus* bus = OpenSessionBus(&error)) {
-            if (DriverOnBus(bus)) return MakeBusTransport(bus);
+            if (DriverOnBus(bus, StopSignal)) return MakeBusTransport(bus, StopSignal);
             sd_bus_flush_close_unref(bus);
             error = "no driver owns " + std::string(kDriverBusName) + " on the session bus";
         }
@@ -85,7 +101,8 @@ constexpr const char* kFooter =
     "  3  no frame found, or none matches FRAME\n"
     "  4  bad input: a file that cannot be read or is refused (the JSON path of the fault\n"
     "     is named); nothing was written\n"
-    "  5  cancelled: Ctrl-C during a transfer, or the confirmation was declined\n"
+    "  5  cancelled: Ctrl-C (or SIGTERM) during a transfer or while waiting for a --simulate\n"
+    "     FIFO's writer, or the confirmation was declined\n"
     "  6  busy: the frame serves another client's transfer\n\n"
     "Examples:\n"
     "  irframectl list\n"
@@ -228,6 +245,7 @@ int main(int argc, char** argv) {
         opt.frame = frameArgument;
     }
 
+    HoldStopSignals(true);
     CatchInterrupt();
     COutputFile standardOutput;
     std::string error;
@@ -235,6 +253,7 @@ int main(int argc, char** argv) {
     int exitStatus = kCtlOk;
     try {
         std::unique_ptr<ITransport> transport = ChooseTransport(opt);
+        HoldStopSignals(false);
         TToolContext ctx{*transport, opt.frame, standardOutput.Stream(), std::cerr,
                          [] { return g_interrupted != 0; }, isatty(STDERR_FILENO) != 0};
         exitStatus = run(ctx);
