@@ -260,7 +260,7 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
                                              "commands of 'config' are show, dump, restore"},
         {false, {"--frobnicate"}, 2, "unknown option '--frobnicate'; a command is needed: list, "
                                      "info, status, config, monitor, record, scan-pattern, "
-                                     "touch-system-file"},
+                                     "touch-system-file, map"},
         {true, {"--frobnicate"}, 2, "The following argument was not expected: --frobnicate "
                                     "(see irframed --help)"},
         {false, {"--simulate", m_script, "config", "restore", "--yes", File("nul.json", json + '\0' + "x")},
