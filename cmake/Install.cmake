@@ -132,6 +132,8 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The screen size comes from libX11 and libXrandr, loaded at run time when present.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libx11-6, libxrandr2")
+# irframectl map writes each desktop's setting with the desktop's own program.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libglib2.0-bin, libkf5config-bin, xinput")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/deb/postinst
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/deb/postrm

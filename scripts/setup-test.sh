@@ -13,5 +13,7 @@ test_packages=(
   ccache                                               # the four builds of one tree share objects
   sway                                                 # headless compositor: the monitors' layout
   xvfb xauth weston imagemagick xdotool                # irframe-calibrate's window on X11 and Wayland
+  libglib2.0-bin gsettings-desktop-schemas             # irframectl map: GNOME's setting read back
+  libkf5config-bin xinput                              # irframectl map: KDE's and X11's
 )
 exec "$(dirname "$0")/setup.sh" "${test_packages[@]}"

@@ -2,11 +2,12 @@
 // positions a gesture script asks for.
 //
 // The simulated device reports compact frames with raw extents of 32766 on both axes, and holds
-// a configuration whose calibration areas and button panels are switched off, so every contact
-// goes through the calibration's default mapping. The encoder inverts that mapping (X mirrored,
-// the step at the centre, the edge stretch) with tables built from the calibration code itself:
-// a script position comes back out of the driver's calibration exactly where the mapping can
-// reach it, and otherwise at the nearest value it can.
+// a configuration with one calibration area across the whole frame (button panels off) that
+// maps raw positions one to one, X mirrored: its raw positions run straight across the frame, as
+// a real sensor's do, so a calibration written to it behaves as on a real frame. The encoder
+// inverts that mapping with tables built from the calibration code itself: a script position
+// comes back out of the driver's calibration exactly, but for the lone values the product's
+// default mapping skips, which come out at their neighbour as they always have.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +19,7 @@
 
 constexpr int16_t kSimRawExtent = 32766;
 
-// The simulated device's configuration: the product defaults without areas and panels.
+// The simulated device's configuration: the product defaults, one straight area, no panels.
 void SimDevConfig(_HARDWARE_DEV_CONFIG* config);
 std::vector<uint8_t> SimConfigBlock();
 

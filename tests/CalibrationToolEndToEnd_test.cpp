@@ -97,12 +97,10 @@ struct TPlanted {
 
 const std::vector<std::pair<double, double>> kTargets = {
     {240, 135}, {1680, 135}, {1680, 945}, {240, 945}, {960, 540}};
-// The emulated frame's uncalibrated positions come from inverting the default mapping, which
-// steps back by 200 units at its centre: the raw positions jump there (about 12 px across, 6 px
-// down), and no single area undoes a jump. The taps lie near the targets' lines, where the fit
-// through the targets holds whatever side of the jump they are on.
+// Taps between the targets and across the middle, where a frame whose positions stepped at
+// the centre would land them off.
 const std::vector<std::pair<double, double>> kTaps = {
-    {270, 920}, {1650, 180}, {1720, 980}, {200, 110}, {1600, 940}};
+    {480, 270}, {1450, 800}, {975, 548}, {700, 820}, {1300, 330}};
 
 class CalibrationToolEndToEnd : public testing::Test {
 protected:

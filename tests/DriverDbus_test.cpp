@@ -325,7 +325,7 @@ TEST_F(DriverDbus, ListsFramesAndAnswersReads) {
     EXPECT_EQ(ListFrames(), (std::vector<std::string>{FramePath(1), FramePath(2)}));
     EXPECT_EQ(StringProperty(2, "Node"), "simulated:" + m_tap);
     EXPECT_EQ(StringProperty(1, "Product"), "emulated frame 1");
-    EXPECT_EQ(StringProperty(1, "ConfigSummary"), "0 areas, 0 panels");
+    EXPECT_EQ(StringProperty(1, "ConfigSummary"), "1 area, 0 panels");
 
     uint16_t vendor = 0;
     sd_bus_error error = SD_BUS_ERROR_NULL;

@@ -254,12 +254,13 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
         std::string line;  // after the program's name
     } cases[] = {
         {false, {"frobnicate"}, 2, "unknown command 'frobnicate'; the commands are list, info, "
-                                   "status, config, monitor, record, scan-pattern, touch-system-file"},
+                                   "status, config, monitor, record, scan-pattern, "
+                                   "touch-system-file, map"},
         {false, {"config", "frobnicate"}, 2, "unknown command 'frobnicate' of 'config'; the "
                                              "commands of 'config' are show, dump, restore"},
         {false, {"--frobnicate"}, 2, "unknown option '--frobnicate'; a command is needed: list, "
                                      "info, status, config, monitor, record, scan-pattern, "
-                                     "touch-system-file"},
+                                     "touch-system-file, map"},
         {true, {"--frobnicate"}, 2, "The following argument was not expected: --frobnicate "
                                     "(see irframed --help)"},
         {false, {"--simulate", m_script, "config", "restore", "--yes", File("nul.json", json + '\0' + "x")},

@@ -477,10 +477,10 @@ TEST_F(Irframectl, MonitorJsonShowsTheScriptContacts) {
                        (j["retired"].get<bool>() ? " retired " : " ") + std::to_string(j["x"].get<int>()) +
                        "," + std::to_string(j["y"].get<int>()) + " " + j["place"].get<std::string>());
     }
-    EXPECT_THAT(seen, testing::ElementsAre("1 0 1000,2000 default", "2 0 30000,4000 default",
-                                           "1 1 1100,2000 default", "2 1 30000,4000 default",
-                                           "1 2 1100,2000 default", "2 2 30000,4000 default",
-                                           "7 0 5000,6000 default", "7 0 retired 5000,6000 default"));
+    EXPECT_THAT(seen, testing::ElementsAre("1 0 1000,2000 area", "2 0 30000,4000 area",
+                                           "1 1 1100,2000 area", "2 1 30000,4000 area",
+                                           "1 2 1100,2000 area", "2 2 30000,4000 area",
+                                           "7 0 5000,6000 area", "7 0 retired 5000,6000 area"));
     // A simulated frame's script starts on a whole second.
     EXPECT_EQ(firstStamp % 4'000'000, 0);
 }
@@ -497,21 +497,21 @@ TEST_F(Irframectl, ConfigRestoreShowsChangesKeepsBackupAndVerifies) {
     ASSERT_TRUE(DevConfigFromJson(original, record.get(), &error)) << error;
 
     Json changed = Json::parse(original);
-    changed["flags"] = "0x00101F05";
-    changed["areas"] = Json::parse(R"([{"netAddress": "10.0.0.2", "port": 1, "port2": 2, "mode": 5,
+    changed["flags"] = "0x00101705";
+    changed["areas"].push_back(Json::parse(R"({"netAddress": "10.0.0.2", "port": 1, "port2": 2, "mode": 5,
         "id": 3, "group": 0, "rotation": 1,
         "outputRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
         "targetRect": {"x": 0, "y": 0, "width": 1280, "height": 720},
         "edgeAdjust": {"minusX": 15, "plusX": 15, "minusY": 15, "plusY": 15},
         "center": {"x": 16384, "y": 16384}, "axisH": {"x": -16384, "y": 0},
-        "axisV": {"x": 0, "y": 16384}}])");
+        "axisV": {"x": 0, "y": 16384}})"));
     const std::string wanted = File("wanted.json", changed.dump(2));
     const TRun restore = Tool({"--simulate", script, "config", "restore", wanted, "--yes",
                                "--backup", Path("before.json")});
     ASSERT_EQ(restore.status, 0) << restore.err;
-    EXPECT_THAT(restore.out, HasSubstr("  /flags: \"0x00101705\" -> \"0x00101F05\"\n"));
-    EXPECT_THAT(restore.out, HasSubstr("  /areas/0: added\n"));
-    EXPECT_THAT(restore.out, HasSubstr("written and read back: frame 1 now holds 1 area, 0 panels"));
+    EXPECT_THAT(restore.out, HasSubstr("  /flags: \"0x00101F05\" -> \"0x00101705\"\n"));
+    EXPECT_THAT(restore.out, HasSubstr("  /areas/1: added\n"));
+    EXPECT_THAT(restore.out, HasSubstr("written and read back: frame 1 now holds 2 areas, 0 panels"));
     EXPECT_EQ(ReadFile(Path("before.json")), original);
 
     // The backup goes next to the file unless named.
@@ -591,7 +591,7 @@ TEST_F(Irframectl, ListInfoStatusAndUsage) {
     const TRun info = Tool({"--simulate", script, "info", "1"});
     EXPECT_EQ(info.status, 0) << info.err;
     EXPECT_THAT(info.out, HasSubstr("geometry       logical 8191x8191, raw 32766x32766\n"));
-    EXPECT_THAT(info.out, HasSubstr("configuration  0 areas, 0 panels\n"));
+    EXPECT_THAT(info.out, HasSubstr("configuration  1 area, 0 panels\n"));
     EXPECT_THAT(info.out, HasSubstr("information block (43 bytes)\n000000  30 31 32"));
     const TRun status = Tool({"--simulate", script, "status"});
     EXPECT_EQ(status.status, 0) << status.err;
@@ -954,6 +954,45 @@ TEST_F(IrframectlDriver, RestoredAreaMovesTheNextTouch) {
     ASSERT_FALSE(events[0].empty());
     ASSERT_FALSE(events[1].empty());
     EXPECT_NE(events[0], events[1]);
+}
+
+// Verify that map writes the desktop's setting for the name the frame's touchscreen gets, puts
+// the gestures' pointer on the monitor in the user's drop-in, and has the driver read it.
+TEST_F(IrframectlDriver, MapWritesTheDropInAndReloads) {
+    const char* saved = std::getenv("XDG_CONFIG_HOME");
+    const std::string savedValue = saved != nullptr ? saved : "";
+    const auto restore = [&] {
+        if (saved != nullptr) {
+            setenv("XDG_CONFIG_HOME", savedValue.c_str(), 1);
+        } else {
+            unsetenv("XDG_CONFIG_HOME");
+        }
+    };
+    setenv("XDG_CONFIG_HOME", Path("config").c_str(), 1);
+    const std::string script = File("long.gesture", "hold 6000\n");
+    if (!StartDriver({"--simulate", script, "--realtime"})) {
+        restore();
+        GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
+    }
+    const TRun map = Tool({"map", "--desktop", "wlroots", "HDMI-2"});
+    restore();
+    EXPECT_EQ(map.status, 0) << map.err;
+    EXPECT_THAT(map.err, HasSubstr("'irframe touchscreen frame 1'"));
+    EXPECT_THAT(map.out, HasSubstr("input \"43756:49184:irframe_touchscreen_frame_1\" "
+                                   "map_to_output HDMI-2"));
+    EXPECT_THAT(map.out, HasSubstr("irframed reloaded its configuration; screen.output "
+                                   "changed: in force after a restart"));
+    EXPECT_EQ(ReadFile(Path("config/irframe/irframe.d/40-map.toml")),
+              "# Written by irframectl map: the monitor the gestures' pointer maps into.\n"
+              "[screen]\noutput = \"HDMI-2\"\n");
+    EXPECT_TRUE(m_driver->WaitForErr("configuration reloaded from " +
+                                     Path("config/irframe/irframe.d/40-map.toml")))
+        << m_driver->Err();
+    setenv("XDG_CONFIG_HOME", Path("config").c_str(), 1);
+    const TRun show = Tool({"map", "--show", "--desktop", "wlroots"});
+    restore();
+    EXPECT_THAT(show.out, HasSubstr("  wlroots: map_to_output HDMI-2 in "));
+    EXPECT_EQ(Tool({"map", "--desktop", "mac", "HDMI-2"}).status, 2);
 }
 
 }  // namespace

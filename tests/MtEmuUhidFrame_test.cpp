@@ -7,11 +7,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "CCalibrateSystem.h"
+#include "CalibrateCoordinate.h"
 #include "MtDevCtrlInterface.h"
 
 namespace {
@@ -95,6 +99,30 @@ private:
 };
 
 // Verify that polls get empty frames until a script is handed over, then its frames in order,
+// Verify that the emulated frame's raw positions run straight across the frame, as a real
+// sensor's do (no step at the centre, which would leave any calibration off on one side), and
+// that the frame's own calibration brings every script position back within one value.
+TEST(MtEmuUhidFrame, RawPositionsRunStraight) {
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    SimDevConfig(config.get());
+    const _CS_CONFIG geometry{8191, 8191, kSimRawExtent, kSimRawExtent};
+    CCalibrateSystem calibration;
+    ASSERT_TRUE(calibration.InitCalibrateSys(config.get(), &geometry));
+    int worstX = 0, worstY = 0, worstBack = 0;
+    for (int v = 1; v <= 32766; ++v) {
+        const int rawX = Encoder().RawX(v), rawY = Encoder().RawY(v);
+        worstX = std::max(worstX, std::abs(rawX - (kSimRawExtent - v)));
+        worstY = std::max(worstY, std::abs(rawY - v));
+        _CAL_COORDINATE_INFO* area = calibration.UpdateCalCoords(rawX, rawY);
+        ASSERT_NE(area, nullptr);
+        GetShortCoords(area);
+        worstBack = std::max({worstBack, std::abs(area->x.AsInt() - v), std::abs(area->y.AsInt() - v)});
+    }
+    EXPECT_LE(worstX, 1);
+    EXPECT_LE(worstY, 1);
+    EXPECT_LE(worstBack, 1);
+}
+
 // each encoded as the encoder encodes its contacts, then empty frames again.
 TEST(MtEmuUhidFrame, EmptyFramesAroundTheScript) {
     CFrameRig rig;

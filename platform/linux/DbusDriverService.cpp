@@ -144,6 +144,7 @@ bool CDbusDriverService::Start(std::string* error) {
                         SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
         SD_BUS_PROPERTY("ConfigSummary", "s", &GetProperty, 0,
                         SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+        SD_BUS_PROPERTY("Touchscreens", "as", &GetProperty, 0, 0),
         SD_BUS_PROPERTY("GesturesHeld", "b", &GetProperty, 0,
                         SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
         SD_BUS_METHOD_WITH_NAMES("ReadInfo", "", , "s", SD_BUS_PARAM(json), &MethodRead,
@@ -361,6 +362,16 @@ int CDbusDriverService::GetProperty(sd_bus*, const char*, const char*, const cha
                                      d->geometry.rawHeight);
     }
     if (name == "ConfigSummary") return sd_bus_message_append(reply, "s", d->configSummary.c_str());
+    if (name == "Touchscreens") {
+        const CDbusDriverService& service = *frame->service;
+        std::vector<std::string> names;
+        if (service.m_touchscreenNames) names = service.m_touchscreenNames(frame->number);
+        int r = sd_bus_message_open_container(reply, 'a', "s");
+        for (size_t i = 0; r >= 0 && i < names.size(); ++i) {
+            r = sd_bus_message_append(reply, "s", names[i].c_str());
+        }
+        return r < 0 ? r : sd_bus_message_close_container(reply);
+    }
     if (name == "GesturesHeld") {
         return sd_bus_message_append(reply, "b", static_cast<int>(!frame->holders.empty()));
     }

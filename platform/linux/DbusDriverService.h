@@ -18,12 +18,14 @@
 #include <systemd/sd-event.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ContactStream.h"
 #include "DbusArguments.h"
@@ -55,6 +57,12 @@ public:
 
     CDbusDriverService(const CDbusDriverService&) = delete;
     CDbusDriverService& operator=(const CDbusDriverService&) = delete;
+
+    // The names of the touchscreen devices frame `number` has now (none: no touchscreen), for
+    // the desktops' settings. Main thread.
+    void SetTouchscreenNames(std::function<std::vector<std::string>(int number)> names) {
+        m_touchscreenNames = std::move(names);
+    }
 
     // Registers the objects and starts listening to the control. False with `error` set.
     bool Start(std::string* error);
@@ -123,6 +131,7 @@ private:
     IDriverControl& m_control;
     TConfigJsonCodec m_codec;
     TDbusServiceConfig m_config;
+    std::function<std::vector<std::string>(int number)> m_touchscreenNames;
     bool m_started = false;
 
     sd_bus_slot* m_rootSlot = nullptr;

@@ -183,6 +183,11 @@ void CLinuxBackend::OpenSessionBus(TShellPorts* ports) {
         exchange ? CBusNameClaim::TMode::Exchange : CBusNameClaim::TMode::IfFree);
     if (m_control != nullptr) {
         m_service = std::make_unique<CDbusDriverService>(m_bus->Bus(), m_loop, *m_control, m_codec);
+        m_service->SetTouchscreenNames([this](int frame) {
+            const auto found = m_touchscreens.find(frame);
+            return found != m_touchscreens.end() ? found->second->DeviceNames()
+                                                 : std::vector<std::string>{};
+        });
         if (!m_service->Start(&error)) {
             TLog(TLogLevel::Warning, "D-Bus interface unavailable (%s)", error.c_str());
             m_service.reset();

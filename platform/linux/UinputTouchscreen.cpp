@@ -181,6 +181,15 @@ void CUinputTouchscreen::OnFrameEnd(int device) {
     Close();
 }
 
+std::vector<std::string> CUinputTouchscreen::DeviceNames() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> names;
+    for (const auto& d : m_devices) {
+        if (d->uinput != nullptr) names.push_back(d->name);
+    }
+    return names;
+}
+
 std::vector<std::string> CUinputTouchscreen::DeviceNodes() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> nodes;

@@ -52,6 +52,8 @@ public:
     void OnContacts(const TContactFrame& frame) override;
     void OnFrameEnd(int device) override;
 
+    // The names of the devices that exist (one per area, in area order), else empty.
+    std::vector<std::string> DeviceNames() const;
     // The event nodes of the devices that exist (one per area), else empty.
     std::vector<std::string> DeviceNodes() const;
     std::string DeviceNode() const;  // the first one's

@@ -1,8 +1,6 @@
 #include "BackupFile.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,6 +8,7 @@
 #include <ctime>
 
 #include "FrameAccess.h"
+#include "OutputFile.h"
 
 namespace {
 
@@ -37,30 +36,6 @@ std::string BackupDirectory() {
 
 std::string SaveBackup(const std::string& directory, int frame, const std::string& text) {
     MakeDirectories(directory);
-    // Written whole under a private name first, then linked to its name: link() never replaces
-    // a file, and a reader never sees half of one.
-    std::string temporary = directory + "/.backup-XXXXXX";
-    const int fd = mkstemp(temporary.data());
-    if (fd < 0) Fail(directory, errno);
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            const int e = errno;
-            close(fd);
-            unlink(temporary.c_str());
-            Fail(temporary, e);
-        }
-        done += static_cast<size_t>(n);
-    }
-    const bool synced = fsync(fd) == 0;
-    const int syncError = errno;
-    close(fd);
-    if (!synced) {
-        unlink(temporary.c_str());
-        Fail(temporary, syncError);
-    }
     char stamp[32];
     const std::time_t now = std::time(nullptr);
     std::tm local{};
@@ -69,16 +44,18 @@ std::string SaveBackup(const std::string& directory, int frame, const std::strin
     const std::string stem = directory + "/frame" + std::to_string(frame) + "-" + stamp;
     for (int n = 1; n < 1000; ++n) {
         const std::string path = stem + (n == 1 ? "" : "-" + std::to_string(n)) + ".json";
-        if (link(temporary.c_str(), path.c_str()) == 0) {
-            unlink(temporary.c_str());
-            return path;
+        struct stat taken {};
+        if (lstat(path.c_str(), &taken) == 0) continue;
+        // Never over an existing file, and never half written.
+        COutputFile out;
+        std::string error;
+        if (!out.Open(path, COutputFile::TExisting::Refuse, &error)) {
+            throw CToolError(kCtlFailure, error);
         }
-        if (errno != EEXIST) {
-            const int e = errno;
-            unlink(temporary.c_str());
-            Fail(path, e);
-        }
+        out.Write(text);
+        if (out.Commit(&error)) return path;
+        if (out.Error() != EEXIST) throw CToolError(kCtlFailure, error);
+        // Another backup took the name meanwhile: the next one.
     }
-    unlink(temporary.c_str());
     Fail(stem + "*.json", EEXIST);
 }

@@ -385,6 +385,18 @@ TFrameEntry CBusFrame::Properties(const TStopSignal& stopSignal) {
             readString(d.state);
         } else if (n == "ConfigSummary" && c == "s") {
             readString(d.configSummary);
+        } else if (n == "Touchscreens" && c == "as") {
+            d.touchscreens.clear();
+            if (sd_bus_message_enter_container(m, 'v', "as") >= 0 &&
+                sd_bus_message_enter_container(m, 'a', "s") >= 0) {
+                const char* s = nullptr;
+                // One per calibration area at most (32); the rest is not the driver's.
+                while (sd_bus_message_read(m, "s", &s) > 0 && s != nullptr) {
+                    if (d.touchscreens.size() < 32) d.touchscreens.emplace_back(s, strnlen(s, 80));
+                }
+                sd_bus_message_exit_container(m);
+                sd_bus_message_exit_container(m);
+            }
         } else if (n == "Geometry" && c == "(iiii)") {
             sd_bus_message_read(m, "v", "(iiii)", &d.logicalWidth, &d.logicalHeight, &d.rawWidth,
                                 &d.rawHeight);

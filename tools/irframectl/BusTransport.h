@@ -4,7 +4,7 @@
 //   org.irframe.Driver1 at /org/irframe/Driver1: ListFrames() -> ao, FrameAdded(o), FrameRemoved(o)
 //   one object per frame, /org/irframe/Driver1/frame<N>, interface org.irframe.Driver1.Frame:
 //   properties Number, Node, VendorId, ProductId, Product, Serial, State, Geometry,
-//   ConfigSummary; methods ReadInfo, ReadStatus, ReadConfig, WriteConfig, ReadScanPattern,
+//   ConfigSummary, Touchscreens; methods ReadInfo, ReadStatus, ReadConfig, WriteConfig, ReadScanPattern,
 //   WriteScanPattern, WriteTouchSystemFile, Cancel, SubscribeContacts, UnsubscribeContacts;
 //   signals Progress(uu) and Contacts(xa(yybiiiiqqyy)).
 //

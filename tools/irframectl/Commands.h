@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 
 #include "FrameAccess.h"
@@ -25,6 +26,13 @@ struct TRestoreOptions {
     std::istream* answers = nullptr;  // where the confirmation is read; null: none possible
 };
 
+struct TMapOptions {
+    std::string output;          // the monitor's connector name
+    std::optional<int> area;     // one area's touchscreen only
+    std::string desktop;         // gnome, kde, wlroots, x11; empty: the running one
+    bool show = false;           // print what each desktop's setting says instead
+};
+
 int CmdList(TToolContext& ctx);
 int CmdInfo(TToolContext& ctx);
 int CmdStatus(TToolContext& ctx);
@@ -36,6 +44,9 @@ int CmdRecord(TToolContext& ctx, const std::string& file);
 int CmdScanPatternGet(TToolContext& ctx, const std::string& file);
 int CmdScanPatternSet(TToolContext& ctx, const std::string& file);
 int CmdTouchSystemFileSet(TToolContext& ctx, const std::string& file);
+// Puts the frame's touchscreen (each area's, or area `options.area`'s) on a monitor in the
+// desktop's own setting, and the gestures' pointer in the user's drop-in irframe.d/40-map.toml.
+int CmdMap(TToolContext& ctx, const TMapOptions& options);
 
 // Draws the progress of a transfer: a bar redrawn in place on a terminal, else a line per whole
 // percent reached.

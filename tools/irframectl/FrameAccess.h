@@ -51,6 +51,9 @@ struct TFrameEntry {
     int32_t rawWidth = 0;
     int32_t rawHeight = 0;
     std::string configSummary;  // "2 areas, 1 panel (4 keys)"; empty until known
+    // The driver's touchscreen devices for the frame, one per area with per-area touchscreens;
+    // empty without them (and without the driver).
+    std::vector<std::string> touchscreens;
 };
 
 // One contact of a polled frame, calibrated (absolute output units 1..32766).

@@ -110,7 +110,8 @@ constexpr const char* kFooter =
     "  irframectl config dump frame1.json\n"
     "  irframectl config restore frame1.json\n"
     "  irframectl monitor --json\n"
-    "  irframectl record tap.gesture && irframed --simulate tap.gesture --dry-run\n";
+    "  irframectl record tap.gesture && irframed --simulate tap.gesture --dry-run\n"
+    "  irframectl map HDMI-1\n";
 
 }  // namespace
 
@@ -210,6 +211,25 @@ int main(int argc, char** argv) {
     touchSet->add_option("FRAME", frameArgument, "The frame");
     touchSet->callback(
         [&] { run = [&](TToolContext& ctx) { return CmdTouchSystemFileSet(ctx, file); }; });
+
+    TMapOptions mapOptions;
+    CLI::App* map = app.add_subcommand(
+        "map", "[--area K] [--desktop D] OUTPUT | --show: put the frame's touchscreen and "
+               "gestures on a monitor in the desktop's own settings");
+    map->add_option("OUTPUT", mapOptions.output, "The monitor's connector name (HDMI-1, DP-2)");
+    map->add_option("--area", mapOptions.area,
+                    "Only the touchscreen of calibration area K (irframed "
+                    "--touchscreen-per-area); the gestures' pointer stays")
+        ->type_name("K")
+        ->check(CLI::Range(0, 31));
+    map->add_option("--desktop", mapOptions.desktop,
+                    "The desktop whose setting to write: gnome, kde, wlroots or x11 (default: "
+                    "the running one, from XDG_CURRENT_DESKTOP, SWAYSOCK, WAYLAND_DISPLAY, "
+                    "DISPLAY)")
+        ->type_name("D");
+    map->add_flag("--show", mapOptions.show,
+                  "Print what each desktop's setting says now, per touchscreen");
+    map->callback([&] { run = [&](TToolContext& ctx) { return CmdMap(ctx, mapOptions); }; });
 
     // A closed pipe on standard output is a write error to report, not a silent death.
     std::signal(SIGPIPE, SIG_IGN);

@@ -1,0 +1,350 @@
+// The desktops' touchscreen settings that irframectl map writes, each read back by the desktop's
+// own client: gsettings (keyfile backend), kreadconfig5, the sway snippet's text, xinput under
+// Xvfb.
+#include "DesktopMapping.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "FrameAccess.h"
+#include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
+
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <mutex>
+
+namespace {
+
+using testing::HasSubstr;
+
+const TTouchscreenId kFrame{"irframe touchscreen serial 0123AB", 0xAAEC, 0xC020};
+const TTouchscreenId kArea{"irframe touchscreen serial 0123AB area 1", 0xAAEC, 0xC020};
+const TMonitorId kMonitor{"HDMI-1", "GSM", "LG ULTRAFINE", "0x0001'b"};
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string Client(const std::vector<std::string>& argv) {
+    const TProgramResult result = RunProgram(argv);
+    EXPECT_EQ(result.status, 0) << argv[0] << ": " << result.err;
+    return result.out;
+}
+
+// Each test in a configuration directory of its own, without a session bus.
+class DesktopMapping : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/desktopmapping_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+        setenv("XDG_CONFIG_HOME", (m_dir + "/config").c_str(), 1);
+        setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
+        setenv("GSETTINGS_BACKEND", "keyfile", 1);
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        unsetenv("SWAYSOCK");
+        std::filesystem::create_directories(m_dir + "/config");
+    }
+    void TearDown() override { std::filesystem::remove_all(m_dir); }
+
+    std::unique_ptr<IDesktopMapping> Mapping(TDesktop desktop) {
+        return MakeDesktopMapping(desktop, m_dir + "/config");
+    }
+    std::string Map(TDesktop desktop, const TTouchscreenId& device, const TMonitorId& monitor) {
+        std::ostringstream out;
+        Mapping(desktop)->Map(device, monitor, out);
+        return out.str();
+    }
+
+    std::string m_dir;
+};
+
+// Verify the desktop found from the session's variables, the first known name of
+// XDG_CURRENT_DESKTOP first.
+TEST(DesktopDetection, FromTheSessionVariables) {
+    struct TCase {
+        TDesktopEnvironment environment;
+        std::optional<TDesktop> desktop;
+    };
+    const TCase cases[] = {
+        {{"ubuntu:GNOME", true, false, true}, TDesktop::Gnome},
+        {{"KDE", true, false, true}, TDesktop::Kde},
+        {{"sway", true, true, false}, TDesktop::Wlroots},
+        {{"", true, true, false}, TDesktop::Wlroots},     // SWAYSOCK alone
+        {{"labwc:wlroots", true, false, false}, TDesktop::Wlroots},
+        {{"XFCE", false, false, true}, TDesktop::X11},
+        {{"Unknown", true, false, true}, std::nullopt},  // a Wayland desktop not known
+        {{"", false, false, false}, std::nullopt},
+    };
+    for (const TCase& c : cases) {
+        std::string why;
+        EXPECT_EQ(DetectDesktop(c.environment, &why), c.desktop) << c.environment.currentDesktop;
+        if (!c.desktop) {
+            EXPECT_THAT(why, HasSubstr("--desktop")) << c.environment.currentDesktop;
+        }
+    }
+    EXPECT_EQ(ParseDesktop("wlroots"), TDesktop::Wlroots);
+    EXPECT_EQ(ParseDesktop("sway"), std::nullopt);
+}
+
+// Verify the matrix that puts a device spanning the X screen on one monitor of it.
+TEST(DesktopMappingParts, CoordinateMatrix) {
+    EXPECT_EQ(CoordinateMatrix(1920, 0, 1920, 1080, 3840, 1080),
+              (std::vector<double>{0.5, 0, 0.5, 0, 1, 0, 0, 0, 1}));
+    EXPECT_EQ(CoordinateMatrix(0, 1080, 1280, 720, 1920, 1800),
+              (std::vector<double>{1280.0 / 1920, 0, 0, 0, 0.4, 0.6, 0, 0, 1}));
+    EXPECT_EQ(CoordinateMatrix(0, 0, 10, 10, 0, 0),
+              (std::vector<double>{1, 0, 0, 0, 1, 0, 0, 0, 1}));
+}
+
+// Verify GNOME's setting read back through gsettings, with the monitor's vendor, product,
+// serial (a quote in it) and connector in that order.
+TEST_F(DesktopMapping, GnomeThroughGsettings) {
+    EXPECT_EQ(GnomeTouchscreenPath(kFrame), "/org/gnome/desktop/peripherals/touchscreens/aaec:c020/");
+    EXPECT_EQ(Mapping(TDesktop::Gnome)->Show(kFrame), "not set");
+    EXPECT_THAT(Map(TDesktop::Gnome, kFrame, kMonitor), HasSubstr("GNOME: "));
+    EXPECT_EQ(Client({"gsettings", "get",
+                   "org.gnome.desktop.peripherals.touchscreen:"
+                   "/org/gnome/desktop/peripherals/touchscreens/aaec:c020/",
+                   "output"}),
+              "['GSM', 'LG ULTRAFINE', \"0x0001'b\", 'HDMI-1']\n");
+    EXPECT_EQ(Mapping(TDesktop::Gnome)->Show(kFrame), "['GSM', 'LG ULTRAFINE', \"0x0001'b\", 'HDMI-1']");
+
+    // Without a session bus Mutter cannot be asked: the connector alone, and a note saying so.
+    std::vector<std::string> notes;
+    const TMonitorId known = Mapping(TDesktop::Gnome)->Monitor("DP-2", &notes);
+    EXPECT_EQ(known.connector, "DP-2");
+    EXPECT_EQ(known.vendor, "");
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_THAT(notes[0], HasSubstr("inside the GNOME session"));
+}
+
+// Verify KDE's kcminputrc entry read back by kreadconfig5, one group per device.
+TEST_F(DesktopMapping, KdeThroughKcminputrc) {
+    EXPECT_EQ(Mapping(TDesktop::Kde)->Show(kFrame), "not set");
+    EXPECT_THAT(Map(TDesktop::Kde, kFrame, kMonitor), HasSubstr("in force from the next login"));
+    Map(TDesktop::Kde, kArea, {"DP-2", "", "", ""});
+    const auto read = [](const TTouchscreenId& device) {
+        return Client({"kreadconfig5", "--file", "kcminputrc", "--group", "Libinput", "--group",
+                    "43756", "--group", "49184", "--group", device.name, "--key", "OutputName"});
+    };
+    EXPECT_EQ(read(kFrame), "HDMI-1\n");
+    EXPECT_EQ(read(kArea), "DP-2\n");
+    EXPECT_EQ(Mapping(TDesktop::Kde)->Show(kArea), "OutputName=DP-2");
+}
+
+// Verify the sway snippet: one line per device in sway's identifier form, a new mapping
+// replacing the device's line and keeping the others and the user's own lines.
+TEST_F(DesktopMapping, WlrootsSnippet) {
+    const std::string snippet = m_dir + "/config/irframe/wlroots-map.conf";
+    EXPECT_EQ(SwayIdentifier({" a\tb c ", 1, 2}), "1:2:a_b_c");
+    EXPECT_THAT(Map(TDesktop::Wlroots, kFrame, kMonitor), HasSubstr("include " + snippet));
+    Map(TDesktop::Wlroots, kArea, {"DP-2", "", "", ""});
+    std::ofstream(snippet, std::ios::app) << "# mine\n";
+    Map(TDesktop::Wlroots, kFrame, {"DP-3", "", "", ""});
+    EXPECT_EQ(ReadAll(snippet),
+              "# Which monitor each irframe touchscreen lies on; written by irframectl map.\n"
+              "input \"43756:49184:irframe_touchscreen_serial_0123AB\" map_to_output DP-3\n"
+              "input \"43756:49184:irframe_touchscreen_serial_0123AB_area_1\" map_to_output DP-2\n"
+              "# mine\n");
+    EXPECT_EQ(Mapping(TDesktop::Wlroots)->Show(kArea), "map_to_output DP-2 in " + snippet);
+    EXPECT_THROW(Map(TDesktop::Wlroots, {"a\"b", 1, 2}, kMonitor), CToolError);
+
+    // A snippet that is not a regular file is refused, not replaced.
+    std::filesystem::remove(snippet);
+    std::filesystem::create_directory(snippet);
+    EXPECT_THROW(Map(TDesktop::Wlroots, kFrame, kMonitor), CToolError);
+}
+
+// Verify the XInput matrix set through xinput on an X server's device, from the output's place
+// in the X screen, and an output the server does not have refused with the ones it has.
+TEST_F(DesktopMapping, X11ThroughXinput) {
+    const std::string out = m_dir + "/xvfb.out";
+    const pid_t xvfb = SpawnWithOutputFiles(
+        {"/usr/bin/Xvfb", "-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"}, out,
+        m_dir + "/xvfb.err");
+    ASSERT_GT(xvfb, 0) << "Xvfb is needed (Debian package xvfb)";
+    std::string display;
+    for (int tries = 0; tries < 1000 && display.find('\n') == std::string::npos; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        display = ReadAll(out);
+    }
+    ASSERT_NE(display.find('\n'), std::string::npos) << ReadAll(m_dir + "/xvfb.err");
+    setenv("DISPLAY", (":" + display.substr(0, display.find('\n'))).c_str(), 1);
+
+    // Xvfb's own devices keep their properties whatever a client sets (checked with xinput
+    // alone): the matrix is read back, the writing seen as xinput's success.
+    const TTouchscreenId mouse{"Xvfb mouse", 0, 0};
+    const std::string identity = "1.000000, 0.000000, 0.000000, 0.000000, 1.000000, 0.000000, "
+                                 "0.000000, 0.000000, 1.000000";
+    EXPECT_EQ(Mapping(TDesktop::X11)->Show(mouse), identity);
+    EXPECT_THAT(Map(TDesktop::X11, mouse, {"screen", "", "", ""}),
+                HasSubstr("Coordinate Transformation Matrix 1 0 0 0 1 0 0 0 1"));
+    try {
+        Map(TDesktop::X11, mouse, {"HDMI-9", "", "", ""});
+        ADD_FAILURE() << "HDMI-9 taken";
+    } catch (const CToolError& e) {
+        EXPECT_THAT(e.what(), HasSubstr("screen"));
+    }
+    try {
+        Map(TDesktop::X11, {"no such device", 0, 0}, {"screen", "", "", ""});
+        ADD_FAILURE() << "a device that does not exist taken";
+    } catch (const CToolError& e) {
+        EXPECT_THAT(e.what(), HasSubstr("irframed runs with --touchscreen"));
+    }
+    kill(xvfb, SIGTERM);
+    waitpid(xvfb, nullptr, 0);
+    unsetenv("DISPLAY");
+}
+
+// Mutter's monitor list and KWin's input devices, as the desktops offer them on the session bus.
+class CFakeDesktopServices {
+public:
+    explicit CFakeDesktopServices(const CPrivateBus& bus) : m_bus(bus.Connect()) {
+        if (m_bus == nullptr) return;
+        static const sd_bus_vtable kMutter[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_METHOD("GetCurrentState", "",
+                          "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}",
+                          &CurrentState, 0),
+            SD_BUS_VTABLE_END};
+        static const sd_bus_vtable kManager[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("devicesSysNames", "as", &SysNames, 0, 0),
+            SD_BUS_VTABLE_END};
+        static const sd_bus_vtable kDevice[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("name", "s", &DeviceName, 0, 0),
+            SD_BUS_WRITABLE_PROPERTY("outputName", "s", &OutputName, &SetOutputName, 0, 0),
+            SD_BUS_VTABLE_END};
+        sd_bus_add_object_vtable(m_bus, nullptr, "/org/gnome/Mutter/DisplayConfig",
+                                 "org.gnome.Mutter.DisplayConfig", kMutter, this);
+        sd_bus_add_object_vtable(m_bus, nullptr, "/org/kde/KWin/InputDevice",
+                                 "org.kde.KWin.InputDeviceManager", kManager, this);
+        for (const char* device : {"event3", "event4"}) {
+            sd_bus_add_object_vtable(m_bus, nullptr,
+                                     (std::string("/org/kde/KWin/InputDevice/") + device).c_str(),
+                                     "org.kde.KWin.InputDevice", kDevice, this);
+        }
+        m_ok = sd_bus_request_name(m_bus, "org.gnome.Mutter.DisplayConfig", 0) >= 0 &&
+               sd_bus_request_name(m_bus, "org.kde.KWin", 0) >= 0;
+        m_thread = std::thread([this] {
+            while (!m_stop.load()) {
+                if (sd_bus_process(m_bus, nullptr) > 0) continue;
+                sd_bus_wait(m_bus, 10'000);
+            }
+        });
+    }
+    ~CFakeDesktopServices() {
+        m_stop.store(true);
+        if (m_thread.joinable()) m_thread.join();
+        sd_bus_flush_close_unref(m_bus);
+    }
+    bool Ok() const { return m_ok; }
+    std::string Output(const std::string& sysName) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_outputs[sysName];
+    }
+
+private:
+    static std::string SysName(const char* path) { return std::strrchr(path, '/') + 1; }
+
+    static int CurrentState(sd_bus_message* m, void*, sd_bus_error*) {
+        sd_bus_message* reply = nullptr;
+        sd_bus_message_new_method_return(m, &reply);
+        sd_bus_message_append(reply, "u", 7u);
+        sd_bus_message_open_container(reply, 'a', "((ssss)a(siiddada{sv})a{sv})");
+        for (const TMonitorId& monitor :
+             {TMonitorId{"eDP-1", "BOE", "0x0a1c", "0x00000000"}, kMonitor}) {
+            sd_bus_message_open_container(reply, 'r', "(ssss)a(siiddada{sv})a{sv}");
+            sd_bus_message_append(reply, "(ssss)", monitor.connector.c_str(),
+                                  monitor.vendor.c_str(), monitor.product.c_str(),
+                                  monitor.serial.c_str());
+            sd_bus_message_append(reply, "a(siiddada{sv})", 1, "1920x1080@60", 1920, 1080, 60.0,
+                                  1.0, 2, 1.0, 2.0, 0);
+            sd_bus_message_append(reply, "a{sv}", 1, "is-builtin", "b", 0);
+            sd_bus_message_close_container(reply);
+        }
+        sd_bus_message_close_container(reply);
+        sd_bus_message_append(reply, "a(iiduba(ssss)a{sv})a{sv}", 0, 0);
+        const int r = sd_bus_send(nullptr, reply, nullptr);
+        sd_bus_message_unref(reply);
+        return r;
+    }
+    static int SysNames(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                        void*, sd_bus_error*) {
+        return sd_bus_message_append(reply, "as", 2, "event3", "event4");
+    }
+    static int DeviceName(sd_bus*, const char* path, const char*, const char*,
+                          sd_bus_message* reply, void*, sd_bus_error*) {
+        return sd_bus_message_append(reply, "s", SysName(path) == "event4" ? kArea.name.c_str()
+                                                                           : "Some keyboard");
+    }
+    static int OutputName(sd_bus*, const char* path, const char*, const char*,
+                          sd_bus_message* reply, void* self, sd_bus_error*) {
+        return sd_bus_message_append(
+            reply, "s", static_cast<CFakeDesktopServices*>(self)->Output(SysName(path)).c_str());
+    }
+    static int SetOutputName(sd_bus*, const char* path, const char*, const char*,
+                             sd_bus_message* value, void* self, sd_bus_error*) {
+        const char* output = nullptr;
+        const int r = sd_bus_message_read(value, "s", &output);
+        if (r < 0) return r;
+        auto* services = static_cast<CFakeDesktopServices*>(self);
+        std::lock_guard<std::mutex> lock(services->m_mutex);
+        services->m_outputs[SysName(path)] = output;
+        return 1;
+    }
+
+    sd_bus* m_bus;
+    bool m_ok = false;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::map<std::string, std::string> m_outputs;  // by sysname
+};
+
+// Verify that GNOME's monitor comes from Mutter with its vendor, product and serial, and that
+// KWin's input device of the touchscreen's name takes the output at once.
+TEST_F(DesktopMapping, AsksMutterAndKwinOnTheSessionBus) {
+    CPrivateBus bus;
+    ASSERT_TRUE(bus.Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
+    CFakeDesktopServices services(bus);
+    ASSERT_TRUE(services.Ok());
+
+    std::vector<std::string> notes;
+    const TMonitorId monitor = Mapping(TDesktop::Gnome)->Monitor("HDMI-1", &notes);
+    EXPECT_TRUE(notes.empty());
+    EXPECT_EQ(monitor.vendor, kMonitor.vendor);
+    EXPECT_EQ(monitor.product, kMonitor.product);
+    EXPECT_EQ(monitor.serial, kMonitor.serial);
+    try {
+        Mapping(TDesktop::Gnome)->Monitor("DP-9", &notes);
+        ADD_FAILURE() << "DP-9 taken";
+    } catch (const CToolError& e) {
+        EXPECT_THAT(e.what(), HasSubstr("its monitors: eDP-1, HDMI-1"));
+    }
+
+    EXPECT_THAT(Map(TDesktop::Kde, kArea, kMonitor), HasSubstr("KWin maps it to HDMI-1 now"));
+    EXPECT_EQ(services.Output("event4"), "HDMI-1");
+    EXPECT_EQ(services.Output("event3"), "");
+}
+
+}  // namespace
