@@ -8,8 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-int ReadInputFile(const std::string& path, size_t maxBytes, std::string* data, std::string* why,
-                  const TInputStop& stop) {
+bool ReadInputFile(const std::string& path, size_t maxBytes, std::string* data, std::string* why) {
+    return ReadInputFileUnlessStopped(path, maxBytes, data, why, {}) == 0;
+}
+
+int ReadInputFileUnlessStopped(const std::string& path, size_t maxBytes, std::string* data,
+                               std::string* why, const TInputStop& stop) {
     data->clear();
     const bool standardInput = path == "-";
     // Not blocking: opening a FIFO does not wait for its writer (the reads below do, in steps).

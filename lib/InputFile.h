@@ -20,7 +20,11 @@ using TInputStop = std::function<int()>;
 // How long one step of a wait lasts: the delay between a stop and the end of the read.
 inline constexpr int kInputStepMillis = 50;
 
-// 0 with `data`; -1 with `why` (the cause alone, for the caller's "cannot read X 'PATH': why");
-// or the signal number `stop` gave, `data` then empty.
-int ReadInputFile(const std::string& path, size_t maxBytes, std::string* data, std::string* why,
-                  const TInputStop& stop = {});
+// False with `why` (the cause alone, for the caller's "cannot read X 'PATH': why"). Its waits
+// have no end but the input's.
+bool ReadInputFile(const std::string& path, size_t maxBytes, std::string* data, std::string* why);
+
+// The same, asking `stop` between the steps of a wait: 0 with `data`; -1 with `why`; or the
+// signal number `stop` gave, `data` then empty.
+int ReadInputFileUnlessStopped(const std::string& path, size_t maxBytes, std::string* data,
+                               std::string* why, const TInputStop& stop);

@@ -44,7 +44,7 @@ private:
 int ReadWholeFileWaiting(const std::string& path, size_t limit, std::string* text,
                          std::string* error) {
     const CStopSignalsHeld held;
-    return ReadInputFile(path, limit, text, error, &TakeStopSignal);
+    return ReadInputFileUnlessStopped(path, limit, text, error, &TakeStopSignal);
 }
 
 bool StopSignalPending() {

@@ -43,7 +43,7 @@ std::string ReadFile(TToolContext& ctx, const std::string& path, size_t limit, c
         ctx.err << "irframectl: " << what << " " << QuotedText(path)
                 << " is a FIFO: waiting for a writer" << std::endl;
     }
-    const int result = ReadInputFile(path, limit, &data, &why, ctx.stopSignal);
+    const int result = ReadInputFileUnlessStopped(path, limit, &data, &why, ctx.stopSignal);
     if (result < 0) {
         throw CToolError(kCtlBadInput,
                          "cannot read " + std::string(what) + " " + QuotedText(path) + ": " + why);
