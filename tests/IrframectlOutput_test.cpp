@@ -298,6 +298,12 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
         EXPECT_EQ(run.status, c.status) << run.err;
         EXPECT_EQ(run.err, program + c.line + "\n");
     }
+    // Nothing names a session bus: said in words, not as sd-bus's "No medium found".
+    unsetenv("XDG_RUNTIME_DIR");
+    const TRun noBus = Ctl({"--bus", "list"});
+    EXPECT_EQ(noBus.status, 1);
+    EXPECT_EQ(noBus.err, "irframectl: no session bus: neither DBUS_SESSION_BUS_ADDRESS nor "
+                         "XDG_RUNTIME_DIR is set\n");
 }
 
 // Verify that irframectl --simulate takes a script exactly as irframed does: the same status
