@@ -73,7 +73,14 @@ std::unique_ptr<ITransport> ChooseTransport(const TOptions& opt) {
         HoldStopSignals(false);  // a bus call is cut short by the handler
         std::string error;
         if (sd_bus* bus = OpenSessionBus(&error)) {
-            if (DriverOnBus(bus, StopSignal)) return MakeBusTransport(bus, StopSignal);
+            bool driver = false;
+            try {
+                driver = DriverOnBus(bus, StopSignal);
+            } catch (const CToolError&) {
+                sd_bus_close_unref(bus);  // not flushed: the bus may be the one not answering
+                throw;
+            }
+            if (driver) return MakeBusTransport(bus, StopSignal);
             sd_bus_flush_close_unref(bus);
             error = "no driver owns " + std::string(kDriverBusName) + " on the session bus";
         }
