@@ -14,11 +14,13 @@ TLogSink g_sink;
 std::atomic<bool> g_hasSink{false};
 std::atomic<int> g_threshold{static_cast<int>(TLogLevel::Info)};
 std::atomic<bool> g_journalPrefix{false};
+std::string g_programPrefix;  // under g_logMutex
 
 void DefaultWriter(TLogLevel level, std::string_view line) {
     if (g_journalPrefix.load(std::memory_order_relaxed)) {
         std::fprintf(stderr, "<%d>", static_cast<int>(level));
     }
+    std::fputs(g_programPrefix.c_str(), stderr);
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fputc('\n', stderr);
     std::fflush(stderr);
@@ -63,6 +65,11 @@ TLogSink TSetLogSink(TLogSink sink) {
 void TSetLogOutput(TLogLevel threshold, bool journalPrefix) {
     g_threshold.store(static_cast<int>(threshold));
     g_journalPrefix.store(journalPrefix);
+}
+
+void TSetLogProgramName(std::string_view program) {
+    std::lock_guard<std::mutex> lock(g_logMutex);
+    g_programPrefix = program.empty() ? std::string() : std::string(program) + ": ";
 }
 
 TLogLevel TLogThreshold() {

@@ -29,6 +29,9 @@ TLogSink TSetLogSink(TLogSink sink);
 // The default writer's settings: lines above `threshold` are dropped (and never formatted);
 // `journalPrefix` puts the "<N>" priority in front of each line.
 void TSetLogOutput(TLogLevel threshold, bool journalPrefix);
+// Puts "PROGRAM: " in front of every line of the default writer, for a tool whose lines are
+// messages to its user rather than a log; empty for none (the default).
+void TSetLogProgramName(std::string_view program);
 TLogLevel TLogThreshold();
 // Whether a line of `level` would be written anywhere (a sink, or the writer's threshold).
 bool TLogEnabled(TLogLevel level);

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <memory>
+#include <vector>
 
 #include "CalibrationSession.h"
 #include "TargetLayout.h"
@@ -147,4 +149,30 @@ TEST(CalibrationToolSession, TimesOutWithoutTouches) {
     EXPECT_EQ(session.Phase(), TSessionPhase::Taking);
     session.Tick(59'000'000);
     EXPECT_EQ(session.Phase(), TSessionPhase::TimedOut);
+}
+
+// Verify which stored areas a save puts back in use: only usable ones of a frame whose areas were
+// switched off, and never the one being calibrated.
+TEST(CalibrationToolSession, NamesTheAreasASaveSwitchesBackOn) {
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    DefaultDevConfig(0, 0, config.get());
+    DefaultDevCalConfig(0, 0, config.get());
+    config->areaCount = 3;
+    config->areas[1] = config->areas[0];
+    config->areas[2] = config->areas[0];
+    config->areas[2].targetRect.width = 10;  // too small to be used
+    const struct {
+        bool areasOn;
+        int number;
+        std::vector<int> back;
+    } cases[] = {{true, 1, {}}, {false, 1, {2}}, {false, 2, {1}}, {false, 4, {1, 2}}};
+    for (const auto& c : cases) {
+        if (c.areasOn) {
+            config->flags |= DEV_FLAG_AREAS_ENABLED;
+        } else {
+            config->flags &= ~DEV_FLAG_AREAS_ENABLED;
+        }
+        EXPECT_EQ(AreasBackInUse(*config, c.number), c.back) << c.areasOn << " " << c.number;
+        EXPECT_NE(ConfigWithArea(*config, 1, config->areas[0]).flags & DEV_FLAG_AREAS_ENABLED, 0u);
+    }
 }

@@ -121,40 +121,50 @@ constexpr const char* kTap = "down 1 16000 16000\nhold 2\nup 1\n";
 
 struct TFifoCase {
     const char* name;
-    bool tool;   // irframectl --simulate FIFO list, else irframed --simulate FIFO --dry-run
+    bool tool;           // irframectl, else irframed --dry-run
+    const char* input;   // what the FIFO stands for: "gesture script" or "a configuration"
     int signal;
-    int status;  // the program's status for an end asked for
+    int status;          // the program's status for an end asked for
+    const char* ending;  // the line's words between the signal and the FIFO's name
 };
 
 class StopWhileOpening : public DriverSignals, public testing::WithParamInterface<TFifoCase> {};
 
-// Verify that either program waiting for the writer of a script FIFO says so, and ends in
-// order on SIGTERM or SIGINT with the same line, naming the signal. (A FIFO as an output is
-// refused at once: tests/IrframectlOutput_test.cpp.)
+// Verify that either program waiting for the writer of a FIFO it reads says so, and ends in
+// order on SIGTERM or SIGINT with one line naming the signal. (A FIFO as an output is refused
+// at once: tests/IrframectlOutput_test.cpp.)
 TEST_P(StopWhileOpening, EndsInOrder) {
     const TFifoCase& c = GetParam();
     const std::string fifo = Fifo("fifo");
-    CDriver program(m_dir,
-                    c.tool ? Lines{"--simulate", fifo, "list"}
-                           : Lines{"--no-config", "--dry-run", "--simulate", fifo},
-                    c.tool);
+    const bool script = std::string(c.input) == "gesture script";
+    Lines args = !c.tool ? Lines{"--no-config", "--dry-run", "--simulate", fifo}
+                 : script ? Lines{"--simulate", fifo, "list"}
+                          : Lines{"--simulate", File("tap.gesture", kTap), "config", "restore",
+                                  "--yes", "--backup", m_dir + "/kept.json", fifo};
+    CDriver program(m_dir, args, c.tool);
     ASSERT_TRUE(program.Started());
-    ASSERT_TRUE(program.WaitForLog("is a FIFO: waiting for a writer")) << program.Log();
+    const std::string name = c.tool ? "irframectl: " : "";  // the driver's log is a log
+    ASSERT_TRUE(program.WaitForLog(name + c.input + " '" + fifo +
+                                   "' is a FIFO: waiting for a writer\n"))
+        << program.Log();
     program.Signal(c.signal);
     EXPECT_EQ(program.Wait(), c.status) << program.Log();
     EXPECT_THAT(program.Log(),
                 HasSubstr(std::string(c.tool ? "irframectl: " : "irframed: ") +
-                          (c.signal == SIGINT ? "SIGINT" : "SIGTERM") +
-                          " while waiting for a writer to the gesture script '" + fifo +
+                          (c.signal == SIGINT ? "SIGINT" : "SIGTERM") + c.ending + " '" + fifo +
                           "': stopping\n"));
 }
 
+constexpr const char* kScriptWait = " while waiting for a writer to the gesture script";
 INSTANTIATE_TEST_SUITE_P(
     Fifos, StopWhileOpening,
-    testing::Values(TFifoCase{"DriverSigterm", false, SIGTERM, 0},
-                    TFifoCase{"DriverSigint", false, SIGINT, 0},
-                    TFifoCase{"ToolSigterm", true, SIGTERM, 5},
-                    TFifoCase{"ToolSigint", true, SIGINT, 5}),
+    testing::Values(
+        TFifoCase{"DriverSigterm", false, "gesture script", SIGTERM, 0, kScriptWait},
+        TFifoCase{"DriverSigint", false, "gesture script", SIGINT, 0, kScriptWait},
+        TFifoCase{"ToolSigterm", true, "gesture script", SIGTERM, 5, kScriptWait},
+        TFifoCase{"ToolSigint", true, "gesture script", SIGINT, 5, kScriptWait},
+        TFifoCase{"ToolConfiguration", true, "a configuration", SIGTERM, 5,
+                  " while reading a configuration"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Verify that a bus that takes the connection and never answers holds neither program past

@@ -285,6 +285,9 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
          "cannot read a configuration '" + m_script + "/x.json': Not a directory"},
         {true, {"--simulate", m_script, "--dry-run", "-o", m_script + "/x.json"}, 1,
          "cannot write '" + m_script + "/x.json': Not a directory"},
+        {false, {"--simulate", m_script, "config", "restore", "--yes", "-"}, 2,
+         "'-' is not a file with a place beside it for the replaced configuration: name one "
+         "with --backup PATH"},
         {false, {"--usb", "--simulate", m_script, "list"}, 2,
          "--usb cannot go with --simulate: the emulated frame is reached over HID only"},
     };
@@ -295,6 +298,12 @@ TEST_F(OutputAndMessages, MessagesAreTrueEscapedAndOneLine) {
         EXPECT_EQ(run.status, c.status) << run.err;
         EXPECT_EQ(run.err, program + c.line + "\n");
     }
+    // Nothing names a session bus: said in words, not as sd-bus's "No medium found".
+    unsetenv("XDG_RUNTIME_DIR");
+    const TRun noBus = Ctl({"--bus", "list"});
+    EXPECT_EQ(noBus.status, 1);
+    EXPECT_EQ(noBus.err, "irframectl: no session bus: neither DBUS_SESSION_BUS_ADDRESS nor "
+                         "XDG_RUNTIME_DIR is set\n");
 }
 
 // Verify that irframectl --simulate takes a script exactly as irframed does: the same status

@@ -5,6 +5,11 @@
 
 #include "StopSignalWaits.h"
 
+std::string SessionBusUnreachable(int result) {
+    if (result == -ENOMEDIUM) return "neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set";
+    return std::strerror(-result);
+}
+
 bool AwaitBusGreeting(sd_bus* bus, std::string* error) {
     int r;
     while ((r = sd_bus_is_ready(bus)) == 0) {
@@ -33,7 +38,10 @@ std::unique_ptr<CSessionBus> CSessionBus::Connect(sd_event* event, const char* a
     int r;
     if (address == nullptr) {
         r = sd_bus_open_user(&bus->m_bus);
-        if (r < 0) return fail("cannot connect to the session bus", r);
+        if (r < 0) {
+            if (error != nullptr) *error = "cannot connect to the session bus: " + SessionBusUnreachable(r);
+            return nullptr;
+        }
     } else {
         r = sd_bus_new(&bus->m_bus);
         if (r >= 0) r = sd_bus_set_address(bus->m_bus, address);

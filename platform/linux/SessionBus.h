@@ -17,6 +17,10 @@
 // the bus failed or a stop signal came first; the caller then closes `bus` without a flush.
 bool AwaitBusGreeting(sd_bus* bus, std::string* error);
 
+// Why the user's session bus cannot be reached, from sd_bus_open_user's negative result. sd-bus
+// gives ENOMEDIUM ("No medium found") when nothing names the bus; that is said in words.
+std::string SessionBusUnreachable(int result);
+
 class CSessionBus {
 public:
     // Connects to `address` (a D-Bus address such as "unix:path=/run/user/1000/bus"), or to the

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "CCalibrateSystem.h"
 #include "TargetLayout.h"
 
 std::optional<_HCRECT_CONFIG_FILE> AreaToReplace(const _HARDWARE_DEV_CONFIG& config, int number) {
@@ -25,6 +26,17 @@ _HARDWARE_DEV_CONFIG ConfigWithArea(const _HARDWARE_DEV_CONFIG& config, int numb
     if (number > out.areaCount) out.areaCount = static_cast<uint8_t>(number);
     out.flags |= DEV_FLAG_AREAS_ENABLED;
     return out;
+}
+
+std::vector<int> AreasBackInUse(const _HARDWARE_DEV_CONFIG& config, int number) {
+    std::vector<int> back;
+    if ((config.flags & DEV_FLAG_AREAS_ENABLED) != 0) return back;
+    for (int i = 0; i < config.areaCount && i < DEV_CONFIG_MAX_AREAS; ++i) {
+        if (i + 1 != number && CCalibrateSystem::CheckCalRectConfig(&config.areas[i])) {
+            back.push_back(i + 1);
+        }
+    }
+    return back;
 }
 
 CCalibrationSession::CCalibrationSession(const TSessionSetup& setup, int64_t nowMicros)

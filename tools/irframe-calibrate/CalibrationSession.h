@@ -36,6 +36,9 @@ std::optional<_HCRECT_CONFIG_FILE> AreaToReplace(const _HARDWARE_DEV_CONFIG& con
 // `config` with area `number` replaced by `area` and the calibration areas switched on.
 _HARDWARE_DEV_CONFIG ConfigWithArea(const _HARDWARE_DEV_CONFIG& config, int number,
                                     const _HCRECT_CONFIG_FILE& area);
+// The other areas (numbers from 1) that switching the areas on puts back in use: stored and
+// usable while the frame had its areas switched off. Empty when they were on.
+std::vector<int> AreasBackInUse(const _HARDWARE_DEV_CONFIG& config, int number);
 
 enum class TSessionPhase {
     Taking,    // a target is shown and waits for its touch

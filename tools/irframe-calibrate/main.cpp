@@ -264,6 +264,15 @@ private:
                       << "\nundo: irframectl config restore " << backup << " "
                       << m_entry.number << "\n"
                       << std::flush;
+            const std::vector<int> back = AreasBackInUse(*m_config, m_options.area);
+            if (!back.empty()) {
+                std::string numbers;
+                for (const int n : back) numbers += (numbers.empty() ? "" : ", ") + std::to_string(n);
+                const bool several = back.size() > 1;
+                Say("the frame's areas were switched off; saving switched them on, so " +
+                    std::string(several ? "areas " : "area ") + numbers + ", stored on the frame, " +
+                    (several ? "are" : "is") + " in use again: check, or undo as above");
+            }
             Finish(kExitSaved);
         } catch (const CToolError& e) {
             Say(e.what());

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "DevConfigJson.h"
+#include "SessionBus.h"
 #include "StopSignalWaits.h"
 
 namespace {
@@ -553,7 +554,7 @@ private:
 sd_bus* OpenSessionBus(std::string* error) {
     sd_bus* bus = nullptr;
     if (const int r = sd_bus_open_user(&bus); r < 0) {
-        *error = std::string("no session bus: ") + std::strerror(-r);
+        *error = "no session bus: " + SessionBusUnreachable(r);
         return nullptr;
     }
     return bus;

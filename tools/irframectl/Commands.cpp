@@ -19,6 +19,7 @@
 #include "OutputFile.h"
 #include "QuotedText.h"
 #include "Present.h"
+#include "StopSignalWaits.h"
 
 namespace {
 
@@ -35,11 +36,21 @@ TOpened OpenFrame(TToolContext& ctx) {
     return o;
 }
 
-std::string ReadFile(const std::string& path, size_t limit, const char* what) {
+std::string ReadFile(TToolContext& ctx, const std::string& path, size_t limit, const char* what) {
     std::string data, why;
-    if (!ReadInputFile(path, limit, &data, &why)) {
+    struct stat st {};
+    if (path != "-" && stat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode)) {
+        ctx.err << "irframectl: " << what << " " << QuotedText(path)
+                << " is a FIFO: waiting for a writer" << std::endl;
+    }
+    const int result = ReadInputFileUnlessStopped(path, limit, &data, &why, ctx.stopSignal);
+    if (result < 0) {
         throw CToolError(kCtlBadInput,
                          "cannot read " + std::string(what) + " " + QuotedText(path) + ": " + why);
+    }
+    if (result > 0) {
+        throw CToolError(kCtlCancelled, SignalName(result) + " while reading " + what + " " +
+                                            QuotedText(path) + ": stopping");
     }
     return data;
 }
@@ -203,8 +214,17 @@ int CmdConfigDump(TToolContext& ctx, const std::string& file) {
 }
 
 int CmdConfigRestore(TToolContext& ctx, const TRestoreOptions& options) {
-    // Everything about the file is settled before the frame is touched.
-    const std::string text = ReadFile(options.file, kDevConfigJsonMaxBytes, "a configuration");
+    // Everything about the file is settled before the frame is touched. The backup goes next
+    // to FILE by default, which only a file in a directory has.
+    struct stat st {};
+    if (options.backup.empty() &&
+        (options.file == "-" || (stat(options.file.c_str(), &st) == 0 && !S_ISREG(st.st_mode) &&
+                                 !S_ISDIR(st.st_mode)))) {
+        throw CToolError(kCtlUsage, QuotedText(options.file) +
+                                        " is not a file with a place beside it for the "
+                                        "replaced configuration: name one with --backup PATH");
+    }
+    const std::string text = ReadFile(ctx, options.file, kDevConfigJsonMaxBytes, "a configuration");
     auto wanted = std::make_unique<_HARDWARE_DEV_CONFIG>();
     std::string error;
     if (!DevConfigFromJson(text, wanted.get(), &error)) {
@@ -356,7 +376,7 @@ std::vector<uint8_t> Bytes(const std::string& data) {
 }  // namespace
 
 int CmdScanPatternSet(TToolContext& ctx, const std::string& file) {
-    const std::vector<uint8_t> data = Bytes(ReadFile(file, kMaxScanPatternBytes, "a scan pattern"));
+    const std::vector<uint8_t> data = Bytes(ReadFile(ctx, file, kMaxScanPatternBytes, "a scan pattern"));
     // A pattern starts with its own size at bytes 2..5: the frame reads it from there.
     const uint32_t declared = data.size() < 6 ? 0
                                               : static_cast<uint32_t>(data[2]) | data[3] << 8 |
@@ -371,7 +391,7 @@ int CmdScanPatternSet(TToolContext& ctx, const std::string& file) {
 
 int CmdTouchSystemFileSet(TToolContext& ctx, const std::string& file) {
     const std::vector<uint8_t> data =
-        Bytes(ReadFile(file, kMaxTouchSystemFileBytes, "a touch-system file"));
+        Bytes(ReadFile(ctx, file, kMaxTouchSystemFileBytes, "a touch-system file"));
     if (data.size() < MTDEV_TOUCH_SYSTEM_FILE_MIN_BYTES) {
         throw CToolError(kCtlBadInput, QuotedText(file) + " has " + std::to_string(data.size()) +
                                             " bytes; a touch-system file has at least " +

@@ -16,6 +16,7 @@ struct TToolContext {
     std::ostream& err;
     std::function<bool()> interrupted;  // Ctrl-C was pressed
     bool terminal = false;              // err is a terminal: draw a progress bar
+    std::function<int()> stopSignal;    // the SIGINT or SIGTERM received, 0 for none
 };
 
 struct TRestoreOptions {

@@ -15,6 +15,7 @@
 #include "Commands.h"
 #include "DirectTransport.h"
 #include "IrframeVersion.h"
+#include "MtDevLog.h"
 #include "OutputFile.h"
 #include "QuotedText.h"
 
@@ -233,6 +234,8 @@ int main(int argc, char** argv) {
     // A closed pipe on standard output is a write error to report, not a silent death.
     std::signal(SIGPIPE, SIG_IGN);
     COutputFile::GuardStandardDescriptors();
+    // What the device library and the emulated frame say is the tool's message too.
+    TSetLogProgramName("irframectl");
     if (const std::optional<int> parsed = ParseCommandLine(app, argc, argv)) {
         return *parsed;
     }
@@ -255,7 +258,8 @@ int main(int argc, char** argv) {
         std::unique_ptr<ITransport> transport = ChooseTransport(opt);
         HoldStopSignals(false);
         TToolContext ctx{*transport, opt.frame, standardOutput.Stream(), std::cerr,
-                         [] { return g_interrupted != 0; }, isatty(STDERR_FILENO) != 0};
+                         [] { return g_interrupted != 0; }, isatty(STDERR_FILENO) != 0,
+                         StopSignal};
         exitStatus = run(ctx);
     } catch (const CToolError& e) {
         standardOutput.Stream().flush();
