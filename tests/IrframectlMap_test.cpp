@@ -105,6 +105,20 @@ TEST(DesktopDetection, FromTheSessionVariables) {
     EXPECT_EQ(ParseDesktop("sway"), std::nullopt);
 }
 
+// Verify what a program's run gives back: its outputs and status, a missing program told
+// apart, and one that does not end killed at the time-out.
+TEST(DesktopMappingParts, RunProgram) {
+    const TProgramResult echo = RunProgram({"sh", "-c", "echo out; echo err >&2; exit 3"});
+    EXPECT_TRUE(echo.found);
+    EXPECT_EQ(echo.status, 3);
+    EXPECT_EQ(echo.out, "out\n");
+    EXPECT_EQ(echo.err, "err\n");
+    EXPECT_FALSE(RunProgram({"irframe-no-such-program"}).found);
+    const TProgramResult stuck = RunProgram({"sleep", "600"}, 50);
+    EXPECT_EQ(stuck.status, -1);
+    EXPECT_EQ(stuck.err, "sleep did not end within 0.05 s");
+}
+
 // Verify the matrix that puts a device spanning the X screen on one monitor of it.
 TEST(DesktopMappingParts, CoordinateMatrix) {
     EXPECT_EQ(CoordinateMatrix(1920, 0, 1920, 1080, 3840, 1080),
