@@ -20,6 +20,7 @@
 
 #include "FrameAccess.h"
 #include "support/ChildProcess.h"
+#include "support/HeadlessSway.h"
 #include "support/PrivateBus.h"
 
 #include <systemd/sd-bus.h>
@@ -104,6 +105,20 @@ TEST(DesktopDetection, FromTheSessionVariables) {
     EXPECT_EQ(ParseDesktop("sway"), std::nullopt);
 }
 
+// Verify what a program's run gives back: its outputs and status, a missing program told
+// apart, and one that does not end killed at the time-out.
+TEST(DesktopMappingParts, RunProgram) {
+    const TProgramResult echo = RunProgram({"sh", "-c", "echo out; echo err >&2; exit 3"});
+    EXPECT_TRUE(echo.found);
+    EXPECT_EQ(echo.status, 3);
+    EXPECT_EQ(echo.out, "out\n");
+    EXPECT_EQ(echo.err, "err\n");
+    EXPECT_FALSE(RunProgram({"irframe-no-such-program"}).found);
+    const TProgramResult stuck = RunProgram({"sleep", "600"}, 50);
+    EXPECT_EQ(stuck.status, -1);
+    EXPECT_EQ(stuck.err, "sleep did not end within 0.05 s");
+}
+
 // Verify the matrix that puts a device spanning the X screen on one monitor of it.
 TEST(DesktopMappingParts, CoordinateMatrix) {
     EXPECT_EQ(CoordinateMatrix(1920, 0, 1920, 1080, 3840, 1080),
@@ -171,6 +186,34 @@ TEST_F(DesktopMapping, WlrootsSnippet) {
     std::filesystem::remove(snippet);
     std::filesystem::create_directory(snippet);
     EXPECT_THROW(Map(TDesktop::Wlroots, kFrame, kMonitor), CToolError);
+}
+
+// Verify that sway takes the snippet's lines, each a command of its configuration language, and
+// that map sends the line to the running sway when SWAYSOCK names it.
+TEST_F(DesktopMapping, WlrootsSnippetTakenBySway) {
+    ASSERT_EQ(system("command -v sway swaymsg > /dev/null"), 0)
+        << "sway is needed (scripts/setup-test.sh installs it)";
+    Map(TDesktop::Wlroots, kFrame, kMonitor);
+    Map(TDesktop::Wlroots, kArea, {"HEADLESS-1", "", "", ""});
+    HeadlessSway sway;
+    ASSERT_TRUE(sway.WaitReady()) << sway.Log();
+    std::istringstream lines(ReadAll(m_dir + "/config/irframe/wlroots-map.conf"));
+    int commands = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        EXPECT_THAT(sway.Msg("'" + line + "'"), HasSubstr("\"success\": true")) << line;
+        ++commands;
+    }
+    EXPECT_EQ(commands, 2);
+    EXPECT_THAT(sway.Msg("'input \"1:2:x\" map_to_outputt HEADLESS-1'"),
+                HasSubstr("\"success\": false"));
+
+    setenv("SWAYSOCK", sway.IpcSocket().c_str(), 1);
+    EXPECT_THAT(Map(TDesktop::Wlroots, kArea, {"HEADLESS-2", "", "", ""}),
+                HasSubstr("sway maps it now"));
+    EXPECT_THAT(Map(TDesktop::Wlroots, kArea, {"HEADLESS-1 junk", "", "", ""}),
+                HasSubstr("sway did not take it now"));
+    unsetenv("SWAYSOCK");
 }
 
 // Verify the XInput matrix set through xinput on an X server's device, from the output's place

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -455,7 +457,7 @@ std::optional<TDesktop> DetectDesktop(const TDesktopEnvironment& environment, st
     return std::nullopt;
 }
 
-TProgramResult RunProgram(const std::vector<std::string>& argv) {
+TProgramResult RunProgram(const std::vector<std::string>& argv, int timeoutMillis) {
     TProgramResult result;
     int outPipe[2], errPipe[2];
     if (pipe2(outPipe, O_CLOEXEC) != 0) return result;
@@ -488,8 +490,18 @@ TProgramResult RunProgram(const std::vector<std::string>& argv) {
     std::array<pollfd, 2> fds{{{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}}};
     std::array<std::string*, 2> into{&result.out, &result.err};
     size_t open = 2;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillis);
+    bool late = false;
     while (open > 0) {
-        if (poll(fds.data(), fds.size(), -1) < 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            late = true;  // a program that waits for something that never comes
+            kill(pid, SIGKILL);
+            break;
+        }
+        if (poll(fds.data(), fds.size(), static_cast<int>(left.count())) < 0) {
             if (errno == EINTR) continue;
             break;
         }
@@ -514,7 +526,12 @@ TProgramResult RunProgram(const std::vector<std::string>& argv) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.status = WIFEXITED(status) && !late ? WEXITSTATUS(status) : -1;
+    if (late) {
+        char seconds[32];
+        std::snprintf(seconds, sizeof seconds, "%g s", timeoutMillis / 1000.0);
+        result.err = argv[0] + " did not end within " + seconds;
+    }
     return result;
 }
 

@@ -61,9 +61,9 @@ struct TProgramResult {
     std::string out;
     std::string err;
 };
-// Runs `argv` (looked up in PATH) without a shell and waits for it; each output is kept up to
-// 64 KiB.
-TProgramResult RunProgram(const std::vector<std::string>& argv);
+// Runs `argv` (looked up in PATH) without a shell and waits for it, at most `timeoutMillis`
+// (then it is killed, `status` -1 and `err` saying so); each output is kept up to 64 KiB.
+TProgramResult RunProgram(const std::vector<std::string>& argv, int timeoutMillis = 30'000);
 
 class IDesktopMapping {
 public:
