@@ -139,7 +139,7 @@ protected:
         int fds[2];
         EXPECT_EQ(pipe(fds), 0);
         const pid_t pid = Spawn({"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen", "0",
-                                 "1920x1080x24", "-nolisten", "tcp"},
+                                 "1920x1080x24", "-nolisten", "tcp", "-noreset"},
                                 {});
         close(fds[1]);
         EXPECT_GT(pid, 0) << "Xvfb is needed (Debian package xvfb)";

@@ -221,7 +221,9 @@ TEST_F(DesktopMapping, WlrootsSnippetTakenBySway) {
 TEST_F(DesktopMapping, X11ThroughXinput) {
     const std::string out = m_dir + "/xvfb.out";
     const pid_t xvfb = SpawnWithOutputFiles(
-        {"/usr/bin/Xvfb", "-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"}, out,
+        {"/usr/bin/Xvfb", "-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp",
+         "-noreset"},
+        out,
         m_dir + "/xvfb.err");
     ASSERT_GT(xvfb, 0) << "Xvfb is needed (Debian package xvfb)";
     std::string display;
