@@ -1,9 +1,7 @@
 // The driver's D-Bus interface end to end: a private session bus (dbus-daemon, started here),
 // irframed on emulated frames, and an sd-bus client. Frames hold their scripts (--fault hold) so
 // that the driver stays up while the test talks to it; transfers stall or vanish by --fault.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -19,9 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
-
-extern char** environ;
 
 namespace {
 
@@ -44,20 +41,7 @@ std::string FramePath(int n) {
 }
 
 pid_t Spawn(Args args, const std::string& stderrPath, const std::string& stdoutPath = "/dev/null") {
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    pid_t pid = -1;
-    const int r = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return r == 0 ? pid : -1;
+    return SpawnWithOutputFiles(std::move(args), stdoutPath, stderrPath);
 }
 
 // One irframed run.
