@@ -45,20 +45,6 @@ struct TRun {
     std::string outputWhenSignalled;  // the output file as the signal was sent
 };
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-Lines SplitLines(const std::string& text) {
-    Lines lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // One event in a form a test can spell: "leftMouseDown 938,527", "keyDown 124 cmd",
 // "scroll 50", with "dN " in front when the device number is not 1.
 std::string Short(const nlohmann::json& e) {
@@ -90,26 +76,8 @@ std::pair<Lines, Lines> SplitByDevice(const Lines& events) {
 
 class Irframed : public testing::Test {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/irframed_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-    }
-    void TearDown() override {
-        for (const std::string& file : m_files) std::remove(file.c_str());
-        std::remove((m_dir + "/out.json").c_str());
-        std::remove((m_dir + "/err.txt").c_str());
-        std::remove((m_dir + "/stdout.txt").c_str());
-        rmdir(m_dir.c_str());
-    }
-
     // Writes a gesture script and returns its path.
-    std::string Script(const std::string& name, const std::string& text) {
-        const std::string path = m_dir + "/" + name;
-        std::ofstream(path) << text;
-        m_files.push_back(path);
-        return path;
-    }
+    std::string Script(const std::string& name, const std::string& text) { return m_scratch.File(name, text); }
 
     // Runs the driver with `args` and --dry-run into a file; ends it if it hangs. With
     // `signalWhen`, sends SIGTERM once the log holds that line.
@@ -127,32 +95,13 @@ protected:
         }
         argv.insert(argv.end(), args.begin(), args.end());
         const std::string printed = m_dir + "/stdout.txt";
-        const pid_t pid = SpawnWithOutputFiles(argv, printed, err);
+        CChild child(argv, printed, err);
         TRun run;
-        if (pid < 0) {
-            ADD_FAILURE() << "cannot start " << argv[0];
-            return run;
+        if (!signalWhen.empty() && child.WaitForErr("\n" + signalWhen + "\n")) {
+            run.outputWhenSignalled = ReadFile(out);
+            child.Signal(SIGTERM);
         }
-        // A safety net against a hung driver, not a measurement: a run takes milliseconds.
-        int wstatus = 0;
-        bool signalled = signalWhen.empty();
-        for (int waited = 0;; waited += 10) {
-            const pid_t r = waitpid(pid, &wstatus, WNOHANG);
-            if (r == pid) break;
-            if (!signalled && ReadFile(err).find("\n" + signalWhen + "\n") != std::string::npos) {
-                run.outputWhenSignalled = ReadFile(out);
-                kill(pid, SIGTERM);
-                signalled = true;
-            }
-            if (waited >= 60'000) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &wstatus, 0);
-                ADD_FAILURE() << "irframed did not end";
-                break;
-            }
-            usleep(10'000);
-        }
-        run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+        run.status = child.Wait();
         run.logText = ReadFile(err);
         run.printed = ReadFile(printed);
         // Under a sanitizer build of the driver, a report is a failure of whatever case ran.
@@ -174,8 +123,8 @@ protected:
         return static_cast<size_t>(std::count(run.log.begin(), run.log.end(), line));
     }
 
-    std::string m_dir;
-    Lines m_files;
+    CScratchDir m_scratch{"irframed_test"};
+    const std::string m_dir = m_scratch.Dir();
     bool m_readConfig = false;  // let the driver look for its configuration file
 };
 
