@@ -587,28 +587,6 @@ TEST_F(IrframectlBus, ListInfoStatusThroughTheDriver) {
     EXPECT_EQ(Tool({"--direct", "--simulate", File("i.gesture", "hold 1\n"), "list"}).status, 0);
 }
 
-// Verify dump, restore and dump through the driver: the second dump is the restored file byte
-// for byte, the first is kept as the backup, and the driver's refusal names the fault.
-TEST_F(IrframectlBus, ConfigDumpRestoreDumpThroughTheDriver) {
-    TFakeFrame frame;
-    frame.config = SampleConfig();
-    Serve({frame});
-    ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
-    EXPECT_EQ(ReadFile(Path("a.json")), SampleConfig());
-
-    Json changed = Json::parse(ReadFile(Path("a.json")));
-    changed["areas"][0]["targetRect"]["width"] = 1280;
-    changed["text"] = "Lobby";
-    const std::string b = File("b.json", Canonical(changed));
-    const TRun restore = Tool({"config", "restore", "--yes", "--backup", Path("backup.json"), b});
-    EXPECT_EQ(restore.status, 0) << restore.err;
-    EXPECT_THAT(restore.out, HasSubstr("/areas/0/targetRect/width: 1920 -> 1280"));
-    EXPECT_EQ(m_fake->Calls("WriteConfig"), 1);
-    ASSERT_EQ(Tool({"config", "dump", Path("c.json")}).status, 0);
-    EXPECT_EQ(ReadFile(Path("c.json")), ReadFile(b));
-    EXPECT_EQ(ReadFile(Path("backup.json")), ReadFile(Path("a.json")));
-}
-
 TEST_F(IrframectlBus, DriverRefusalIsBadInput) {
     TFakeFrame frame;
     frame.config = SampleConfig();
@@ -816,52 +794,6 @@ TEST_F(IrframectlDriver, MonitorShowsAndRecordReplaysTheScript) {
         EXPECT_EQ(want.size(), 2u * 22u);
         EXPECT_EQ(seen, want);
     }
-}
-
-}  // namespace
-
-namespace {
-
-// Verify that a configuration restored through the driver is the one the next touch is
-// calibrated with: the same script posts its events elsewhere when the area's target
-// rectangle is halved.
-TEST_F(IrframectlDriver, RestoredAreaMovesTheNextTouch) {
-    const std::string script = File("tap.gesture", "down 1 16000 16000\nhold 2\nup 1\n");
-    std::vector<std::string> events;
-    for (const bool changed : {false, true}) {
-        SCOPED_TRACE(changed ? "halved" : "as read");
-        if (!StartDriver({"--simulate", script, "--fault", "hold:1@0"})) {
-            GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
-        }
-        ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
-        Json j = Json::parse(ReadFile(Path("a.json")));
-        // One area over the whole frame, areas on; the second run halves its target.
-        Json area = Json::parse(R"({
-            "netAddress": "127.0.0.1", "port": 3333, "port2": 3000,
-            "mode": 5, "id": 0, "group": 0, "rotation": 0,
-            "outputRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
-            "targetRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
-            "edgeAdjust": {"minusX": 15, "plusX": 15, "minusY": 15, "plusY": 15},
-            "center": {"x": 16384, "y": 16384},
-            "axisH": {"x": -16384, "y": 0}, "axisV": {"x": 0, "y": 16384}})");
-        if (changed) area["targetRect"] = {{"x", 0}, {"y", 0}, {"width", 960}, {"height", 540}};
-        j["areas"] = Json::array({area});
-        const unsigned long flags = std::stoul(j["flags"].get<std::string>(), nullptr, 16);
-        char text[32];
-        std::snprintf(text, sizeof text, "0x%08lX", flags | 0x800ul);
-        j["flags"] = text;
-        j["value1"] = 9;  // a carried value: writing releases the held script either way
-        const std::string file = File(changed ? "half.json" : "same.json", Canonical(j));
-        const TRun restore = Tool({"config", "restore", "--yes", "--backup",
-                                   Path(changed ? "bk-half.json" : "bk-same.json"), file});
-        ASSERT_EQ(restore.status, 0) << restore.err;
-        EXPECT_EQ(m_driver->Wait(), 0) << m_driver->Err();
-        events.push_back(DriverEvents());
-        m_driver.reset();
-    }
-    ASSERT_FALSE(events[0].empty());
-    ASSERT_FALSE(events[1].empty());
-    EXPECT_NE(events[0], events[1]);
 }
 
 // Verify that map writes the desktop's setting for the name the frame's touchscreen gets, puts
