@@ -14,6 +14,9 @@
 #include <sstream>
 #include <thread>
 
+#include <signal.h>
+#include <unistd.h>
+
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 
@@ -325,6 +328,49 @@ TEST_F(DesktopDisplayServices, RefusesMalformedAnswers) {
     ASSERT_TRUE(deep.Ok());
     EXPECT_FALSE(QueryMutterState(m_client, &why));
     EXPECT_THAT(why, HasSubstr("nested too deeply"));
+}
+
+// GNOME's own compositor, headless with one virtual monitor: its layout and monitor ids as the
+// driver and irframectl map read them.
+TEST_F(DesktopDisplayServices, RealMutterHeadless) {
+    ASSERT_EQ(access("/usr/bin/mutter", X_OK), 0)
+        << "mutter is needed (scripts/setup-test.sh installs it)";
+    char dir[] = "/tmp/irframe-mutter-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    const std::string oldRuntime = runtime != nullptr ? runtime : "";
+    setenv("XDG_RUNTIME_DIR", dir, 1);
+    const std::string log = std::string(dir) + "/mutter.log";
+    const pid_t mutter = SpawnWithOutputFiles({"/usr/bin/mutter", "--headless", "--wayland",
+                                               "--no-x11", "--virtual-monitor", "1920x1080"},
+                                              "/dev/null", log);
+    ASSERT_GT(mutter, 0);
+    // Mutter takes its bus name once its monitors are set up; a busy machine may take long.
+    std::string why;
+    std::optional<TXrandrDesktop> layout;
+    std::optional<TMutterState> state;
+    for (int waited = 0; waited < 90'000 && !layout; waited += 200) {
+        layout = QueryDesktopServiceLayout(m_client, &why);
+        if (!layout) usleep(200'000);
+    }
+    if (layout) state = QueryMutterState(m_client, &why);
+    kill(mutter, SIGTERM);
+    waitpid(mutter, nullptr, 0);
+    if (runtime != nullptr) {
+        setenv("XDG_RUNTIME_DIR", oldRuntime.c_str(), 1);
+    } else {
+        unsetenv("XDG_RUNTIME_DIR");
+    }
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    std::filesystem::remove_all(dir);
+    ASSERT_TRUE(layout) << why << "\n" << text.str();
+    EXPECT_EQ(layout->origin, "GNOME (Mutter)");
+    ExpectLayout(*layout, {{"Meta-0", {0, 0, 1920, 1080}, true}}, 1920, 1080);
+    ASSERT_TRUE(state) << why;
+    ASSERT_EQ(state->monitors.size(), 1u);
+    EXPECT_EQ(state->monitors[0].vendor, "MetaVendor");
+    EXPECT_EQ(state->monitors[0].product, "MetaVirtualMonitor");
 }
 
 // The driver itself, in a Wayland session without wlr-output-management, places --display on
