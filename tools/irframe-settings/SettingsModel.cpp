@@ -9,6 +9,7 @@
 
 #include "DevConfigJson.h"
 #include "InputFile.h"
+#include "Present.h"
 #include "QuotedText.h"
 
 namespace {
@@ -103,4 +104,13 @@ std::unique_ptr<_HARDWARE_DEV_CONFIG> ReadSavedConfig(const std::string& path, s
         return nullptr;
     }
     return config;
+}
+
+std::string DiagnosticsReport(const std::string& version, const TFrameEntry& frame,
+                              const std::vector<uint8_t>& info, const std::vector<uint8_t>& status,
+                              const _HARDWARE_DEV_CONFIG& config) {
+    return "irframe-settings " + version + "\n\n" + FrameDetails(frame) + "\ninformation block (" +
+           std::to_string(info.size()) + " bytes)\n" + HexDump(info) + "\nstatus (" +
+           std::to_string(status.size()) + " bytes)\n" + HexDump(status) + "\nconfiguration: " +
+           DevConfigSummary(config) + "\n\n" + ConfigTables(config);
 }

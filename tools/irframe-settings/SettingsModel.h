@@ -50,3 +50,9 @@ std::vector<TBackupEntry> ListBackups(const std::string& directory);
 // Reads a saved configuration (a regular file of at most kDevConfigJsonMaxBytes). Null with
 // `error` (one line naming the file) when it cannot be read or is not one.
 std::unique_ptr<_HARDWARE_DEV_CONFIG> ReadSavedConfig(const std::string& path, std::string* error);
+
+// What a bug report needs, as plain text: the versions, the frame's details, its information
+// and status blocks, and its configuration as tables.
+std::string DiagnosticsReport(const std::string& version, const TFrameEntry& frame,
+                              const std::vector<uint8_t>& info, const std::vector<uint8_t>& status,
+                              const _HARDWARE_DEV_CONFIG& config);
