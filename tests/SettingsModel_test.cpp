@@ -150,7 +150,8 @@ TEST(SettingsLiveView, DrawsDotsWhereTheContactsAre) {
     const int w = 840, h = 500;
     cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_RGB24, w, h);
     cairo_t* cr = cairo_create(surface);
-    DrawLiveView(cr, view, w, h, 0);
+    CLiveViewPainter painter;
+    painter.Draw(cr, view, w, h, 0);
     cairo_surface_flush(surface);
     const auto pixel = [&](double x, double y) {
         const uint8_t* row = cairo_image_surface_get_data(surface) +
@@ -161,7 +162,7 @@ TEST(SettingsLiveView, DrawsDotsWhereTheContactsAre) {
     const auto near = [](TViewColour a, TViewColour b) {
         return std::abs(a.r - b.r) < 0.01 && std::abs(a.g - b.g) < 0.01 && std::abs(a.b - b.b) < 0.01;
     };
-    const TViewFit fit = FitFrame(view.Frame(), w, h - 28, 24);
+    const TViewFit fit = LiveViewFit(view, w, h);
     for (const TViewContact& c : view.Contacts()) {
         const TViewPoint p = fit.Pixel(c.at);
         EXPECT_TRUE(near(pixel(p.x, p.y), c.colour)) << c.id << " at " << p.x << "," << p.y;

@@ -91,6 +91,7 @@ TViewPoint RawToView(const TFrameEntry& frame, uint16_t rawX, uint16_t rawY) {
 
 void CLiveView::SetFrame(const TFrameEntry& frame, const _HARDWARE_DEV_CONFIG& config) {
     Clear();
+    ++m_generation;
     m_frame = frame;
     m_config = config;
     m_shapes = ConfigShapes(config);

@@ -87,6 +87,8 @@ public:
     void Expire(int64_t micros);
 
     const TFrameEntry& Frame() const { return m_frame; }
+    // Changes with every SetFrame: what is drawn of the frame itself may have changed.
+    int Generation() const { return m_generation; }
     const std::vector<TViewShape>& Shapes() const { return m_shapes; }
     // The contacts down in the last frame, in its order.
     const std::vector<TViewContact>& Contacts() const { return m_contacts; }
@@ -99,6 +101,7 @@ public:
 
 private:
     TFrameEntry m_frame;
+    int m_generation = 0;
     _HARDWARE_DEV_CONFIG m_config{};
     std::vector<TViewShape> m_shapes;
     std::vector<TViewContact> m_contacts;

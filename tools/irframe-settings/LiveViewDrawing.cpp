@@ -2,8 +2,10 @@
 
 #include <cairo.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -18,11 +20,19 @@ void Text(cairo_t* cr, double x, double y, const std::string& text) {
 
 }  // namespace
 
-void DrawLiveView(cairo_t* cr, const CLiveView& view, double width, double height, int64_t micros) {
-    cairo_save(cr);
+TViewFit LiveViewFit(const CLiveView& view, double width, double height) {
+    return FitFrame(view.Frame(), width, height - 28, 24);
+}
+
+CLiveViewPainter::~CLiveViewPainter() {
+    if (m_still != nullptr) cairo_surface_destroy(m_still);
+}
+
+namespace {
+
+void DrawStill(cairo_t* cr, const CLiveView& view, const TViewFit& fit) {
     cairo_set_source_rgb(cr, 1, 1, 1);
     cairo_paint(cr);
-    const TViewFit fit = FitFrame(view.Frame(), width, height - 28, 24);
     cairo_select_font_face(cr, "Sans", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(cr, 14);
 
@@ -55,20 +65,49 @@ void DrawLiveView(cairo_t* cr, const CLiveView& view, double width, double heigh
                     std::floor(fit.height));
     cairo_stroke(cr);
     cairo_set_antialias(cr, CAIRO_ANTIALIAS_DEFAULT);
+}
 
-    // Trails fade with their age.
-    cairo_set_line_width(cr, 4);
-    cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND);
+}  // namespace
+
+void CLiveViewPainter::Draw(cairo_t* cr, const CLiveView& view, int width, int height,
+                            int64_t micros) {
+    const TViewFit fit = LiveViewFit(view, width, height);
+    if (m_still == nullptr || width != m_width || height != m_height ||
+        view.Generation() != m_generation) {
+        if (m_still != nullptr) cairo_surface_destroy(m_still);
+        m_still = cairo_image_surface_create(CAIRO_FORMAT_RGB24, std::max(width, 1), std::max(height, 1));
+        cairo_t* still = cairo_create(m_still);
+        DrawStill(still, view, fit);
+        cairo_destroy(still);
+        m_width = width;
+        m_height = height;
+        m_generation = view.Generation();
+    }
+    cairo_save(cr);
+    cairo_set_source_surface(cr, m_still, 0, 0);
+    cairo_paint(cr);
+    cairo_select_font_face(cr, "Sans", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
+    cairo_set_font_size(cr, 14);
+
+    // Trails fade with their age in a few steps. Each point is a small square on whole pixels:
+    // squares are filled without a coverage mask, where stroked lines cost by the area they
+    // span (a frame with nine trails would take over a millisecond).
+    constexpr int kFadeSteps = 4;
+    constexpr double kDot = 5;
     for (const auto& [id, points] : view.Trails()) {
         const TViewColour colour = view.TrailColours().at(id);
-        for (size_t i = 1; i < points.size(); ++i) {
-            const double age = double(micros - points[i].micros) / CLiveView::kTrailMicros;
-            if (age >= 1) continue;
-            const TViewPoint a = fit.Pixel(points[i - 1].at), b = fit.Pixel(points[i].at);
-            SetColour(cr, colour, 0.6 * (1 - std::max(0.0, age)));
-            cairo_move_to(cr, a.x, a.y);
-            cairo_line_to(cr, b.x, b.y);
-            cairo_stroke(cr);
+        for (int step = 0; step < kFadeSteps; ++step) {
+            bool any = false;
+            for (const TTrailPoint& point : points) {
+                const double age = double(micros - point.micros) / CLiveView::kTrailMicros;
+                if (std::clamp(static_cast<int>(age * kFadeSteps), 0, kFadeSteps) != step) continue;
+                const TViewPoint p = fit.Pixel(point.at);
+                cairo_rectangle(cr, std::round(p.x - kDot / 2), std::round(p.y - kDot / 2), kDot, kDot);
+                any = true;
+            }
+            if (!any) continue;
+            SetColour(cr, colour, 0.6 * (1 - (step + 0.5) / kFadeSteps));
+            cairo_fill(cr);
         }
     }
 

@@ -227,7 +227,7 @@ void CSettingsWindow::BuildLivePage() {
 }
 
 void CSettingsWindow::DrawLive(const Cairo::RefPtr<Cairo::Context>& cr, int width, int height) {
-    DrawLiveView(cr->cobj(), m_view, width, height, NowMicros());
+    m_painter.Draw(cr->cobj(), m_view, width, height, NowMicros());
 }
 
 void CSettingsWindow::StartFeed() {

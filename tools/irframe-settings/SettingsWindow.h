@@ -11,6 +11,7 @@
 
 #include "ContactFeed.h"
 #include "LiveView.h"
+#include "LiveViewDrawing.h"
 #include "SettingsModel.h"
 #include "TouchSettings.h"
 
@@ -67,6 +68,7 @@ private:
     CFrameListModel m_frames;
     int m_selected = 0;
     CLiveView m_view;
+    CLiveViewPainter m_painter;
     TTouchChoices m_choices;
     std::array<std::string, kGestureShortcutCount> m_shownChords;
     std::string m_shownProfile;
