@@ -104,22 +104,23 @@ void CSettingsWindow::WatchDriver() {
     std::string why;
     m_watchBus = OpenSessionBus(&why);
     if (m_watchBus == nullptr) return;
-    static bool changed = false;
     sd_bus_match_signal(m_watchBus, nullptr, nullptr, kDriverPath, kDriverInterface, "FrameAdded",
-                        OnDriverSignal, &changed);
+                        OnDriverSignal, &m_driverChanged);
     sd_bus_match_signal(m_watchBus, nullptr, nullptr, kDriverPath, kDriverInterface,
-                        "FrameRemoved", OnDriverSignal, &changed);
-    sd_bus_match_signal(m_watchBus, nullptr, nullptr, nullptr, kFrameInterface, "PropertiesChanged",
-                        OnDriverSignal, &changed);
+                        "FrameRemoved", OnDriverSignal, &m_driverChanged);
+    // A frame's State, Geometry and ConfigSummary.
+    sd_bus_match_signal(m_watchBus, nullptr, kDriverBusName, nullptr,
+                        "org.freedesktop.DBus.Properties", "PropertiesChanged", OnDriverSignal,
+                        &m_driverChanged);
     const std::string owner = std::string("type='signal',sender='org.freedesktop.DBus',") +
                               "member='NameOwnerChanged',arg0='" + kDriverBusName + "'";
-    sd_bus_add_match(m_watchBus, nullptr, owner.c_str(), OnDriverSignal, &changed);
+    sd_bus_add_match(m_watchBus, nullptr, owner.c_str(), OnDriverSignal, &m_driverChanged);
     m_watch = Glib::signal_io().connect(
         [this](Glib::IOCondition) {
-            changed = false;
+            m_driverChanged = false;
             while (sd_bus_process(m_watchBus, nullptr) > 0) {
             }
-            if (changed) RefreshFrames();
+            if (m_driverChanged) RefreshFrames();
             return true;
         },
         sd_bus_get_fd(m_watchBus), Glib::IOCondition::IO_IN);
@@ -348,6 +349,7 @@ void CSettingsWindow::LoadTouchChoices() {
             m_touchResult.set_text(why.empty() ? error : path + ": " + why);
         }
     }
+    m_shown = config;
     m_shownProfile = config.keyProfile;
     for (size_t i = 0; i < m_checks.keyProfiles.size(); ++i) {
         if (m_checks.keyProfiles[i] == config.keyProfile) m_profile.set_selected(static_cast<guint>(i));
@@ -394,19 +396,27 @@ void CSettingsWindow::ApplyTouchChoices(bool confirmed) {
         dialog->show();
         return;
     }
-    choices.touchscreen = m_touchscreen.get_active();
-    if (!m_monitor.get_text().empty() || choices.screenOutput) choices.screenOutput = m_monitor.get_text();
-    choices.tuio = m_tuio.get_active();
-    if (!m_tuioTarget.get_text().empty() || choices.tuioTarget) choices.tuioTarget = m_tuioTarget.get_text();
+    // Only what was changed here, or chosen here before: the files before the drop-in hold
+    // the rest.
+    if (m_touchscreen.get_active() != m_shown.touchscreen || choices.touchscreen) {
+        choices.touchscreen = m_touchscreen.get_active();
+    }
+    if (std::string(m_monitor.get_text()) != m_shown.screenOutput || choices.screenOutput) {
+        choices.screenOutput = m_monitor.get_text();
+    }
+    if (m_tuio.get_active() != m_shown.tuio || choices.tuio) choices.tuio = m_tuio.get_active();
+    if (std::string(m_tuioTarget.get_text()) != m_shown.tuioTarget || choices.tuioTarget) {
+        choices.tuioTarget = m_tuioTarget.get_text();
+    }
     const std::string path = SettingsDropInPath(ProcessConfigEnvironment(""));
     std::string error;
     if (path.empty() || !WriteTouchChoices(path, choices, m_checks, &error)) {
         m_touchResult.set_text(path.empty() ? "set HOME: there is no configuration directory" : error);
         return;
     }
-    m_touchResult.set_text("Saved in " + path + ". " + ReloadDriver());
+    const std::string reloaded = ReloadDriver();
     LoadTouchChoices();
-    m_touchResult.set_text("Saved in " + path + ". " + ReloadDriver());
+    m_touchResult.set_text("Saved in " + path + ". " + reloaded);
 }
 
 void CSettingsWindow::BuildBackupsPage() {

@@ -59,6 +59,7 @@ private:
     TSettingsOptions m_options;
     sd_bus* m_watchBus = nullptr;  // signals only: FrameAdded, FrameRemoved, the owner's changes
     sigc::connection m_watch;
+    bool m_driverChanged = false;  // set by the watch's signal handlers
     std::unique_ptr<ITransport> m_transport;       // this thread's questions
     std::unique_ptr<ITransport> m_feedTransport;   // the feed's own connection
     std::unique_ptr<IFrame> m_frame;
@@ -72,6 +73,7 @@ private:
     TTouchChoices m_choices;
     std::array<std::string, kGestureShortcutCount> m_shownChords;
     std::string m_shownProfile;
+    TDriverConfig m_shown;  // the configuration in force when the page was filled
     TConfigChecks m_checks;
     std::vector<TBackupEntry> m_backups;
     std::unique_ptr<Gtk::Window> m_dialog;
