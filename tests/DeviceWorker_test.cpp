@@ -1,98 +1,10 @@
 // The device worker in process, on a virtual clock: an emulated frame answers through a
 // scripted HID port, so every retry, pause and close command is seen without timing anything.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-
-#include "LoadEvent.h"
-#include "MtDevEmulator.h"
-#include "MtScriptedHidDevice.h"
-#include "support/MtDevLinkRig.h"
+#include "support/WorkerRig.h"
 
 namespace {
-
-// The virtual clock, noting every pause the worker takes.
-class CPauseClock final : public TClock {
-public:
-    uint64_t MonotonicNanos() override { return m_inner.MonotonicNanos(); }
-    void TimeOfDay(timeval* tv) override { m_inner.TimeOfDay(tv); }
-    void SleepMicros(uint64_t micros) override {
-        pauses.push_back(micros);
-        m_inner.AdvanceMicros(micros);
-    }
-    // Time passing between two frames, not a pause of the worker.
-    void Pass(uint64_t micros) { m_inner.AdvanceMicros(micros); }
-    std::vector<uint64_t> pauses;
-
-private:
-    TVirtualClock m_inner{1'000'000'000};
-};
-
-struct TWorkerRig {
-    CPauseClock clock;
-    TScopedClock scopedClock{clock};
-    CMtDevEmulator emulator;
-    CMtScriptedHidDevice port;
-    TMACDEVICEPATH path{&port, nullptr, MTDEV_TYPE_HID};
-    MtDevNode node;
-    std::atomic<bool> stopping{false};
-    CRecordingEventSink sink;
-    TShellPorts ports;
-    int ended = 0;
-    // Runs before each poll is answered, with the number of polls answered so far.
-    std::function<void(uint64_t served)> beforePoll;
-    CLogCapture log;
-
-    TWorkerRig() {
-        port.SetResponder([this](const uint8_t* report, long length,
-                                 std::vector<TScriptedInput>* inputs) {
-            if (length > 5 && report[0] == MTDEV_PACKET_READ) {
-                clock.Pass(10'000);  // a frame every 10 ms
-                if (beforePoll) beforePoll(emulator.FramesServed());
-            }
-            std::vector<TEmuReply> replies;
-            emulator.OnHidOutput(report, static_cast<size_t>(length), &replies);
-            for (TEmuReply& reply : replies) inputs->push_back({std::move(reply.bytes)});
-        });
-        node.devPath = &path;
-        node.hidDevice = &port;
-        node.deviceNumber = 1;
-        node.container.SetEventSink(&sink);
-        node.worker.stopping = &stopping;
-        node.worker.ports = &ports;
-        node.worker.ended = [this] { ++ended; };
-    }
-    ~TWorkerRig() { node.devPath = nullptr; }
-
-    void FailNext(uint8_t command, int count, int skip = 0) {
-        // Each fault counts the skipped messages itself, so the failures come in a row.
-        for (int i = 0; i < count; ++i) {
-            emulator.InjectFault({TEmuFaultKind::WrongCode, command, TEmuStage::Any, skip});
-        }
-    }
-    bool Logged(const std::string& line) const { return log.Count(TLogChannel::System, line) > 0; }
-    int CloseCommands() const {
-        int n = 0;
-        for (const TEmuRequest& r : emulator.Requests()) n += r.command == MTDEV_CMD_CLOSE;
-        return n;
-    }
-    // Ends the run from inside the worker's poll, as the main thread would.
-    void UnplugAt(uint64_t served) {
-        beforePoll = [this, served](uint64_t n) {
-            if (n < served) return;
-            node.removed.store(true);
-            node.isRunning.store(false);
-        };
-    }
-    void StopAt(uint64_t served) {
-        beforePoll = [this, served](uint64_t n) {
-            if (n < served) return;
-            stopping.store(true);
-            node.isRunning.store(false);
-        };
-    }
-};
 
 struct TRetryCase {
     const char* name;

@@ -2,7 +2,6 @@
 // irframed on emulated frames, and an sd-bus client. Frames hold their scripts (--fault hold) so
 // that the driver stays up while the test talks to it; transfers stall or vanish by --fault.
 #include <signal.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -10,10 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,48 +26,16 @@ constexpr const char* kName = "org.irframe.Driver1";
 constexpr const char* kRoot = "/org/irframe/Driver1";
 constexpr const char* kFrameIface = "org.irframe.Driver1.Frame";
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 std::string FramePath(int n) {
     return std::string(kRoot) + "/frame" + std::to_string(n);
 }
 
-pid_t Spawn(Args args, const std::string& stderrPath, const std::string& stdoutPath = "/dev/null") {
-    return SpawnWithOutputFiles(std::move(args), stdoutPath, stderrPath);
-}
-
-// One irframed run.
-struct TDriver {
-    pid_t pid = -1;
-    std::string log;  // its standard error
-    int status = -1;
-
-    std::string Log() const { return ReadFile(log); }
-    // Waits for it to end (a bound against a hang, not a measurement); its exit status.
-    int Wait() {
-        if (pid < 0) return status;
-        int wstatus = 0;
-        for (int waited = 0; waited < 30'000; waited += 10) {
-            if (waitpid(pid, &wstatus, WNOHANG) == pid) {
-                pid = -1;
-                status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-                return status;
-            }
-            usleep(10'000);
-        }
-        kill(pid, SIGKILL);
-        waitpid(pid, &wstatus, 0);
-        pid = -1;
-        ADD_FAILURE() << "irframed did not end";
-        return status;
-    }
+// One irframed run; its standard error is its log.
+struct TDriver : CChild {
+    using CChild::CChild;
+    std::string Log() const { return Err(); }
     int Stop() {
-        if (pid > 0) kill(pid, SIGTERM);
+        Signal(SIGTERM);
         return Wait();
     }
 };
@@ -78,9 +43,6 @@ struct TDriver {
 class DriverDbus : public testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/driver_dbus_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
         m_daemon = std::make_unique<CPrivateBus>();
         ASSERT_TRUE(m_daemon->Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
         m_bus = m_daemon->Connect();
@@ -94,24 +56,15 @@ protected:
         m_signalSlot = sd_bus_slot_unref(m_signalSlot);
         m_bus = sd_bus_flush_close_unref(m_bus);
         m_daemon.reset();
-        std::system(("rm -rf " + m_dir).c_str());
     }
 
-    std::string Script(const std::string& name, const std::string& text) {
-        const std::string path = m_dir + "/" + name;
-        std::ofstream(path) << text;
-        return path;
-    }
+    std::string Script(const std::string& name, const std::string& text) { return m_scratch.File(name, text); }
 
     TDriver& Start(const Args& args) {
-        auto driver = std::make_unique<TDriver>();
-        driver->log = m_dir + "/err" + std::to_string(m_owned.size()) + ".txt";
-        Args argv{IRFRAMED_PATH, "--dry-run", "--output", m_dir + "/out" +
-                                                              std::to_string(m_owned.size()) +
-                                                              ".json"};
+        const std::string n = std::to_string(m_owned.size());
+        Args argv{IRFRAMED_PATH, "--dry-run", "--output", m_dir + "/out" + n + ".json"};
         argv.insert(argv.end(), args.begin(), args.end());
-        driver->pid = Spawn(argv, driver->log);
-        EXPECT_GT(driver->pid, 0);
+        auto driver = std::make_unique<TDriver>(argv, "/dev/null", m_dir + "/err" + n + ".txt");
         m_drivers.push_back(driver.get());
         m_owned.push_back(std::move(driver));
         return *m_owned.back();
@@ -291,7 +244,8 @@ protected:
         return false;
     }
 
-    std::string m_dir;
+    CScratchDir m_scratch{"driver_dbus_test"};
+    const std::string m_dir = m_scratch.Dir();
     std::unique_ptr<CPrivateBus> m_daemon;
     sd_bus* m_bus = nullptr;
     sd_bus_slot* m_signalSlot = nullptr;

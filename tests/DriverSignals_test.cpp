@@ -2,13 +2,10 @@
 // order while it waits on a FIFO, SIGHUP reads its configuration file again, an emulated frame
 // answers its polls through a long pause of a real-time replay, and an id it does not serve is
 // refused. Every wait here has a bound many times what the answer needs; none is a measurement.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -19,102 +16,32 @@
 #include "support/PrivateBus.h"
 
 #include <algorithm>
-#include <chrono>
 #include <fstream>
-#include <functional>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
 using testing::HasSubstr;
 using Lines = std::vector<std::string>;
 
-constexpr int kBoundMillis = 60'000;  // a safety net against a hung driver
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// Waits until `done` holds, checking every 10 ms; false after the bound.
-bool WaitFor(const std::function<bool()>& done, int boundMillis = kBoundMillis) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(boundMillis);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
-// One irframed process (or, with `tool`, irframectl), its standard output and error in files of
-// a temporary directory.
-class CDriver {
-public:
-    CDriver(const std::string& dir, Lines args, bool tool = false)
-        : m_out(dir + "/stdout"), m_err(dir + "/stderr") {
-        Lines argv = tool ? Lines{IRFRAMECTL_PATH} : Lines{IRFRAMED_PATH, "-vv"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        m_pid = SpawnWithOutputFiles(std::move(argv), m_out, m_err);
-    }
-    ~CDriver() {
-        if (m_pid > 0 && !m_ended) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-
-    bool Started() const { return m_pid > 0; }
-    std::string Printed() const { return ReadFile(m_out); }
-    std::string Log() const { return ReadFile(m_err); }
-    // Waits for a text on standard error.
-    bool WaitForLog(const std::string& text) const {
-        return WaitFor([&] { return Log().find(text) != std::string::npos; });
-    }
-    void Signal(int signal) const { kill(m_pid, signal); }
-    // The exit status once it ended; -1 when it did not end within the bound or ended by a
-    // signal.
-    int Wait() {
-        int status = 0;
-        const bool ended = WaitFor([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; });
-        if (!ended) return -1;
-        m_ended = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    std::string m_out, m_err;
-    pid_t m_pid = -1;
-    bool m_ended = false;
-};
-
 class DriverSignals : public testing::Test {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/irframed_signals.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-    }
-    void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
-
-    std::string File(const std::string& name, const std::string& text) {
-        const std::string path = m_dir + "/" + name;
-        std::ofstream(path) << text;
-        return path;
-    }
+    std::string File(const std::string& name, const std::string& text) { return m_scratch.File(name, text); }
     std::string Fifo(const std::string& name) {
-        const std::string path = m_dir + "/" + name;
+        const std::string path = m_scratch.Path(name);
         EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
         return path;
     }
+    // irframed -vv (with `tool`, irframectl) with `args`, its output in the scratch directory.
+    CChild Program(Lines args, bool tool = false) {
+        Lines argv = tool ? Lines{IRFRAMECTL_PATH} : Lines{IRFRAMED_PATH, "-vv"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return CChild(std::move(argv), m_dir + "/stdout", m_dir + "/stderr");
+    }
 
-    std::string m_dir;
+    CScratchDir m_scratch{"irframed_signals"};
+    const std::string m_dir = m_scratch.Dir();
 };
 
 constexpr const char* kTap = "down 1 16000 16000\nhold 2\nup 1\n";
@@ -141,15 +68,15 @@ TEST_P(StopWhileOpening, EndsInOrder) {
                  : script ? Lines{"--simulate", fifo, "list"}
                           : Lines{"--simulate", File("tap.gesture", kTap), "config", "restore",
                                   "--yes", "--backup", m_dir + "/kept.json", fifo};
-    CDriver program(m_dir, args, c.tool);
+    CChild program = Program(args, c.tool);
     ASSERT_TRUE(program.Started());
     const std::string name = c.tool ? "irframectl: " : "";  // the driver's log is a log
-    ASSERT_TRUE(program.WaitForLog(name + c.input + " '" + fifo +
+    ASSERT_TRUE(program.WaitForErr(name + c.input + " '" + fifo +
                                    "' is a FIFO: waiting for a writer\n"))
-        << program.Log();
+        << program.Err();
     program.Signal(c.signal);
-    EXPECT_EQ(program.Wait(), c.status) << program.Log();
-    EXPECT_THAT(program.Log(),
+    EXPECT_EQ(program.Wait(), c.status) << program.Err();
+    EXPECT_THAT(program.Err(),
                 HasSubstr(std::string(c.tool ? "irframectl: " : "irframed: ") +
                           (c.signal == SIGINT ? "SIGINT" : "SIGTERM") + c.ending + " '" + fifo +
                           "': stopping\n"));
@@ -192,8 +119,7 @@ TEST_F(DriverSignals, StopWhileTheBusDoesNotAnswer) {
         const std::string bus = "unix:path=" + socketPath;
         setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
         setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
-        CDriver program(m_dir,
-                        c.tool ? Lines{"list"}
+        CChild program = Program(c.tool ? Lines{"list"}
                                : Lines{"--no-config", "--dry-run", "--simulate",
                                        File("tap.gesture", kTap) + "@60s"},
                         c.tool);
@@ -203,8 +129,8 @@ TEST_F(DriverSignals, StopWhileTheBusDoesNotAnswer) {
         const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         ASSERT_GE(connection, 0);
         program.Signal(SIGTERM);
-        EXPECT_EQ(program.Wait(), c.status) << program.Log();
-        EXPECT_THAT(program.Log(), HasSubstr(c.said));
+        EXPECT_EQ(program.Wait(), c.status) << program.Err();
+        EXPECT_THAT(program.Err(), HasSubstr(c.said));
         close(connection);
         close(listener);
     }
@@ -220,15 +146,15 @@ TEST_F(DriverSignals, WakeFromSleepKeepsTheOutputFile) {
     ASSERT_GE(sd_bus_request_name(logind, "org.freedesktop.login1", 0), 0);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", daemon.Address().c_str(), 1);
     const std::string out = m_dir + "/out.json";
-    CDriver driver(m_dir, {"--no-config", "--dry-run", "--output", out, "--realtime", "--simulate",
+    CChild driver = Program({"--no-config", "--dry-run", "--output", out, "--realtime", "--simulate",
                            File("long.gesture", "down 1 10000 10000\nmove 1 14000 12000 in 1000\n")});
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-    ASSERT_TRUE(driver.WaitForLog("\ndrag\n")) << driver.Log();
+    ASSERT_TRUE(driver.WaitForErr("\ndrag\n")) << driver.Err();
     ASSERT_GE(sd_bus_emit_signal(logind, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
                                  "PrepareForSleep", "b", 0),
               0);
     sd_bus_flush(logind);
-    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
+    EXPECT_EQ(driver.Wait(), 0) << driver.Err();
     EXPECT_THAT(ReadFile(out), testing::StartsWith("{\"device\":1,\"type\":\"leftMouseDown\""));
     sd_bus_flush_close_unref(logind);
 }
@@ -236,19 +162,19 @@ TEST_F(DriverSignals, WakeFromSleepKeepsTheOutputFile) {
 // Verify that a script through a FIFO is played once its writer has written it.
 TEST_F(DriverSignals, ScriptThroughAFifoPlays) {
     const std::string fifo = Fifo("fifo");
-    CDriver driver(m_dir, {"--no-config", "--dry-run", "--simulate", fifo});
-    ASSERT_TRUE(driver.WaitForLog("waiting for a writer"));
+    CChild driver = Program({"--no-config", "--dry-run", "--simulate", fifo});
+    ASSERT_TRUE(driver.WaitForErr("waiting for a writer"));
     std::ofstream(fifo) << kTap;
-    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
-    EXPECT_THAT(driver.Printed(), HasSubstr("\"leftMouseUp\""));
+    EXPECT_EQ(driver.Wait(), 0) << driver.Err();
+    EXPECT_THAT(driver.Out(), HasSubstr("\"leftMouseUp\""));
 }
 
 // Verify that an id no frame kind has is refused at once, naming the ones served.
 TEST_F(DriverSignals, UnservedSimulateIdIsRefused) {
-    CDriver driver(m_dir, {"--no-config", "--dry-run", "--simulate", File("tap.gesture", kTap),
+    CChild driver = Program({"--no-config", "--dry-run", "--simulate", File("tap.gesture", kTap),
                            "--simulate-id", "1234:5678"});
     EXPECT_EQ(driver.Wait(), 2);
-    EXPECT_THAT(driver.Log(), HasSubstr("--simulate-id '1234:5678' is not a frame the driver "
+    EXPECT_THAT(driver.Err(), HasSubstr("--simulate-id '1234:5678' is not a frame the driver "
                                         "serves: use AAEC:C020, AAEC:C021 or 202E:0006"));
 }
 
@@ -258,9 +184,9 @@ TEST_F(DriverSignals, UnservedSimulateIdIsRefused) {
 TEST_F(DriverSignals, RealTimeReplayThroughALongPause) {
     const std::string script =
         File("pause.gesture", std::string(kTap) + "wait 10s\n" + kTap);
-    CDriver realTime(m_dir, {"--no-config", "--dry-run", "--simulate", script, "--realtime"});
-    EXPECT_EQ(realTime.Wait(), 0) << realTime.Log();
-    const std::string events = realTime.Printed();
+    CChild realTime = Program({"--no-config", "--dry-run", "--simulate", script, "--realtime"});
+    EXPECT_EQ(realTime.Wait(), 0) << realTime.Err();
+    const std::string events = realTime.Out();
     const auto count = [&](const std::string& type) {
         size_t n = 0;
         for (size_t at = events.find(type); at != std::string::npos;
@@ -271,8 +197,8 @@ TEST_F(DriverSignals, RealTimeReplayThroughALongPause) {
     };
     EXPECT_EQ(count("\"leftMouseDown\""), 2u) << events;
     EXPECT_EQ(count("\"leftMouseUp\""), 2u) << events;
-    EXPECT_THAT(realTime.Log(), HasSubstr("8 of 8 scripted frames played, closed by the driver"));
-    EXPECT_THAT(realTime.Log(), testing::Not(HasSubstr("stopped answering")));
+    EXPECT_THAT(realTime.Err(), HasSubstr("8 of 8 scripted frames played, closed by the driver"));
+    EXPECT_THAT(realTime.Err(), testing::Not(HasSubstr("stopped answering")));
 }
 
 // Verify that SIGHUP reads the configuration file again: a file with a mistake keeps the one in
@@ -283,24 +209,24 @@ TEST_F(DriverSignals, HangupReloadsTheConfiguration) {
     const std::string config = File("irframe.toml", "[shortcuts]\npinch = \"ctrl+alt+minus\"\n");
     const std::string pinch = File("pinch.gesture", "down 1 10000 10000, 2 20000 10000\n"
                                                     "move 1 11000 10000 in 10\nup 1, 2\n");
-    CDriver driver(m_dir, {"--config", config, "--dry-run", "--simulate", pinch + "@8s"});
-    ASSERT_TRUE(driver.WaitForLog("configuration " + config)) << driver.Log();
+    CChild driver = Program({"--config", config, "--dry-run", "--simulate", pinch + "@8s"});
+    ASSERT_TRUE(driver.WaitForErr("configuration " + config)) << driver.Err();
 
     File("irframe.toml", "[shortcuts]\npinch = \"ctrl+shift+minus\"\n[screen]\nsize = 7\n");
     driver.Signal(SIGHUP);
-    ASSERT_TRUE(driver.WaitForLog("configuration not reloaded, the one in force stays: " +
+    ASSERT_TRUE(driver.WaitForErr("configuration not reloaded, the one in force stays: " +
                                   config + ":4:"))
-        << driver.Log();
+        << driver.Err();
 
     File("irframe.toml", "[shortcuts]\npinch = \"ctrl+shift+minus\"\n[output.tuio]\n"
                          "enabled = true\n");
     driver.Signal(SIGHUP);
-    ASSERT_TRUE(driver.WaitForLog("configuration reloaded from " + config)) << driver.Log();
-    EXPECT_TRUE(driver.WaitForLog("configuration: output.tuio changed: in force after a restart"))
-        << driver.Log();
+    ASSERT_TRUE(driver.WaitForErr("configuration reloaded from " + config)) << driver.Err();
+    EXPECT_TRUE(driver.WaitForErr("configuration: output.tuio changed: in force after a restart"))
+        << driver.Err();
 
-    EXPECT_EQ(driver.Wait(), 0) << driver.Log();
-    const std::string events = driver.Printed();
+    EXPECT_EQ(driver.Wait(), 0) << driver.Err();
+    const std::string events = driver.Out();
     EXPECT_THAT(events, HasSubstr(R"("linuxKeys":["KEY_LEFTCTRL","KEY_LEFTSHIFT","KEY_MINUS"])"));
     EXPECT_THAT(events, testing::Not(HasSubstr("KEY_LEFTALT")));
 }

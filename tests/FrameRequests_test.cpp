@@ -5,102 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 
-#include "FrameRequests.h"
-#include "LoadEvent.h"
-#include "MtDevEmulator.h"
-#include "MtScriptedHidDevice.h"
 #include "TuioOutput.h"
-#include "support/MtDevLinkRig.h"
+#include "support/WorkerRig.h"
 
 namespace {
 
 using testing::HasSubstr;
-
-class CFixedScreen final : public IScreen {
-public:
-    std::optional<TScreenRect> MainScreenFrame() const override {
-        return TScreenRect{0, 0, 1920, 1080};
-    }
-};
-
-struct TRig {
-    TVirtualClock clock{1'000'000'000};
-    TScopedClock scopedClock{clock};
-    CMtDevEmulator emulator;
-    CMtScriptedHidDevice port;
-    TMACDEVICEPATH path{&port, nullptr, MTDEV_TYPE_HID};
-    MtDevNode node;
-    std::atomic<bool> stopping{false};
-    CRecordingEventSink sink;
-    CFixedScreen screen;
-    TShellPorts ports;
-    std::function<void(uint64_t polls)> beforePoll;
-    std::vector<TFrameResult> results;
-    CLogCapture log;
-
-    TRig() {
-        port.SetResponder([this](const uint8_t* report, long length,
-                                 std::vector<TScriptedInput>* inputs) {
-            const bool poll = length > 5 && report[0] == MTDEV_PACKET_READ &&
-                              report[report[5]] == MTDEV_CMD_FRAME_SDK;
-            if (poll) {
-                clock.AdvanceMicros(10'000);  // a frame every 10 ms
-                if (beforePoll) beforePoll(emulator.FramesServed());
-            }
-            std::vector<TEmuReply> replies;
-            emulator.OnHidOutput(report, static_cast<size_t>(length), &replies);
-            for (TEmuReply& reply : replies) inputs->push_back({std::move(reply.bytes)});
-        });
-        node.devPath = &path;
-        node.hidDevice = &port;
-        node.deviceNumber = 1;
-        node.frame.present = true;
-        node.container.SetEventSink(&sink);
-        node.worker.stopping = &stopping;
-        ports.screen = &screen;
-        node.worker.ports = &ports;
-        cmtDevHead = &node;  // results find their record by number
-    }
-    ~TRig() {
-        cmtDevHead = nullptr;
-        node.devPath = nullptr;
-    }
-
-    void Submit(TFrameRequest request) {
-        std::string why;
-        ASSERT_TRUE(node.frame.Accept(std::move(request),
-                                      [this](TFrameResult r) { results.push_back(std::move(r)); },
-                                      &why))
-            << why;
-    }
-    // At poll `at`: a tap at raw (x, y), then the frame is unplugged after it.
-    void TapAt(uint64_t at, uint16_t x, uint16_t y) {
-        const auto previous = beforePoll;
-        beforePoll = [this, at, x, y, previous](uint64_t polls) {
-            if (previous) previous(polls);
-            if (polls == at) {
-                emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 0, x, y}}));
-                for (int i = 0; i < 3; ++i) {
-                    emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 1, x, y}}));
-                }
-                emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 2, x, y}}));
-            }
-            if (polls >= at + 12) {
-                node.removed.store(true);
-                node.isRunning.store(false);
-            }
-        };
-    }
-    std::vector<TInputEvent> Run() {
-        EXPECT_EQ(test(&node), 0u);
-        return sink.Take();
-    }
-};
 
 std::shared_ptr<_HARDWARE_DEV_CONFIG> ConfigOf(const std::vector<uint8_t>& block) {
     auto config = std::make_shared<_HARDWARE_DEV_CONFIG>();
@@ -122,12 +35,12 @@ std::shared_ptr<_HARDWARE_DEV_CONFIG> HalfWidthConfig() {
 TEST(FrameRequests, WrittenConfigurationCalibratesTheNextTouch) {
     std::vector<TInputEvent> before, written, fromStart;
     {
-        TRig rig;
+        TWorkerRig rig;
         rig.TapAt(4, 9000, 7000);
         before = rig.Run();
     }
     {
-        TRig rig;
+        TWorkerRig rig;
         rig.beforePoll = [&rig](uint64_t polls) {
             if (polls != 2) return;
             TFrameRequest request;
@@ -147,7 +60,7 @@ TEST(FrameRequests, WrittenConfigurationCalibratesTheNextTouch) {
         EXPECT_EQ(rig.node.frame.Summary(), "1 area, 0 panels");
     }
     {
-        TRig rig;
+        TWorkerRig rig;
         const auto config = HalfWidthConfig();
         std::vector<uint8_t> block(static_cast<size_t>(EncodeDevConfig(config.get(), nullptr)));
         EncodeDevConfig(config.get(), block.data());
@@ -210,7 +123,7 @@ std::shared_ptr<_HARDWARE_DEV_CONFIG> SplitAreasConfig() {
 // and to the new area's target after it.
 TEST(FrameRequests, TuioFollowsAWrittenArea) {
     const auto Run = [](bool write) {
-        TRig rig;
+        TWorkerRig rig;
         TTuioSettings settings;
         std::atomic<int32_t> sessions{0};
         TTuioCapture capture;
@@ -250,7 +163,7 @@ class FailedTransfer : public testing::TestWithParam<TFailureCase> {};
 // it stopped answering right after.
 TEST_P(FailedTransfer, NextPollTellsFailedFromGone) {
     const TFailureCase& c = GetParam();
-    TRig rig;
+    TWorkerRig rig;
     rig.beforePoll = [&](uint64_t polls) {
         if (polls == 2) {
             rig.emulator.InjectFault({TEmuFaultKind::WrongCode, MTDEV_CMD_DEV_INFO, TEmuStage::Any});
@@ -260,11 +173,8 @@ TEST_P(FailedTransfer, NextPollTellsFailedFromGone) {
             }
             rig.Submit(TFrameRequest{});  // ReadInfo
         }
-        if (polls >= 12) {
-            rig.node.removed.store(true);
-            rig.node.isRunning.store(false);
-        }
     };
+    rig.UnplugAt(12);
     rig.Run();
     ASSERT_EQ(rig.results.size(), 1u);
     EXPECT_EQ(rig.results[0].outcome, c.outcome);

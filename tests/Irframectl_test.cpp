@@ -5,10 +5,7 @@
 //     commands over the bus, progress and Ctrl-C, the driver's refusals;
 //   - through irframed itself on a private bus, once the driver serves its interface (skipped
 //     while it does not).
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -17,105 +14,24 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "DevConfigJson.h"
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 
-extern char** environ;
-
 namespace {
 
 using testing::HasSubstr;
 using Lines = std::vector<std::string>;
 using Json = nlohmann::ordered_json;
-
-constexpr int kSafetyMillis = 60'000;  // a bound against a hang, not a measurement
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-Lines SplitLines(const std::string& text) {
-    Lines lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-// A child process with its output in files.
-class CChild {
-public:
-    CChild(Lines argv, const std::string& out, const std::string& err) : m_out(out), m_err(err) {
-        const std::string program = argv.at(0);
-        m_pid = SpawnWithOutputFiles(std::move(argv), out, err);
-        if (m_pid < 0) ADD_FAILURE() << "cannot start " << program;
-    }
-    CChild(CChild&& other) noexcept
-        : m_pid(std::exchange(other.m_pid, -1)), m_status(other.m_status),
-          m_out(std::move(other.m_out)), m_err(std::move(other.m_err)) {}
-    CChild(const CChild&) = delete;
-    CChild& operator=(const CChild&) = delete;
-    ~CChild() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-
-    // Until standard error holds `text`; false when the child ended first.
-    bool WaitForErr(const std::string& text) {
-        for (int waited = 0; waited < kSafetyMillis; waited += 5) {
-            if (ReadFile(m_err).find(text) != std::string::npos) return true;
-            if (Ended()) return ReadFile(m_err).find(text) != std::string::npos;
-            usleep(5'000);
-        }
-        return false;
-    }
-    void Signal(int signal) {
-        if (m_pid > 0) kill(m_pid, signal);
-    }
-    // The exit status, or -1 when it did not exit normally.
-    int Wait() {
-        for (int waited = 0; waited < kSafetyMillis && !Ended(); waited += 5) usleep(5'000);
-        if (!Ended()) {
-            ADD_FAILURE() << "child did not end";
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-        }
-        return m_status;
-    }
-    bool Ended() {
-        if (m_pid <= 0) return true;
-        int wstatus = 0;
-        if (waitpid(m_pid, &wstatus, WNOHANG) != m_pid) return false;
-        m_status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-        m_pid = -1;
-        return true;
-    }
-    std::string Out() const { return ReadFile(m_out); }
-    std::string Err() const { return ReadFile(m_err); }
-
-private:
-    pid_t m_pid = -1;
-    int m_status = -1;
-    std::string m_out, m_err;
-};
 
 struct TRun {
     int status = -1;
@@ -392,21 +308,12 @@ const sd_bus_vtable CFakeDriver::kFrameTable[] = {
 class Irframectl : public testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/irframectl_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
         // No session bus unless a test makes one: the tool then opens frames itself.
         unsetenv("DBUS_SESSION_BUS_ADDRESS");
         setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
     }
-    void TearDown() override { std::system(("rm -rf " + m_dir).c_str()); }
-
-    std::string File(const std::string& name, const std::string& text) {
-        const std::string path = m_dir + "/" + name;
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
-    }
-    std::string Path(const std::string& name) const { return m_dir + "/" + name; }
+    std::string File(const std::string& name, const std::string& text) { return m_scratch.File(name, text); }
+    std::string Path(const std::string& name) const { return m_scratch.Path(name); }
 
     CChild Start(const std::string& program, Lines args) {
         args.insert(args.begin(), program);
@@ -432,7 +339,8 @@ protected:
         return ReadFile(out);
     }
 
-    std::string m_dir;
+    CScratchDir m_scratch{"irframectl_test"};
+    const std::string m_dir = m_scratch.Dir();
     int m_children = 0;
 };
 
@@ -679,28 +587,6 @@ TEST_F(IrframectlBus, ListInfoStatusThroughTheDriver) {
     EXPECT_EQ(Tool({"--direct", "--simulate", File("i.gesture", "hold 1\n"), "list"}).status, 0);
 }
 
-// Verify dump, restore and dump through the driver: the second dump is the restored file byte
-// for byte, the first is kept as the backup, and the driver's refusal names the fault.
-TEST_F(IrframectlBus, ConfigDumpRestoreDumpThroughTheDriver) {
-    TFakeFrame frame;
-    frame.config = SampleConfig();
-    Serve({frame});
-    ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
-    EXPECT_EQ(ReadFile(Path("a.json")), SampleConfig());
-
-    Json changed = Json::parse(ReadFile(Path("a.json")));
-    changed["areas"][0]["targetRect"]["width"] = 1280;
-    changed["text"] = "Lobby";
-    const std::string b = File("b.json", Canonical(changed));
-    const TRun restore = Tool({"config", "restore", "--yes", "--backup", Path("backup.json"), b});
-    EXPECT_EQ(restore.status, 0) << restore.err;
-    EXPECT_THAT(restore.out, HasSubstr("/areas/0/targetRect/width: 1920 -> 1280"));
-    EXPECT_EQ(m_fake->Calls("WriteConfig"), 1);
-    ASSERT_EQ(Tool({"config", "dump", Path("c.json")}).status, 0);
-    EXPECT_EQ(ReadFile(Path("c.json")), ReadFile(b));
-    EXPECT_EQ(ReadFile(Path("backup.json")), ReadFile(Path("a.json")));
-}
-
 TEST_F(IrframectlBus, DriverRefusalIsBadInput) {
     TFakeFrame frame;
     frame.config = SampleConfig();
@@ -786,7 +672,7 @@ TEST_F(IrframectlBus, NoDriverOrOneThatNeverAnswers) {
         SCOPED_TRACE(signal);
         const int before = asked;
         CChild tool = Start(IRFRAMECTL_PATH, {"list"});
-        for (int waited = 0; asked == before && waited < kSafetyMillis; waited += 10) {
+        for (int waited = 0; asked == before && waited < kHangBoundMillis; waited += 10) {
             while (sd_bus_process(silent, nullptr) > 0) {
             }
             sd_bus_wait(silent, 10'000);
@@ -908,52 +794,6 @@ TEST_F(IrframectlDriver, MonitorShowsAndRecordReplaysTheScript) {
         EXPECT_EQ(want.size(), 2u * 22u);
         EXPECT_EQ(seen, want);
     }
-}
-
-}  // namespace
-
-namespace {
-
-// Verify that a configuration restored through the driver is the one the next touch is
-// calibrated with: the same script posts its events elsewhere when the area's target
-// rectangle is halved.
-TEST_F(IrframectlDriver, RestoredAreaMovesTheNextTouch) {
-    const std::string script = File("tap.gesture", "down 1 16000 16000\nhold 2\nup 1\n");
-    std::vector<std::string> events;
-    for (const bool changed : {false, true}) {
-        SCOPED_TRACE(changed ? "halved" : "as read");
-        if (!StartDriver({"--simulate", script, "--fault", "hold:1@0"})) {
-            GTEST_SKIP() << "irframed does not serve org.irframe.Driver1: " << m_driver->Err();
-        }
-        ASSERT_EQ(Tool({"config", "dump", Path("a.json")}).status, 0);
-        Json j = Json::parse(ReadFile(Path("a.json")));
-        // One area over the whole frame, areas on; the second run halves its target.
-        Json area = Json::parse(R"({
-            "netAddress": "127.0.0.1", "port": 3333, "port2": 3000,
-            "mode": 5, "id": 0, "group": 0, "rotation": 0,
-            "outputRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
-            "targetRect": {"x": 0, "y": 0, "width": 1920, "height": 1080},
-            "edgeAdjust": {"minusX": 15, "plusX": 15, "minusY": 15, "plusY": 15},
-            "center": {"x": 16384, "y": 16384},
-            "axisH": {"x": -16384, "y": 0}, "axisV": {"x": 0, "y": 16384}})");
-        if (changed) area["targetRect"] = {{"x", 0}, {"y", 0}, {"width", 960}, {"height", 540}};
-        j["areas"] = Json::array({area});
-        const unsigned long flags = std::stoul(j["flags"].get<std::string>(), nullptr, 16);
-        char text[32];
-        std::snprintf(text, sizeof text, "0x%08lX", flags | 0x800ul);
-        j["flags"] = text;
-        j["value1"] = 9;  // a carried value: writing releases the held script either way
-        const std::string file = File(changed ? "half.json" : "same.json", Canonical(j));
-        const TRun restore = Tool({"config", "restore", "--yes", "--backup",
-                                   Path(changed ? "bk-half.json" : "bk-same.json"), file});
-        ASSERT_EQ(restore.status, 0) << restore.err;
-        EXPECT_EQ(m_driver->Wait(), 0) << m_driver->Err();
-        events.push_back(DriverEvents());
-        m_driver.reset();
-    }
-    ASSERT_FALSE(events[0].empty());
-    ASSERT_FALSE(events[1].empty());
-    EXPECT_NE(events[0], events[1]);
 }
 
 // Verify that map writes the desktop's setting for the name the frame's touchscreen gets, puts

@@ -45,20 +45,6 @@ struct TRun {
     std::string outputWhenSignalled;  // the output file as the signal was sent
 };
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-Lines SplitLines(const std::string& text) {
-    Lines lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // One event in a form a test can spell: "leftMouseDown 938,527", "keyDown 124 cmd",
 // "scroll 50", with "dN " in front when the device number is not 1.
 std::string Short(const nlohmann::json& e) {
@@ -90,26 +76,8 @@ std::pair<Lines, Lines> SplitByDevice(const Lines& events) {
 
 class Irframed : public testing::Test {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/irframed_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-    }
-    void TearDown() override {
-        for (const std::string& file : m_files) std::remove(file.c_str());
-        std::remove((m_dir + "/out.json").c_str());
-        std::remove((m_dir + "/err.txt").c_str());
-        std::remove((m_dir + "/stdout.txt").c_str());
-        rmdir(m_dir.c_str());
-    }
-
     // Writes a gesture script and returns its path.
-    std::string Script(const std::string& name, const std::string& text) {
-        const std::string path = m_dir + "/" + name;
-        std::ofstream(path) << text;
-        m_files.push_back(path);
-        return path;
-    }
+    std::string Script(const std::string& name, const std::string& text) { return m_scratch.File(name, text); }
 
     // Runs the driver with `args` and --dry-run into a file; ends it if it hangs. With
     // `signalWhen`, sends SIGTERM once the log holds that line.
@@ -127,32 +95,13 @@ protected:
         }
         argv.insert(argv.end(), args.begin(), args.end());
         const std::string printed = m_dir + "/stdout.txt";
-        const pid_t pid = SpawnWithOutputFiles(argv, printed, err);
+        CChild child(argv, printed, err);
         TRun run;
-        if (pid < 0) {
-            ADD_FAILURE() << "cannot start " << argv[0];
-            return run;
+        if (!signalWhen.empty() && child.WaitForErr("\n" + signalWhen + "\n")) {
+            run.outputWhenSignalled = ReadFile(out);
+            child.Signal(SIGTERM);
         }
-        // A safety net against a hung driver, not a measurement: a run takes milliseconds.
-        int wstatus = 0;
-        bool signalled = signalWhen.empty();
-        for (int waited = 0;; waited += 10) {
-            const pid_t r = waitpid(pid, &wstatus, WNOHANG);
-            if (r == pid) break;
-            if (!signalled && ReadFile(err).find("\n" + signalWhen + "\n") != std::string::npos) {
-                run.outputWhenSignalled = ReadFile(out);
-                kill(pid, SIGTERM);
-                signalled = true;
-            }
-            if (waited >= 60'000) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &wstatus, 0);
-                ADD_FAILURE() << "irframed did not end";
-                break;
-            }
-            usleep(10'000);
-        }
-        run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+        run.status = child.Wait();
         run.logText = ReadFile(err);
         run.printed = ReadFile(printed);
         // Under a sanitizer build of the driver, a report is a failure of whatever case ran.
@@ -174,8 +123,8 @@ protected:
         return static_cast<size_t>(std::count(run.log.begin(), run.log.end(), line));
     }
 
-    std::string m_dir;
-    Lines m_files;
+    CScratchDir m_scratch{"irframed_test"};
+    const std::string m_dir = m_scratch.Dir();
     bool m_readConfig = false;  // let the driver look for its configuration file
 };
 
@@ -189,17 +138,6 @@ constexpr const char* kHeldDrag = "down 1 10000 10000\nmove 1 14000 12000 in 20\
 // ---------------------------------------------------------------------------------------------
 // Gesture families
 
-// Verify that a one-finger touch presses on its second frame, drags and releases in place.
-TEST_F(Irframed, OneFingerTapPressesDragsReleases) {
-    const TRun run = Run({"--simulate", Script("tap", kTap)});
-    EXPECT_EQ(run.status, 0) << run.logText;
-    EXPECT_THAT(run.events, ElementsAre("leftMouseDown 938,527", "leftMouseDragged 938,527",
-                                        "leftMouseUp 938,527"));
-    EXPECT_THAT(run.log, testing::IsSupersetOf({"hid add", "Thread Running", "STEP 1", "STEP 2",
-                                                "STEP 3", "STEP 4", "STEP 5", "remove",
-                                                "TOUCH DEV RELEASE", "THREAD QUIT"}));
-}
-
 // Verify that a second quick tap at the same place makes a double click.
 TEST_F(Irframed, OneFingerDoubleTapDoubleClicks) {
     const TRun run = Run({"--simulate", Script("dbl", "down 1 16000 16000\nup 1\nhold 3\n"
@@ -207,35 +145,6 @@ TEST_F(Irframed, OneFingerDoubleTapDoubleClicks) {
     EXPECT_EQ(run.status, 0) << run.logText;
     ASSERT_FALSE(run.events.empty());
     EXPECT_THAT(run.events, testing::Contains(HasSubstr("click=2")));
-}
-
-TEST_F(Irframed, TwoFingerScrollAndSwipe) {
-    const TRun scroll = Run({"--simulate", Script("scroll", "down 1 10000 8000, 2 14000 8000\n"
-                                                            "move 1 10000 8500, 2 14000 8500 in 5\n"
-                                                            "up 1, 2\n")});
-    EXPECT_THAT(scroll.events, ElementsAre("scroll 50"));
-
-    // A swipe to the left posts Command-Right (124).
-    const TRun swipe = Run({"--simulate", Script("swipe", "down 1 20000 10000, 2 20000 14000\n"
-                                                          "move 1 19500 10000, 2 19500 14000 in 5\n"
-                                                          "up 1, 2\n")});
-    EXPECT_THAT(swipe.events, ElementsAre("keyDown 124 cmd", "keyUp 124 cmd"));
-}
-
-TEST_F(Irframed, TwoFingerZoomAndRotation) {
-    const TRun pinch = Run({"--simulate", Script("pinch", "down 1 10000 10000, 2 20000 10000\n"
-                                                          "move 1 11000 10000 in 10\nup 1, 2\n")});
-    EXPECT_THAT(pinch.events, ElementsAre("keyDown 27 cmd", "keyUp 27 cmd"));  // Command-minus
-
-    // The second finger circles the first clockwise on the screen (y grows downward).
-    std::string orbit = "down 1 16000 16000, 2 20698 17710\n";
-    for (int a = 25; a <= 80; a += 5) {
-        const double rad = a * M_PI / 180.0;
-        orbit += "move 2 " + std::to_string(std::lround(16000 + 5000 * std::cos(rad))) + " " +
-                 std::to_string(std::lround(16000 + 5000 * std::sin(rad))) + " in 1\n";
-    }
-    const TRun rotate = Run({"--simulate", Script("rotate", orbit + "up 1, 2\n")});
-    EXPECT_THAT(rotate.events, ElementsAre("keyDown 15 cmd", "keyUp 15 cmd"));  // Command-r
 }
 
 // Verify that the dry run shows what the uinput device would press: the gesture posts the same
@@ -349,42 +258,6 @@ TEST_F(Irframed, BadConfigurationStopsWithOneLine) {
     }
 }
 
-// Verify that two fingers resting a moment, moving less than a gesture needs, right-click at the midpoint of where they landed.
-TEST_F(Irframed, TwoFingerTapRightClicks) {
-    const TRun run = Run({"--simulate", Script("tap2", "down 1 10000 10000, 2 14000 12000\n"
-                                                       "hold 10\n"
-                                                       "move 1 10300 10100, 2 14500 12400 in 10\n"
-                                                       "hold 10\nup 1, 2\nhold 1\n")});
-    // Midpoint (12000, 11000) in points.
-    EXPECT_THAT(run.events, ElementsAre("rightMouseDown 703,363", "rightMouseUp 703,363"));
-}
-
-// Verify the three-finger latch: the finger left alone is silent, and its lift is finished as
-// a short touch (the zoom toggle, Command-0).
-TEST_F(Irframed, ThreeFingersLatch) {
-    const TRun run = Run({"--simulate", Script("three", "down 1 10000 10000, 2 12000 10000, "
-                                                        "3 14000 10000\nhold 3\nup 1, 2\nhold 3\n"
-                                                        "up 3\nhold 1\n")});
-    EXPECT_THAT(run.events, ElementsAre("keyDown 29 cmd", "keyUp 29 cmd"));
-}
-
-TEST_F(Irframed, FourFingerSwipeAndPinch) {
-    // Four fingers to the left post Control-Right, once.
-    const TRun swipe = Run(
-        {"--simulate",
-         Script("swipe4", std::string(kFourDown) +
-                              "move 1 9000 10000, 2 13000 10000, 3 9000 14000, 4 13000 14000 in 10\n"
-                              "hold 3\nup 1, 2, 3, 4\nhold 1\n")});
-    EXPECT_THAT(swipe.events, ElementsAre("keyDown 124 ctrl", "keyUp 124 ctrl"));
-
-    const TRun closing = Run(
-        {"--simulate",
-         Script("close4", std::string(kFourDown) +
-                              "move 1 10700 10700, 2 13300 10700, 3 10700 13300, 4 13300 13300 in 10\n"
-                              "hold 3\n")});
-    EXPECT_THAT(closing.events, ElementsAre("keyDown 100 fn", "keyUp 100 fn"));  // Fn-F8
-}
-
 // ---------------------------------------------------------------------------------------------
 // Devices coming and going
 
@@ -418,21 +291,6 @@ TEST_F(Irframed, UnplugWhileHeldReleasesButton) {
     EXPECT_EQ(Count(run, "pDev->faildCount==0"), 0u);
     // The gone device's handle is given back (a hidraw node held open keeps its number).
     EXPECT_THAT(run.logText, HasSubstr("played, closed by the driver"));
-}
-
-TEST_F(Irframed, TwoFramesAtOnce) {
-    const TRun run = Run(
-        {"--simulate", Script("scroll", "down 1 10000 8000, 2 14000 8000\n"
-                                        "move 1 10000 8500, 2 14000 8500 in 5\nup 1, 2\n"),
-         "--simulate", Script("swipe4", std::string(kFourDown) +
-                                            "move 1 9000 10000, 2 13000 10000, 3 9000 14000, "
-                                            "4 13000 14000 in 10\nhold 3\nup 1, 2, 3, 4\nhold 1\n")});
-    EXPECT_EQ(run.status, 0) << run.logText;
-    // Each device's events in its own order; the two streams may interleave.
-    const auto [first, second] = SplitByDevice(run.events);
-    EXPECT_THAT(first, ElementsAre("scroll 50"));
-    EXPECT_THAT(second, ElementsAre("d2 keyDown 124 ctrl", "d2 keyUp 124 ctrl"));
-    EXPECT_EQ(Count(run, "hid add"), 2u);
 }
 
 // Verify that SIGTERM ends the driver in order: the held button is released, the device is
@@ -547,38 +405,6 @@ TEST_F(Irframed, UsageErrorsSayWhatIsWrong) {
         EXPECT_THAT(run.logText, HasSubstr(c.message));
         EXPECT_TRUE(run.events.empty());
     }
-}
-
-// A JSON line that cannot be written ends the run with status 1 and one line saying why: a
-// reader that went away (a closed pipe, not a silent SIGPIPE death). A device as the output is
-// refused before the run.
-TEST_F(Irframed, OutputWriteErrorsEndTheRun) {
-    const std::string drag = Script("drag", kHeldDrag);
-    const TRun full = Run({"--dry-run", "--output", "/dev/full", "--simulate", drag}, false);
-    EXPECT_EQ(full.status, 1) << full.logText;
-    EXPECT_THAT(full.logText, HasSubstr("cannot write '/dev/full': it is a device"));
-
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    close(fds[0]);  // nobody will read
-    const std::string err = m_dir + "/err.txt";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    Lines argv{IRFRAMED_PATH, "--no-config", "--dry-run", "--simulate", drag};
-    std::vector<char*> cargv;
-    for (std::string& a : argv) cargv.push_back(a.data());
-    cargv.push_back(nullptr);
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    int wstatus = 0;
-    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
-    ASSERT_TRUE(WIFEXITED(wstatus)) << "ended by signal " << WTERMSIG(wstatus);
-    EXPECT_EQ(WEXITSTATUS(wstatus), 1);
-    EXPECT_THAT(ReadFile(err), HasSubstr("cannot write the JSON lines to standard output"));
 }
 
 // Verify that events stay in the chosen screen's own points wherever it lies on the desktop:

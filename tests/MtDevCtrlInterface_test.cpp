@@ -1139,58 +1139,6 @@ INSTANTIATE_TEST_SUITE_P(
         THiWriteFault{"FirmwareStatus255", {K::FirmwareStatus, 0, S::End, 0, 255}, 1255, false, 0}),
     [](const ::testing::TestParamInfo<THiWriteFault>& info) { return info.param.name; });
 
-struct TStallCase {
-    const char* name;
-    TEmuFault fault;
-    DEV_ERR expected;
-    std::vector<std::string> calls;  // the port calls of the whole configuration read
-    uint64_t retryPauseMicros;       // from the end of the failed transfer to its retry
-};
-
-class BulkStall : public BulkController, public ::testing::WithParamInterface<TStallCase> {};
-
-// Verify that a stall during a configuration read is recovered from once, differently per
-// pipe: a stalled IN pipe is asked for its status, cleared and read once more after 200 ms; a
-// failed OUT transfer is cleared without asking and written once more at once; a second stall
-// in a row fails.
-TEST_P(BulkStall, RecoveredOnceAsymmetrically) {
-    const TStallCase& c = GetParam();
-    auto expected = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    const std::vector<uint8_t> block = Emu().ConfigBlock();
-    ASSERT_EQ(DecodeDevConfig(block.data(), static_cast<int>(block.size()), expected.get()),
-              DEV_CONFIG_DECODE_OK);
-    Emu().InjectFault(c.fault);
-    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    EXPECT_EQ(Ctl().GetDeviceConfig(config.get()), c.expected);
-    EXPECT_EQ(Calls(), c.calls);
-    // The first transfer of the configuration read that failed, and its retry.
-    const std::vector<TBulkTransfer>& t = Rec().Transfers();
-    const auto failed = std::find_if(t.begin(), t.end(),
-                                     [](const TBulkTransfer& x) { return x.result != kMtUsbSuccess; });
-    ASSERT_NE(failed, t.end());
-    ASSERT_NE(failed + 1, t.end());
-    EXPECT_EQ(failed->result, kMtUsbPipeStalled);
-    EXPECT_EQ((failed + 1)->write, failed->write);
-    EXPECT_EQ((failed + 1)->startMicros - failed->endMicros, c.retryPauseMicros);
-    if (c.expected == DE_OK) {
-        EXPECT_EQ(std::memcmp(config.get(), expected.get(), sizeof *config), 0);
-    }
-}
-
-const std::string kW = "WritePipeTO 2", kR = "ReadPipeTO 1";
-INSTANTIATE_TEST_SUITE_P(
-    Cases, BulkStall,
-    ::testing::Values(
-        TStallCase{"InOnce", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 1}, DE_OK,
-                   {kW, kR, "GetPipeStatus 1", "ClearPipeStallBothEnds 1", kR, kW, kR}, 200000},
-        TStallCase{"InTwice", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 0, 2}, DE_DEV_READ,
-                   {kW, kR, "GetPipeStatus 1", "ClearPipeStallBothEnds 1", kR}, 200000},
-        TStallCase{"OutOnce", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 1}, DE_OK,
-                   {kW, "ClearPipeStallBothEnds 2", kW, kR, kW, kR}, 0},
-        TStallCase{"OutTwice", {K::StallPipe, MTDEV_CMD_DEV_CONFIG, S::Request, 0, 1, 2}, DE_DEV_WRITE,
-                   {kW, "ClearPipeStallBothEnds 2", kW}, 0}),
-    [](const ::testing::TestParamInfo<TStallCase>& info) { return info.param.name; });
-
 // Verify that a device vanishing in the middle of a read gives the read error, and after that
 // every write gives the write error.
 TEST_F(BulkController, VanishedDeviceGivesReadThenWriteErrors) {
