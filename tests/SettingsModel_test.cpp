@@ -269,6 +269,23 @@ TEST(SettingsFrameList, Changes) {
     EXPECT_EQ(model.Find(1), nullptr);
 }
 
+// Verify that a touch on a monitor's "touch here" names that monitor, and a stray one none.
+TEST(SettingsMonitorPick, TouchedMonitor) {
+    struct {
+        double x, y;
+        int count;
+        std::optional<int> want;
+    } cases[] = {{0.5, 0.5, 1, 0},     {0.3, 0.6, 1, 0},        {0.2, 0.5, 1, std::nullopt},
+                 {0.25, 0.5, 2, 0},    {0.80, 0.45, 2, 1},      {0.5, 0.5, 2, std::nullopt},
+                 {5 / 6.0, 0.5, 3, 2}, {0.75, 0.1, 2, std::nullopt}, {0.5, 0.5, 0, std::nullopt}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(TouchedMonitor({c.x, c.y}, c.count), c.want) << c.x << "," << c.y << " of " << c.count;
+    }
+    for (int count = 1; count <= 4; ++count) {
+        for (int i = 0; i < count; ++i) EXPECT_EQ(TouchedMonitor(MonitorTarget(i, count), count), i);
+    }
+}
+
 // Verify that only backups are listed, newest first, and that a bad one is refused on reading.
 TEST_F(SettingsFiles, Backups) {
     const auto write = [&](const std::string& name, const std::string& text, time_t when) {

@@ -145,17 +145,24 @@ protected:
         setenv("GDK_BACKEND", "x11", 1);
     }
 
-    std::string State() {
+    // A property of frame 1: a string, or "true"/"false".
+    std::string Property(const char* name, const char* type = "s") {
         sd_bus_message* reply = nullptr;
-        std::string state;
-        if (sd_bus_get_property(m_bus, kDriverBusName, kFrame, kFrameInterface, "State", nullptr,
-                                &reply, "s") >= 0) {
-            const char* s = nullptr;
-            sd_bus_message_read(reply, "s", &s);
-            state = s != nullptr ? s : "";
+        std::string value;
+        if (sd_bus_get_property(m_bus, kDriverBusName, kFrame, kFrameInterface, name, nullptr,
+                                &reply, type) >= 0) {
+            if (*type == 'b') {
+                int b = 0;
+                sd_bus_message_read(reply, "b", &b);
+                value = b ? "true" : "false";
+            } else {
+                const char* text = nullptr;
+                sd_bus_message_read(reply, "s", &text);
+                value = text != nullptr ? text : "";
+            }
         }
         sd_bus_message_unref(reply);
-        return state;
+        return value;
     }
 
     // The driver on a script that waits for the first configuration written.
@@ -165,7 +172,7 @@ protected:
         const pid_t pid = Start({IRFRAMED_PATH, "--simulate", path, "--realtime", "--dry-run",
                                  "--output", m_dir + "/posted.json", "--fault", "hold:1@0"},
                                 "irframed.log");
-        EXPECT_TRUE(Until([&] { return State() == "running"; })) << ReadFile(m_dir + "/irframed.log");
+        EXPECT_TRUE(Until([&] { return Property("State") == "running"; })) << ReadFile(m_dir + "/irframed.log");
         return pid;
     }
 
@@ -191,12 +198,13 @@ protected:
         sd_bus_error_free(&error);
     }
 
-    // A screenshot of the whole screen, saved among the pictures as `name`.
-    TPicture Screenshot(const std::string& name) {
+    // A screenshot of the window's corner of the screen (all of it with `whole`), saved among
+    // the pictures as `name`.
+    TPicture Screenshot(const std::string& name, bool whole = false) {
         const std::string dir = IRFRAME_SCREENSHOT_DIR;
         mkdir(dir.c_str(), 0755);
         const std::string path = dir + "/" + name;
-        if (std::system(("import -window root -crop 1100x760+0+0 +repage " + path + " 2>/dev/null").c_str()) != 0) return {};
+        if (std::system(("import -window root " + std::string(whole ? "" : "-crop 1100x760+0+0 +repage ") + path + " 2>/dev/null").c_str()) != 0) return {};
         return ReadPicture(path);
     }
 
@@ -321,6 +329,25 @@ TEST_F(SettingsWindowEndToEnd, PagesUnderXvfb) {
         return p.width > 0 && p.At(300, 200) != 0;
     }));
     StopWindow(window);
+}
+
+// Verify "which screen is this frame on?": "touch here" holds the gestures until a touch on the
+// target, which lets them go (a stray touch would keep asking).
+TEST_F(SettingsWindowEndToEnd, WhichScreenUnderXvfb) {
+    StartXvfb();
+    StartDriver("rate 100\ndown 1 3000 3000\nhold 3\nup 1\nhold 3\n"
+                "down 1 16383 16383\nhold 3\nup 1\nhold 30000\n");
+    StartWindow({"--which-screen"});
+    ASSERT_TRUE(Until([&] { return Property("GesturesHeld", "b") == "true"; }))
+        << ReadFile(m_dir + "/settings.log");
+    EXPECT_TRUE(Until([&] {
+        // Beyond the settings window: "touch here" fills the screen.
+        const TPicture p = Screenshot("settings-which-screen.png", true);
+        return p.width > 1500 && p.At(1500, 900) == 0xFFFFFF;
+    }));
+    WriteConfig(*ReadConfig());  // the script plays: a stray touch, then one on the target
+    EXPECT_TRUE(Until([&] { return Property("GesturesHeld", "b") == "false"; }))
+        << ReadFile(m_dir + "/settings.log");
 }
 
 // Verify that the window shows the frame's contacts under a headless Wayland compositor too:

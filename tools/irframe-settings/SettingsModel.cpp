@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <map>
 
@@ -113,4 +114,18 @@ std::string DiagnosticsReport(const std::string& version, const TFrameEntry& fra
            std::to_string(info.size()) + " bytes)\n" + HexDump(info) + "\nstatus (" +
            std::to_string(status.size()) + " bytes)\n" + HexDump(status) + "\nconfiguration: " +
            DevConfigSummary(config) + "\n\n" + ConfigTables(config);
+}
+
+TViewPoint MonitorTarget(int index, int count) {
+    return {(index + 0.5) / std::max(count, 1), 0.5};
+}
+
+std::optional<int> TouchedMonitor(TViewPoint onFrame, int count) {
+    if (count < 1 || onFrame.x < 0 || onFrame.x > 1 || onFrame.y < 0.2 || onFrame.y > 0.8) {
+        return std::nullopt;
+    }
+    const int index = std::min(count - 1, static_cast<int>(onFrame.x * count));
+    const double spacing = 1.0 / count;
+    if (std::abs(onFrame.x - MonitorTarget(index, count).x) > spacing / 4 + 1e-9) return std::nullopt;
+    return index;
 }

@@ -4,10 +4,12 @@
 
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "FrameAccess.h"
+#include "LiveView.h"
 #include "MtDevConfig.h"
 
 // The driver's frames by number, updated from each fresh list (the window asks for one when
@@ -56,3 +58,12 @@ std::unique_ptr<_HARDWARE_DEV_CONFIG> ReadSavedConfig(const std::string& path, s
 std::string DiagnosticsReport(const std::string& version, const TFrameEntry& frame,
                               const std::vector<uint8_t>& info, const std::vector<uint8_t>& status,
                               const _HARDWARE_DEV_CONFIG& config);
+
+// "Which screen is this frame on?": every monitor shows "touch here" at once, each at its own
+// place across its width, so that where the touch lies on the frame tells which monitor's
+// target it was. Monitor `index` of `count` shows its target at this fraction of its size.
+TViewPoint MonitorTarget(int index, int count);
+// The monitor whose target a touch at `onFrame` (view units, as the live view's) was on; none
+// for a touch nearer the middle between two targets than to either (a quarter of their spacing
+// either side of a target counts), so that a stray touch maps nothing.
+std::optional<int> TouchedMonitor(TViewPoint onFrame, int count);

@@ -15,6 +15,7 @@
 #include "LiveViewDrawing.h"
 #include "OutputFile.h"
 #include "QuotedText.h"
+#include "ScreenText.h"
 
 namespace {
 
@@ -23,18 +24,16 @@ constexpr const char* kNoDriver =
 
 int64_t NowMicros() { return g_get_monotonic_time(); }
 
-// irframe-calibrate beside this program (the build tree, an install), else on the PATH.
-std::string CalibratorPath() {
+// A program of the package beside this one (the build tree, an install), else on the PATH.
+std::string SiblingProgram(const std::string& name) {
     char self[PATH_MAX];
     const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     if (n > 0) {
-        std::string dir(self, static_cast<size_t>(n));
-        dir = dir.substr(0, dir.rfind('/'));
-        for (const std::string& p : {dir + "/irframe-calibrate"}) {
-            if (access(p.c_str(), X_OK) == 0) return p;
-        }
+        std::string path(self, static_cast<size_t>(n));
+        path = path.substr(0, path.rfind('/') + 1) + name;
+        if (access(path.c_str(), X_OK) == 0) return path;
     }
-    return "irframe-calibrate";
+    return name;
 }
 
 int OnDriverSignal(sd_bus_message*, void* userdata, sd_bus_error*) {
@@ -49,6 +48,43 @@ Gtk::Label* LeftLabel(const std::string& text) {
 }
 
 }  // namespace
+
+// "Touch here" full-screen on one monitor, its target where MonitorTarget puts it; Esc cancels.
+class CTouchHereWindow final : public Gtk::Window {
+public:
+    CTouchHereWindow(int index, int count, std::function<void()> cancelled)
+        : m_target(MonitorTarget(index, count)) {
+        set_title("Touch here");
+        m_canvas.set_draw_func([this](const Cairo::RefPtr<Cairo::Context>& cr, int w, int h) {
+            cr->set_source_rgb(1, 1, 1);
+            cr->paint();
+            const double x = m_target.x * w, y = m_target.y * h, r = std::max(24.0, h / 20.0);
+            cr->set_source_rgb(0.8, 0.1, 0.1);
+            cr->set_line_width(4);
+            cr->arc(x, y, r, 0, 2 * M_PI);
+            cr->stroke();
+            cr->arc(x, y, 6, 0, 2 * M_PI);
+            cr->fill();
+            const double size = std::max(12.0, h / 40.0);
+            ShowScreenText(m_canvas, cr, "Touch here on the screen of the frame\nEsc cancels", size,
+                           x, y + 2 * r + size);
+        });
+        set_child(m_canvas);
+        auto keys = Gtk::EventControllerKey::create();
+        keys->signal_key_pressed().connect(
+            [cancelled](guint key, guint, Gdk::ModifierType) {
+                if (key != GDK_KEY_Escape) return false;
+                cancelled();
+                return true;
+            },
+            false);
+        add_controller(keys);
+    }
+
+private:
+    TViewPoint m_target;
+    Gtk::DrawingArea m_canvas;
+};
 
 CSettingsWindow::CSettingsWindow(const TSettingsOptions& options)
     : m_options(options), m_checks(LinuxConfigChecks()) {
@@ -73,6 +109,7 @@ CSettingsWindow::CSettingsWindow(const TSettingsOptions& options)
     Connect();
     LoadTouchChoices();
     RefreshBackups();
+    if (m_options.whichScreen) Glib::signal_idle().connect_once([this] { PickMonitor(); });
     if (!m_options.restore.empty()) {
         Glib::signal_idle().connect_once([this] { OfferRestore(m_options.restore); });
     }
@@ -200,7 +237,73 @@ void CSettingsWindow::BuildFramesPage() {
     });
     auto* scroll = Gtk::make_managed<Gtk::ScrolledWindow>();
     scroll->set_child(m_frameList);
-    m_pages.append_page(*scroll, "Frames");
+    scroll->set_expand(true);
+    m_framesPage.append(*scroll);
+    m_whichScreen.set_halign(Gtk::Align::START);
+    m_whichScreen.set_margin(6);
+    m_whichScreen.signal_clicked().connect([this] { PickMonitor(); });
+    m_framesPage.append(m_whichScreen);
+    m_pages.append_page(m_framesPage, "Frames");
+}
+
+void CSettingsWindow::PickMonitor() {
+    const TFrameEntry* entry = m_frames.Find(m_selected);
+    if (entry == nullptr || entry->state != "running" || !m_touchHere.empty()) {
+        return Say("Choose a running frame first.");
+    }
+    const auto monitors = Gdk::Display::get_default()->get_monitors();
+    const int count = static_cast<int>(monitors->get_n_items());
+    m_pickConnectors.clear();
+    for (int i = 0; i < count; ++i) {
+        auto monitor = std::dynamic_pointer_cast<Gdk::Monitor>(monitors->get_object(i));
+        if (!monitor) continue;
+        Gdk::Rectangle r;
+        monitor->get_geometry(r);
+        auto window = std::make_unique<CTouchHereWindow>(i, count, [this] {
+            Glib::signal_idle().connect_once([this] { FinishPick(std::nullopt); });
+        });
+        window->set_default_size(r.get_width(), r.get_height());
+        window->fullscreen_on_monitor(monitor);
+        window->present();
+        m_touchHere.push_back(std::move(window));
+        m_pickConnectors.push_back(monitor->get_connector());
+    }
+    // Touches click nothing meanwhile.
+    StopFeed();
+    StartFeed(true);
+    Say("Touch the target on the screen the frame is on (Esc cancels).");
+}
+
+void CSettingsWindow::FinishPick(std::optional<int> monitor) {
+    if (m_touchHere.empty()) return;
+    m_touchHere.clear();
+    StopFeed();  // lets go of the gestures
+    StartFeed();
+    if (!monitor || static_cast<size_t>(*monitor) >= m_pickConnectors.size()) {
+        return Say("Cancelled: nothing was mapped.");
+    }
+    const std::string connector = m_pickConnectors[static_cast<size_t>(*monitor)];
+    const std::vector<std::string> argv{SiblingProgram("irframectl"), "map", "--frame",
+                                        std::to_string(m_selected), connector};
+    Glib::Pid pid = 0;
+    try {
+        Glib::spawn_async("", argv, Glib::SpawnFlags::DO_NOT_REAP_CHILD | Glib::SpawnFlags::SEARCH_PATH,
+                          {}, &pid);
+    } catch (const Glib::Error& e) {
+        return Say("cannot start irframectl: " + std::string(e.what()), true);
+    }
+    const std::string command = "irframectl map --frame " + std::to_string(m_selected) + " " + connector;
+    Glib::signal_child_watch().connect(
+        [this, connector, command](Glib::Pid child, int status) {
+            Glib::spawn_close_pid(child);
+            const bool ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+            Say(ok ? "Frame " + std::to_string(m_selected) + " is mapped to " + connector + "."
+                   : "Mapping to " + connector + " failed: run '" + command +
+                         "' in a terminal to see why.",
+                !ok);
+            RefreshFrames();
+        },
+        pid);
 }
 
 void CSettingsWindow::BuildLivePage() {
@@ -231,7 +334,7 @@ void CSettingsWindow::DrawLive(const Cairo::RefPtr<Cairo::Context>& cr, int widt
     m_painter.Draw(cr->cobj(), m_view, width, height, NowMicros());
 }
 
-void CSettingsWindow::StartFeed() {
+void CSettingsWindow::StartFeed(bool holdGestures) {
     std::string why;
     sd_bus* bus = OpenSessionBus(&why);
     const TFrameEntry* entry = m_frames.Find(m_selected);
@@ -240,7 +343,9 @@ void CSettingsWindow::StartFeed() {
     m_feedFrame = m_feedTransport->Open(*entry);
     m_feed = std::make_unique<CContactFeed>(*m_feedFrame);
     m_feed->Arrived().connect([this] { OnContacts(); });
-    m_feed->Start({});
+    // The hold is asked on the feed's own connection, and ends when the feed closes it.
+    m_feed->Start(holdGestures ? std::function<void()>([this] { m_feedFrame->HoldGestures(true); })
+                               : std::function<void()>());
 }
 
 void CSettingsWindow::StopFeed() {
@@ -251,7 +356,20 @@ void CSettingsWindow::StopFeed() {
 
 void CSettingsWindow::OnContacts() {
     if (!m_feed) return;
-    for (const TMonitoredFrame& f : m_feed->Take()) m_view.OnFrame(f, NowMicros());
+    for (const TMonitoredFrame& f : m_feed->Take()) {
+        m_view.OnFrame(f, NowMicros());
+        if (m_touchHere.empty()) continue;
+        for (const TMonitoredContact& c : f.contacts) {
+            if (c.retired || c.status != 0) continue;
+            const auto monitor = TouchedMonitor(RawToView(m_view.Frame(), c.rawX, c.rawY),
+                                                static_cast<int>(m_touchHere.size()));
+            if (monitor) {
+                // Not from inside the feed's own signal: finishing replaces the feed.
+                Glib::signal_idle().connect_once([this, monitor] { FinishPick(monitor); });
+                return;
+            }
+        }
+    }
     m_canvas.queue_draw();
     std::string error;
     if (const auto end = m_feed->Ended(&error)) {
@@ -264,7 +382,7 @@ void CSettingsWindow::OnContacts() {
 
 void CSettingsWindow::Calibrate() {
     if (m_selected == 0 || m_calibrating) return;
-    std::vector<std::string> argv{CalibratorPath(), "--frame", std::to_string(m_selected), "--area",
+    std::vector<std::string> argv{SiblingProgram("irframe-calibrate"), "--frame", std::to_string(m_selected), "--area",
                                   std::to_string(m_area.get_value_as_int())};
     if (!m_calibrateOutput.get_text().empty()) {
         argv.push_back("--output");

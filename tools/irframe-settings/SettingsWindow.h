@@ -16,11 +16,13 @@
 #include "TouchSettings.h"
 
 struct sd_bus;
+class CTouchHereWindow;
 
 struct TSettingsOptions {
     int frame = 0;     // 0: the first
     std::string page;  // frames, live, touch, backups, diagnostics
     std::string restore;  // a saved configuration to offer for restoring at start
+    bool whichScreen = false;  // ask at start which screen the frame is on
 };
 
 class CSettingsWindow final : public Gtk::Window {
@@ -43,7 +45,9 @@ private:
     void BuildBackupsPage();
     void BuildDiagnosticsPage();
     void DrawLive(const Cairo::RefPtr<Cairo::Context>& cr, int width, int height);
-    void StartFeed();
+    void StartFeed(bool holdGestures = false);
+    void PickMonitor();
+    void FinishPick(std::optional<int> monitor);
     void StopFeed();
     void OnContacts();
     void Calibrate();
@@ -79,12 +83,17 @@ private:
     std::unique_ptr<Gtk::Window> m_dialog;
     std::unique_ptr<Gtk::FileChooserDialog> m_chooser;
     bool m_calibrating = false;
+    // "Which screen is this frame on?": a window per monitor while it asks.
+    std::vector<std::unique_ptr<CTouchHereWindow>> m_touchHere;
+    std::vector<std::string> m_pickConnectors;
 
     Gtk::Box m_box{Gtk::Orientation::VERTICAL, 6};
     Gtk::Label m_status;
     Gtk::Notebook m_pages;
     // Frames.
+    Gtk::Box m_framesPage{Gtk::Orientation::VERTICAL, 6};
     Gtk::ListBox m_frameList;
+    Gtk::Button m_whichScreen{"Which screen is this frame on?"};
     // Live view.
     Gtk::Box m_livePage{Gtk::Orientation::VERTICAL, 6};
     Gtk::DrawingArea m_canvas;

@@ -20,6 +20,8 @@ int main(int argc, char** argv) {
     cli.add_option("--restore", options.restore,
                    "Offer to restore this saved configuration (its differences are shown first)")
         ->type_name("FILE");
+    cli.add_flag("--which-screen", options.whichScreen,
+                 "Show \"touch here\" on every monitor and map the frame to the one touched");
     cli.set_version_flag("--version", "irframe-settings " IRFRAME_VERSION);
     try {
         cli.parse(argc, argv);
