@@ -19,7 +19,7 @@ target_include_directories(irframe_version INTERFACE ${CMAKE_BINARY_DIR}/generat
 # irframed's options, --version among them, are parsed in the agent library.
 target_link_libraries(irframe_config PRIVATE irframe_version)
 set(IRFRAME_PROGRAMS)
-foreach(program irframed irframectl irframe-calibrate)
+foreach(program irframed irframectl irframe-calibrate irframe-settings)
   if(TARGET ${program})
     target_link_libraries(${program} PRIVATE irframe_version)
     list(APPEND IRFRAME_PROGRAMS ${program})
@@ -46,6 +46,9 @@ if(TARGET irframectl)
 endif()
 if(TARGET irframe-calibrate)
   list(APPEND man_sources packaging/man/irframe-calibrate.1.scd)
+endif()
+if(TARGET irframe-settings)
+  list(APPEND man_sources packaging/man/irframe-settings.1.scd)
 endif()
 find_program(SCDOC_EXECUTABLE scdoc)
 if(SCDOC_EXECUTABLE)
@@ -85,6 +88,13 @@ file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/packaging/irframed.service CONTENT "${
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/irframed.service)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/irframed.service DESTINATION lib/systemd/user)
 
+# The settings window's menu entry and icon.
+if(TARGET irframe-settings)
+  install(FILES packaging/org.irframe.Settings.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+  install(FILES packaging/org.irframe.Settings.svg
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
+endif()
+
 # The example configuration: /etc/irframe with the prefix /usr, <prefix>/etc/irframe otherwise.
 install(FILES packaging/irframe.toml DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/irframe)
 
@@ -123,7 +133,8 @@ string(CONCAT CPACK_PACKAGE_DESCRIPTION
     "and scroll events through uinput, so that every application on X11 or Wayland\n"
     "is driven by touch.\n"
     ".\n"
-    "The package holds the driver, the frame tool, an on-screen calibrator, udev\n"
+    "The package holds the driver, the frame tool, an on-screen calibrator, a\n"
+    "settings window with a live view of the touches, udev\n"
     "rules that give the logged-in user access to the frames and to uinput, a\n"
     "systemd user unit, man pages and example gesture scripts.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

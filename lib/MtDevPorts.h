@@ -52,6 +52,15 @@ struct TMtHidIdentity {
 // "/dev/hidraw3 (AAEC:C020 "IR Touch", serial 1234)", leaving out what is not known.
 std::string DescribeHidIdentity(const TMtHidIdentity& identity);
 
+// Whoever discovery hands devices to (the service shell). A discovery session records it on each
+// device it reports, as a platform's device reference knows the manager that found it, so that
+// code given nothing but the device reaches the state that device belongs to. The device link
+// never uses it.
+class CMtHidDeviceKeeper {
+protected:
+    ~CMtHidDeviceKeeper() = default;
+};
+
 class CMtHidDevice {
 public:
     virtual ~CMtHidDevice() = default;
@@ -59,6 +68,10 @@ public:
     // Set by discovery before the device is handed out, read-only afterwards.
     void SetIdentity(TMtHidIdentity identity) { m_identity = std::move(identity); }
     const TMtHidIdentity& Identity() const { return m_identity; }
+    // Set by the discovery session as it hands the device over; null for a device no session
+    // reported. Main thread.
+    void SetKeeper(CMtHidDeviceKeeper* keeper) { m_keeper = keeper; }
+    CMtHidDeviceKeeper* Keeper() const { return m_keeper; }
 
     // kMtHidSuccess when the device is open for reports.
     virtual int Open() = 0;
@@ -77,6 +90,7 @@ public:
 
 private:
     TMtHidIdentity m_identity;
+    CMtHidDeviceKeeper* m_keeper = nullptr;
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -105,6 +105,14 @@ struct TFrameResult {
     std::string message;       // what went wrong, for a person
     std::vector<uint8_t> bytes;                          // ReadInfo, ReadStatus, ReadScanPattern
     std::shared_ptr<const _HARDWARE_DEV_CONFIG> config;  // ReadConfig; writes: as read back
+
+    // A result that carries nothing but its outcome and why.
+    static TFrameResult Of(TFrameOutcome outcome, std::string message) {
+        TFrameResult result;
+        result.outcome = outcome;
+        result.message = std::move(message);
+        return result;
+    }
 };
 
 // Of the request in flight: bytes moved and expected (the controller's counters).

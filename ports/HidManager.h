@@ -8,7 +8,8 @@
 //
 // A device is named by its HID port object (CMtHidDevice*). The backend owns it and keeps it
 // alive for the rest of the process, since device records keep pointing at it; each appearance
-// of a device gets a new object.
+// of a device gets a new object. The callbacks get nothing but the device: it carries the keeper
+// the session was given, through which they find the shell's state.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +31,20 @@ public:
     virtual void RegisterDeviceRemovalCallback(THidDeviceCallback callback, void* context) = 0;
     // 0 when the session is open (and the present devices are queued), non-zero otherwise.
     virtual int Open() = 0;
+
+    // Who the session's devices are for (the shell that made it): set before Open, recorded on
+    // every device the session hands to a callback.
+    void SetDeviceKeeper(CMtHidDeviceKeeper* keeper) { m_keeper = keeper; }
+
+protected:
+    // `device`, marked as the keeper's, for a callback.
+    CMtHidDevice* Handed(CMtHidDevice* device) const {
+        device->SetKeeper(m_keeper);
+        return device;
+    }
+
+private:
+    CMtHidDeviceKeeper* m_keeper = nullptr;
 };
 
 class IHidManagerFactory {

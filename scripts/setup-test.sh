@@ -15,5 +15,6 @@ test_packages=(
   xvfb xauth weston imagemagick xdotool                # irframe-calibrate's window on X11 and Wayland
   libglib2.0-bin gsettings-desktop-schemas             # irframectl map: GNOME's setting read back
   libkf5config-bin xinput                              # irframectl map: KDE's and X11's
+  mutter                                               # GNOME's monitors, headless, on the bus
 )
 exec "$(dirname "$0")/setup.sh" "${test_packages[@]}"

@@ -1,7 +1,8 @@
 // The emulated touch frame presented to a real kernel through /dev/uhid.
 //
 // The kernel makes a HID device of it (and, with hid-generic bound, a hidraw node), so a driver
-// reaches it through real discovery and real hidraw I/O. One thread reads the uhid node:
+// reaches it through real discovery and real hidraw I/O. One thread reads the uhid node
+// (CUhidDevice):
 //   - UHID_OPEN / UHID_CLOSE say whether someone holds the device open;
 //   - UHID_OUTPUT is one output report. hidraw hands it over with the leading report-number
 //     byte 0 that real USB hardware never receives, so that byte is stripped before the
@@ -13,19 +14,15 @@
 // by a frame whose firmware hangs.
 #pragma once
 
-#include <linux/uhid.h>
-
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "MtDevEmulator.h"
+#include "UhidDevice.h"
 
 // Who the emulated frame says it is.
 struct TUhidIdentity {
@@ -50,76 +47,42 @@ void BuildUhidCreate2(const TUhidIdentity& identity, uhid_event* event);
 bool UhidOutputReport(const uhid_event& event, size_t bytesRead, const uint8_t** report,
                       size_t* length);
 
-// What the kernel told the link so far.
-struct TUhidLinkState {
-    bool open = false;        // UHID_OPEN seen and no UHID_CLOSE since
-    uint64_t opens = 0;       // UHID_OPEN events
-    uint64_t closes = 0;      // UHID_CLOSE events
-};
-
-class CMtEmuUhidLink {
+class CMtEmuUhidLink final : public CUhidDevice {
 public:
-    // Called on the link's thread right before an input report is written, with the
-    // report and the monotonic time in nanoseconds.
-    using TSentHook = std::function<void(const uint8_t* report, size_t length, uint64_t nanos)>;
-
     explicit CMtEmuUhidLink(CMtDevEmulator& emulator);
     // Destroys the device if it still exists.
-    ~CMtEmuUhidLink();
-
-    CMtEmuUhidLink(const CMtEmuUhidLink&) = delete;
-    CMtEmuUhidLink& operator=(const CMtEmuUhidLink&) = delete;
+    ~CMtEmuUhidLink() override;
 
     // Opens the uhid node (normally /dev/uhid) and creates the device. False with `error`.
     bool Create(const std::string& uhidPath, const TUhidIdentity& identity, std::string* error);
     // The same over a descriptor that speaks like the uhid node (tests: one end of a
     // SOCK_SEQPACKET socketpair). The link owns it from now on, also on failure.
     bool Adopt(int fd, const TUhidIdentity& identity, std::string* error);
-    // UHID_DESTROY: the device goes away as if unplugged. Stops the thread; safe to repeat.
-    void Destroy();
 
-    // Set before Create; called for every input report sent.
-    void SetSentHook(TSentHook hook) { m_sentHook = std::move(hook); }
     // false: output reports are dropped unanswered from now on (also a reply being made).
     void SetAnswering(bool answering) { m_answering.store(answering); }
 
     // Sends an input report nobody asked for: only while the device is open.
     bool SendInput(const uint8_t* data, size_t length);
 
-    bool Created() const { return m_fd >= 0; }
-    TUhidLinkState State() const;
-    bool IsOpen() const { return State().open; }
     uint64_t OutputReports() const { return m_outputs.load(); }
     uint64_t Unanswered() const { return m_unanswered.load(); }
     uint64_t Rejected() const { return m_rejected.load(); }
     // The first kKeptUnanswered output reports dropped unanswered, in order.
     std::vector<std::vector<uint8_t>> UnansweredReports() const;
     static constexpr size_t kKeptUnanswered = 64;
-    // Waits until `done` holds for the state, or `timeoutMs` of real time passed; true when it
-    // held. Checked at every uhid event.
-    bool WaitUntil(const std::function<bool(const TUhidLinkState&)>& done, int timeoutMs) const;
 
 private:
-    bool Start(const TUhidIdentity& identity, std::string* error);
-    void Run();
+    void OnEvent(const uhid_event& event, size_t bytesRead) override;
     void HandleOutput(const uint8_t* report, size_t length);
     void Drop(const uint8_t* report, size_t length);
-    void Refuse(const uhid_event& request, size_t bytesRead);
-    bool WriteInput(const uint8_t* data, size_t length);
-    bool WriteEvent(const uhid_event& event);
 
     CMtDevEmulator& m_emulator;
-    TSentHook m_sentHook;
-    int m_fd = -1;
-    int m_stop = -1;  // eventfd that ends the thread
-    std::thread m_thread;
     std::atomic<bool> m_answering{true};
     std::atomic<uint64_t> m_outputs{0};
     std::atomic<uint64_t> m_unanswered{0};
     std::atomic<uint64_t> m_rejected{0};
 
-    mutable std::mutex m_stateMutex;
-    mutable std::condition_variable m_stateChanged;
-    TUhidLinkState m_state;  // guarded by m_stateMutex
-    std::vector<std::vector<uint8_t>> m_unansweredReports;  // guarded by m_stateMutex
+    mutable std::mutex m_droppedMutex;
+    std::vector<std::vector<uint8_t>> m_unansweredReports;  // guarded by m_droppedMutex
 };

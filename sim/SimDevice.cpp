@@ -402,10 +402,10 @@ public:
         return device->Spec().vendorId == m_vendor && device->Spec().productId == m_product;
     }
     void Matched(CSimDevice* device) {
-        if (m_matched != nullptr) m_matched(m_matchedContext, 0, this, device->Port());
+        if (m_matched != nullptr) m_matched(m_matchedContext, 0, this, Handed(device->Port()));
     }
     void Removed(CSimDevice* device) {
-        if (m_removed != nullptr) m_removed(m_removedContext, 0, this, device->Port());
+        if (m_removed != nullptr) m_removed(m_removedContext, 0, this, Handed(device->Port()));
     }
 
 private:

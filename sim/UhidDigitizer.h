@@ -3,20 +3,17 @@
 // as a feature report) presented through /dev/uhid. The kernel binds its own hid-multitouch
 // driver to it: the yardstick the real-kernel test holds the touchscreen output against.
 //
-// One thread reads the uhid node and answers the driver's feature requests at once (an
+// The device's thread (CUhidDevice) answers the driver's feature requests at once (an
 // unanswered request stalls the probe for seconds); reports are sent from any thread.
 #pragma once
 
-#include <linux/uhid.h>
-
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "UhidDevice.h"
 
 inline constexpr size_t kDigitizerFingers = 2;     // finger collections in the input report
 inline constexpr uint8_t kDigitizerInputId = 1;    // report id of the input report
@@ -35,19 +32,15 @@ std::vector<uint8_t> DigitizerReportDescriptor();
 // contact count.
 std::vector<uint8_t> DigitizerInputReport(const std::vector<TDigitizerContact>& contacts);
 
-class CUhidDigitizer {
+class CUhidDigitizer final : public CUhidDevice {
 public:
     CUhidDigitizer() = default;
-    ~CUhidDigitizer();
-    CUhidDigitizer(const CUhidDigitizer&) = delete;
-    CUhidDigitizer& operator=(const CUhidDigitizer&) = delete;
+    ~CUhidDigitizer() override;
 
     // Creates the device on the uhid node; Adopt on a descriptor that speaks like it (tests),
     // which the digitizer owns from then on. False with `error`.
     bool Create(const std::string& uhidPath, const std::string& name, std::string* error);
     bool Adopt(int fd, const std::string& name, std::string* error);
-    // UHID_DESTROY; safe to repeat.
-    void Destroy();
 
     // Sends one input report; `sentNanos` (may be null) gets the monotonic time right before
     // the write.
@@ -58,15 +51,7 @@ public:
     uint64_t FeatureRequests() const { return m_features.load(); }
 
 private:
-    void Run();
-    void Answer(const uhid_event& request, size_t bytesRead);
-    bool WriteEvent(const uhid_event& event);
+    void OnEvent(const uhid_event& request, size_t bytesRead) override;
 
-    int m_fd = -1;
-    int m_stop = -1;
-    std::thread m_thread;
     std::atomic<uint64_t> m_features{0};
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open = false;  // guarded by m_mutex
 };

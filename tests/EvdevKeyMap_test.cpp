@@ -154,61 +154,6 @@ TEST(EvdevKeyMap, ProfileNames) {
 // ---------------------------------------------------------------------------------------------
 // The safe default
 
-// What a chord must not be: it holds all of `modifiers` (either hand's key) and one of `keys`.
-struct TForbidden {
-    const char* what;
-    std::vector<uint16_t> modifiers;
-    std::vector<uint16_t> keys;
-};
-
-const std::vector<TForbidden>& Forbidden() {
-    static const std::vector<TForbidden> list = {
-        {"Super+L (lock)", {KEY_LEFTMETA}, {KEY_L}},
-        {"Super+arrow (tile)", {KEY_LEFTMETA}, {KEY_LEFT, KEY_RIGHT, KEY_UP, KEY_DOWN}},
-        {"Super+digit (launch)", {KEY_LEFTMETA},
-         {KEY_0, KEY_1, KEY_2, KEY_3, KEY_4, KEY_5, KEY_6, KEY_7, KEY_8, KEY_9}},
-        {"Super+D (show desktop)", {KEY_LEFTMETA}, {KEY_D}},
-        {"Ctrl+R (reload)", {KEY_LEFTCTRL}, {KEY_R}},
-        {"Ctrl+Shift+R (reload)", {KEY_LEFTCTRL, KEY_LEFTSHIFT}, {KEY_R}},
-        {"Ctrl+W (close)", {KEY_LEFTCTRL}, {KEY_W}},
-        {"Ctrl+Q (quit)", {KEY_LEFTCTRL}, {KEY_Q}},
-        {"Alt+F4 (close)", {KEY_LEFTALT}, {KEY_F4}},
-        {"Alt+Tab (switch)", {KEY_LEFTALT}, {KEY_TAB}},
-        {"Ctrl+Alt+Delete (log out)", {KEY_LEFTCTRL, KEY_LEFTALT}, {KEY_DELETE}},
-        {"Ctrl+Alt+Backspace (kill X)", {KEY_LEFTCTRL, KEY_LEFTALT}, {KEY_BACKSPACE}},
-    };
-    return list;
-}
-
-uint16_t LeftHand(uint16_t code) {
-    switch (code) {
-        case KEY_RIGHTCTRL: return KEY_LEFTCTRL;
-        case KEY_RIGHTALT: return KEY_LEFTALT;
-        case KEY_RIGHTSHIFT: return KEY_LEFTSHIFT;
-        case KEY_RIGHTMETA: return KEY_LEFTMETA;
-        default: return code;
-    }
-}
-
-// The forbidden chords that the keys a key-down presses make up ("" when none).
-std::string ForbiddenIn(const std::vector<uint16_t>& pressed) {
-    if (pressed.empty()) return "";
-    std::vector<uint16_t> held;
-    for (uint16_t code : pressed) held.push_back(LeftHand(code));
-    const uint16_t key = held.back();
-    held.pop_back();
-    std::string found;
-    for (const TForbidden& f : Forbidden()) {
-        const bool hasModifiers = std::all_of(f.modifiers.begin(), f.modifiers.end(), [&](uint16_t m) {
-            return std::find(held.begin(), held.end(), m) != held.end();
-        });
-        if (hasModifiers && std::find(f.keys.begin(), f.keys.end(), key) != f.keys.end()) {
-            found += std::string(found.empty() ? "" : ", ") + f.what;
-        }
-    }
-    return found;
-}
-
 // The forbidden chords that a key map presses for each gesture, by gesture.
 std::vector<std::string> ForbiddenChords(const CKeyMap& map) {
     std::vector<std::string> found;
@@ -218,7 +163,7 @@ std::vector<std::string> ForbiddenChords(const CKeyMap& map) {
             found.push_back(std::string(info.name) + ": no evdev equivalent");
             continue;
         }
-        if (const std::string bad = ForbiddenIn(*pressed); !bad.empty()) {
+        if (const std::string bad = DangerousChordsIn(*pressed); !bad.empty()) {
             found.push_back(std::string(info.name) + ": " + bad);
         }
     }
@@ -251,8 +196,8 @@ TEST(SafeProfile, CheckFindsTheOlderProfilesChords) {
                                        "rotate-anticlockwise: Ctrl+R (reload), "
                                        "Ctrl+Shift+R (reload)",
                                        "four-finger-spread: Super+D (show desktop)"}));
-    EXPECT_EQ(ForbiddenIn({KEY_RIGHTALT, KEY_F4}), "Alt+F4 (close)");
-    EXPECT_EQ(ForbiddenIn({KEY_LEFTCTRL, KEY_RIGHTALT, KEY_BACKSPACE}),
+    EXPECT_EQ(DangerousChordsIn({KEY_RIGHTALT, KEY_F4}), "Alt+F4 (close)");
+    EXPECT_EQ(DangerousChordsIn({KEY_LEFTCTRL, KEY_RIGHTALT, KEY_BACKSPACE}),
               "Ctrl+Alt+Backspace (kill X)");
 }
 

@@ -7,6 +7,7 @@
 #include <deque>
 #include <map>
 
+#include "DeviceListControl.h"
 #include "LoadEvent.h"
 #include "support/MtDevLinkRig.h"
 
@@ -69,12 +70,12 @@ public:
             if (m_owner.failOpenAt == m_owner.opened.size()) return -1;
             for (const TPresent& p : m_owner.present) {
                 if (p.vendor != m_vendor || p.product != m_product) continue;
-                m_owner.loop.Post([this, d = p.device] { m_added(m_context, 0, this, d); });
+                m_owner.loop.Post([this, d = p.device] { m_added(m_context, 0, this, Handed(d)); });
             }
             m_owner.sessions.push_back(this);
             return 0;
         }
-        void Remove(CMtHidDevice* device) { m_removed(nullptr, 0, this, device); }
+        void Remove(CMtHidDevice* device) { m_removed(nullptr, 0, this, Handed(device)); }
 
     private:
         CFakeManagers& m_owner;
@@ -122,10 +123,8 @@ public:
 class LoadEventTest : public testing::Test {
 protected:
     LoadEventTest() : managers(loop) { ports.loop = &loop, ports.hidManagers = &managers; }
-    ~LoadEventTest() override {
-        EXPECT_TRUE(WaitForWorkers(10'000));
-        ReleaseDeviceList();
-    }
+    // Each shell has waited for its workers as it went.
+    ~LoadEventTest() override { ReleaseDeviceList(); }
     // The records from the head of the list, as the devices they stand for.
     std::vector<CMtHidDevice*> ListedDevices() const {
         std::vector<CMtHidDevice*> out;
@@ -158,7 +157,7 @@ TEST_F(LoadEventTest, RowsInOrderDevicesBeforeNextRow) {
         EXPECT_EQ(n->faildCount, 5);
         EXPECT_NE(n->thread, nullptr);
     }
-    EXPECT_TRUE(WaitForWorkers(10'000));
+    EXPECT_TRUE(shell.State().WaitForWorkers(10'000));
     EXPECT_EQ(log.Count(TLogChannel::System, "hid add"), 3);
     EXPECT_EQ(log.Count(TLogChannel::System, "opendevice err"), 3);
 }
@@ -208,6 +207,33 @@ TEST_F(LoadEventTest, RemovalAndReturn) {
     EXPECT_THAT(ListedDevices(), ElementsAre(&a));
     EXPECT_EQ(cmtDevHead, record);
     EXPECT_EQ(record->workers.size(), 2u);
+}
+
+// Verify that the devices a shell's sessions report reach that shell's state, though the
+// callbacks get nothing but the device: its tools hear each frame come and go, its control lists
+// them by number, and its workers are counted out.
+TEST_F(LoadEventTest, DevicesReachTheirShell) {
+    struct TEvents final : IDriverEvents {
+        void OnFrameAdded(int n) override { heard.push_back("added " + std::to_string(n)); }
+        void OnFrameChanged(int) override {}
+        void OnFrameRemoved(int n) override { heard.push_back("removed " + std::to_string(n)); }
+        std::vector<std::string> heard;
+    } events;
+    managers.present = {{0xAAEC, 0xC020, &a}, {0xAAEC, 0xC021, &b}};
+    LoadEvent shell(ports);
+    CDriverControl control(shell.State());
+    control.SetEvents(&events);
+    shell.RegisterHidDeviceNotification();
+    EXPECT_THAT(control.FrameNumbers(), ElementsAre(1, 2));
+    managers.sessions[0]->Remove(&a);
+    EXPECT_THAT(control.FrameNumbers(), ElementsAre(2));
+    EXPECT_THAT(events.heard, ElementsAre("added 1", "added 2", "removed 1"));
+    EXPECT_TRUE(shell.State().WaitForWorkers(10'000));
+    EXPECT_EQ(shell.LiveWorkerCount(), 0);
+
+    // A shell of its own sees none of these frames.
+    LoadEvent other(ports);
+    EXPECT_TRUE(CDriverControl(other.State()).FrameNumbers().empty());
 }
 
 // Verify the start-up order of notifications (announce, then listen), the screen size kept

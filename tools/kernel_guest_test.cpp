@@ -11,6 +11,7 @@
 // container keeps its state from touch to touch, so the cases on one frame run in a fixed order
 // and the expectations say what that state makes of each touch.
 #include <fcntl.h>
+#include <libevdev/libevdev-uinput.h>
 #include <libevdev/libevdev.h>
 #include <linux/input-event-codes.h>
 #include <poll.h>
@@ -40,10 +41,13 @@
 #include <thread>
 #include <vector>
 
+#include "CCalibrateSystem.h"
 #include "EvdevExpectation.h"
 #include "EvdevKeyMap.h"
 #include "GestureScript.h"
+#include "MtDevConfig.h"
 #include "MtDevCtrlInterface.h"
+#include "MtDevFrame.h"
 #include "MtEmuUhidFrame.h"
 #include "MtSlotTrace.h"
 #include "MultiPlatformAPI.h"
@@ -187,6 +191,18 @@ public:
 
     uint64_t StdoutLines() const { return m_stdoutLines.load(); }
 
+    // While a latency is measured the driver's log lines are echoed afterwards: on the guest's
+    // one processor, writing them to the serial console would be timed as the driver's.
+    void HoldEcho(bool hold) {
+        std::vector<std::string> held;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_echoHeld = hold;
+            if (!hold) held.swap(m_heldEcho);
+        }
+        for (const std::string& line : held) Say("  | %s", line.c_str());
+    }
+
     // The driver's open descriptors that still point at a hidraw node the kernel removed.
     std::vector<std::string> DeletedHidrawHandles() const {
         std::vector<std::string> found;
@@ -235,8 +251,12 @@ private:
                         m_stdoutLines.fetch_add(1);  // the handlers' per-frame lines
                         continue;
                     }
-                    Say("  | %s", line.c_str());
                     std::lock_guard<std::mutex> lock(m_mutex);
+                    if (m_echoHeld) {
+                        m_heldEcho.push_back(line);
+                    } else {
+                        Say("  | %s", line.c_str());
+                    }
                     m_lines.push_back(std::move(line));
                     m_changed.notify_all();
                 }
@@ -254,6 +274,8 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<std::string> m_lines;
+    bool m_echoHeld = false;
+    std::vector<std::string> m_heldEcho;
     std::atomic<uint64_t> m_stdoutLines{0};
 };
 
@@ -1057,8 +1079,10 @@ TResult CaseLatency(TContext& ctx) {
     std::string why;
     const std::string script = "rate 50\ndown 1 " + Str(x0) + " " + Str(y) + "\nmove 1 " +
                                Str(x0 + step * n) + " " + Str(y) + " in " + Str(n) + "\nup 1\n";
+    ctx.driver->HoldEcho(true);
     const bool played =
         PlayAndCollect(ctx, *ctx.d, script, expect.Packets().size(), &seen, &why);
+    ctx.driver->HoldEcho(false);
     g_latencyRecorder.store(nullptr);
     if (!played) return Fail(why);
     if (std::string diff = CompareEvdev(expect.Packets(), seen); !diff.empty()) return Fail(diff);
@@ -1146,6 +1170,8 @@ struct TTouchContext {
     CDriverProcess* driver = nullptr;
     CMtEmuUhidFrame* t = nullptr;  // served through the whole phase
     CMtEmuUhidFrame* u = nullptr;  // plugged in and out by the unplug case
+    CMtEmuUhidFrame* p = nullptr;  // a frame of two areas, for the per-area case
+    const CSimFrameEncoder* encoder = nullptr;
     CEvdevReader* reader = nullptr;  // frame T's touchscreen
     CMtSlotTrace trace;              // every report read from it so far
     TMtState last;                   // the state after the last of them
@@ -1375,6 +1401,172 @@ TResult CaseTouchscreenTwoFingers(TTouchContext& t) {
 
 // A one-finger drag on the kernel's own driver and on the touchscreen output, each report
 // timed from its write (the digitizer's report, the frame's reply) until its event is readable.
+// Where the touchscreen's time goes. Its road is the frame's reply through the kernel's HID core
+// to hidraw, the driver, then uinput through the input core to evdev; the two kernel stretches
+// are timed alone here, so that what is left is the driver's own share.
+
+// Stamps every report that reaches a frame's hidraw node (a reader beside the driver: hidraw
+// gives each reader every report).
+class CHidrawStamps {
+public:
+    ~CHidrawStamps() {
+        if (m_thread.joinable()) {
+            const uint64_t one = 1;
+            (void)!::write(m_wake, &one, sizeof one);
+            m_thread.join();
+        }
+        if (m_fd >= 0) ::close(m_fd);
+        if (m_wake >= 0) ::close(m_wake);
+    }
+
+    // The node whose HID device carries this name.
+    bool Open(const std::string& hidName, std::string* error) {
+        DIR* dir = ::opendir("/sys/class/hidraw");
+        std::string node;
+        while (dir != nullptr && node.empty()) {
+            dirent* entry = ::readdir(dir);
+            if (entry == nullptr) break;
+            if (entry->d_name[0] == '.') continue;
+            std::FILE* f = std::fopen(
+                (std::string("/sys/class/hidraw/") + entry->d_name + "/device/uevent").c_str(), "r");
+            if (f == nullptr) continue;
+            char line[256];
+            while (std::fgets(line, sizeof line, f) != nullptr) {
+                if (std::string(line) == "HID_NAME=" + hidName + "\n") {
+                    node = std::string("/dev/") + entry->d_name;
+                }
+            }
+            std::fclose(f);
+        }
+        if (dir != nullptr) ::closedir(dir);
+        if (node.empty() || (m_fd = ::open(node.c_str(), O_RDONLY | O_CLOEXEC)) < 0) {
+            *error = "no hidraw node for '" + hidName + "'";
+            return false;
+        }
+        m_wake = ::eventfd(0, EFD_CLOEXEC);
+        m_thread = std::thread([this] {
+            pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_wake, POLLIN, 0}};
+            uint8_t report[64];
+            while (::poll(fds, 2, -1) >= 0 && fds[1].revents == 0) {
+                const uint64_t at = NowNanos();
+                if (::read(m_fd, report, sizeof report) <= 0) return;
+                std::lock_guard<std::mutex> lock(m_mutex);
+                if (m_stamps.size() < 100'000) m_stamps.push_back(at);
+            }
+        });
+        return true;
+    }
+
+    // For each write time, how long until the first report read after it (µs).
+    std::vector<double> DelaysAfter(const std::vector<uint64_t>& sent) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<double> micros;
+        for (uint64_t at : sent) {
+            const auto read = std::lower_bound(m_stamps.begin(), m_stamps.end(), at);
+            if (at != 0 && read != m_stamps.end()) {
+                micros.push_back(static_cast<double>(*read - at) / 1000.0);
+            }
+        }
+        return micros;
+    }
+
+private:
+    int m_fd = -1;
+    int m_wake = -1;
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::vector<uint64_t> m_stamps;
+};
+
+// A touchscreen of the test's own on uinput, a frame written in one write() as the driver
+// writes it: how long from the write until the report is readable on its node.
+std::optional<TLatency> UinputStretch(int frames, std::string* error) {
+    libevdev* description = libevdev_new();
+    libevdev_set_name(description, "latency probe");
+    libevdev_enable_property(description, INPUT_PROP_DIRECT);
+    libevdev_enable_event_code(description, EV_KEY, BTN_TOUCH, nullptr);
+    input_absinfo axis{0, 0, 32767, 0, 0, 10};
+    input_absinfo slots{0, 0, 9, 0, 0, 0};
+    input_absinfo ids{0, 0, 65535, 0, 0, 0};
+    for (uint16_t code : {ABS_X, ABS_Y, ABS_MT_POSITION_X, ABS_MT_POSITION_Y}) {
+        libevdev_enable_event_code(description, EV_ABS, code, &axis);
+    }
+    libevdev_enable_event_code(description, EV_ABS, ABS_MT_SLOT, &slots);
+    libevdev_enable_event_code(description, EV_ABS, ABS_MT_TRACKING_ID, &ids);
+    libevdev_uinput* uinput = nullptr;
+    const int r = libevdev_uinput_create_from_device(description, LIBEVDEV_UINPUT_OPEN_MANAGED,
+                                                     &uinput);
+    libevdev_free(description);
+    if (r < 0) {
+        *error = std::string("uinput: ") + std::strerror(-r);
+        return std::nullopt;
+    }
+    std::optional<TLatency> result;
+    {
+        CEvdevReader reader;
+        if (reader.Open("latency probe", kAppearMs, error)) {
+            std::vector<uint64_t> sent;
+            for (int k = 0; k < frames; ++k) {
+                const int x = 5000 + 50 * k;
+                const input_event events[] = {
+                    {{}, EV_ABS, ABS_MT_SLOT, 0},      {{}, EV_ABS, ABS_MT_TRACKING_ID, 1},
+                    {{}, EV_ABS, ABS_MT_POSITION_X, x}, {{}, EV_ABS, ABS_MT_POSITION_Y, 16000},
+                    {{}, EV_KEY, BTN_TOUCH, 1},         {{}, EV_ABS, ABS_X, x},
+                    {{}, EV_ABS, ABS_Y, 16000},         {{}, EV_SYN, SYN_REPORT, 0}};
+                sent.push_back(NowNanos());
+                if (::write(libevdev_uinput_get_fd(uinput), events, sizeof events) !=
+                    static_cast<ssize_t>(sizeof events)) {
+                    sent.back() = 0;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+            reader.WaitCount(sent.size(), kEventsMs);
+            result = Summarize(Delays(reader.Take(), sent));
+        }
+    }
+    libevdev_uinput_destroy(uinput);
+    return result;
+}
+
+// The driver's computing for one frame of one contact, timed here in the guest: the reply
+// decoded, calibrated through the frame's area, its touchscreen report built. What is left of
+// its share is waking up and system calls.
+double ComputeMicrosPerFrame(const CSimFrameEncoder& encoder, int frames) {
+    _HARDWARE_SDK_POINT storage[kTouchscreenMaxSlots];
+    _HARDWARE_FRAME_SDK frame{};
+    frame.pointBufferBytes = sizeof storage;
+    frame.pointBuffer = reinterpret_cast<uint8_t*>(storage);
+    const TEmuFramePayload idle = encoder.IdleFrame();
+    DecodeFrameBuffer(idle.data(), static_cast<int>(idle.size()), &frame);
+    const _CS_CONFIG geometry{frame.logicalWidth, frame.logicalHeight,
+                              static_cast<int16_t>(frame.rawWidth),
+                              static_cast<int16_t>(frame.rawHeight)};
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    SimDevConfig(config.get());
+    CCalibrateSystem calibration;
+    calibration.InitCalibrateSys(config.get(), &geometry);
+    CTouchscreenSlots slots;
+    std::vector<TEvdevEvent> events;
+    std::vector<TEmuFramePayload> payloads;
+    for (int k = 0; k < 64; ++k) payloads.push_back(encoder.Encode({{1, 1, 5000 + 50 * k, 16000}}));
+    const uint64_t start = NowNanos();
+    for (int k = 0; k < frames; ++k) {
+        const TEmuFramePayload& payload = payloads[static_cast<size_t>(k) % payloads.size()];
+        DecodeFrameBuffer(payload.data(), static_cast<int>(payload.size()), &frame);
+        calibration.CalFramePoint(&frame);
+        TContactFrame contacts;
+        TContact c;
+        c.id = 1;
+        c.status = kContactMoving;
+        c.x = storage[0].x;
+        c.y = storage[0].y;
+        contacts.contacts.push_back(c);
+        events.clear();
+        slots.Update(contacts, &events);
+    }
+    return frames > 0 ? static_cast<double>(NowNanos() - start) / 1000.0 / frames : 0;
+}
+
 TResult CaseTouchscreenLatency(TTouchContext& t) {
     const int n = t.latencyFrames;
     const int x0 = 5000, y = 16000, step = 50;
@@ -1423,7 +1615,9 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
     }
     digitizer.Destroy();
 
-    // The touchscreen output, on frame T.
+    // The touchscreen output, on frame T, with its replies also timed on hidraw.
+    CHidrawStamps hidraw;
+    if (!hidraw.Open(t.t->Identity().name, &error)) return Fail(error);
     TakeStates(*t.reader, t.trace, &t.last);
     std::vector<TTouches> reports;
     for (int k = 0; k <= n; ++k) reports.push_back({{0, 3, x0 + step * k, y}});
@@ -1442,6 +1636,7 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
         "rate 50\ndown 1 " + Str(x0) + " " + Str(y) + "\nmove 1 " + Str(x0 + step * n) + " " +
             Str(y) + " in " + Str(n) + "\nup 1\n",
         &script, &why);
+    t.driver->HoldEcho(true);
     const bool played = parsed && t.t->Play(script) && t.t->WaitPlayed(kPlayMs);
     // The last frame is written after the script counts as played: its report is awaited
     // before the recorder goes.
@@ -1449,6 +1644,7 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
         t.reader->WaitCount(expected.size(), kEventsMs);
         t.reader->WaitQuiet(kQuietMs);
     }
+    t.driver->HoldEcho(false);
     g_latencyRecorder.store(nullptr);
     if (!played) return Fail(parsed ? "frame T did not play the drag" : why);
     std::vector<TEvPacket> seen;
@@ -1477,6 +1673,18 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
                     Str(static_cast<int64_t>(seen.size())) + " touchscreen reports timed" +
                     which);
     }
+    TLatency toHidraw;
+    {
+        std::lock_guard<std::mutex> lock(sentMutex);
+        toHidraw = Summarize(hidraw.DelaysAfter(frameSent));
+    }
+    const std::optional<TLatency> uinputStretch = UinputStretch(n, &error);
+    if (!uinputStretch) return Fail(error);
+    const double compute = ComputeMicrosPerFrame(*t.encoder, n);
+    Say("LATENCY-PROFILE reply_to_hidraw_median_us=%.0f uinput_to_evdev_median_us=%.0f "
+        "driver_share_median_us=%.0f of_it_computing_us=%.0f",
+        toHidraw.median, uinputStretch->median,
+        ts.median - toHidraw.median - uinputStretch->median, compute);
     const double ratio = nat.median > 0 ? ts.median / nat.median : 0;
     Say("LATENCY-NATIVE frames=%zu median_us=%.0f p99_us=%.0f max_us=%.0f", nat.frames,
         nat.median, nat.p99, nat.max);
@@ -1566,6 +1774,95 @@ TResult CaseTouchscreenUnplug(TTouchContext& t) {
                 "TOUCH_UP for both, no cancel, then DEVICE_REMOVED; frame T still polled");
 }
 
+// The frame's stored configuration split into a left and a right area (the frame's one area
+// halved), as on a frame across two displays.
+std::vector<uint8_t> TwoAreaBlock(const std::vector<uint8_t>& block) {
+    _HARDWARE_DEV_CONFIG config{};
+    if (DecodeDevConfig(block.data(), static_cast<int>(block.size()), &config) !=
+        DEV_CONFIG_DECODE_OK) {
+        return {};
+    }
+    config.flags |= DEV_FLAG_AREAS_ENABLED;
+    _HCRECT_CONFIG_FILE left = config.areas[0];
+    left.center.x = 8192;
+    left.axisH.x = -8192;
+    _HCRECT_CONFIG_FILE right = left;
+    right.center.x = 24576;
+    right.id = 1;
+    config.areas[0] = left;
+    config.areas[1] = right;
+    config.areaCount = 2;
+    std::vector<uint8_t> out(static_cast<size_t>(EncodeDevConfig(&config, nullptr)));
+    EncodeDevConfig(&config, out.data());
+    return out;
+}
+
+// With touchscreen = "per-area" a frame of two areas has two touchscreens, each tagged a
+// touchscreen by udev, and a touch reaches only the device of the area it lies in.
+TResult CaseTouchscreenPerArea(TTouchContext& t, const std::string& driverPath) {
+    // The frame is there before the driver starts, holding its two areas when it is read.
+    CMtEmuUhidFrame& frame = *t.p;
+    if (std::string why = Plug(t.uhidPath, frame); !why.empty()) return Fail(why);
+    const std::vector<uint8_t> split = TwoAreaBlock(frame.Emulator().ConfigBlock());
+    if (split.empty()) return Fail("the emulated frame's configuration does not decode");
+    frame.Emulator().SetConfigBlock(split);
+
+    CDriverProcess driver;
+    std::string error;
+    if (!driver.Start({driverPath, "--screen", "1920x1080", "--no-single-instance",
+                       "--touchscreen-per-area", "--no-gestures"},
+                      &error)) {
+        return Fail("cannot start the driver: " + error);
+    }
+    if (std::string why = WaitServed(frame); !why.empty()) return Fail(why);
+    std::vector<std::string> nodes;
+    for (int waited = 0; waited <= kAppearMs && nodes.size() < 2; waited += 100) {
+        nodes = EventNodesNamed(kTouchscreenPrefix);
+        if (nodes.size() < 2) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    if (nodes.size() != 2) {
+        return Fail("expected 2 touchscreens for 2 areas, found " +
+                    Str(static_cast<int64_t>(nodes.size())));
+    }
+    CEvdevReader readers[2];
+    for (int i = 0; i < 2; ++i) {
+        if (std::string why = WaitTouchscreenTag(nodes[i]); !why.empty()) return Fail(why);
+        if (!readers[i].OpenNode(nodes[i], &error)) return Fail(error);
+        if (readers[i].Name().find(" area ") == std::string::npos) {
+            return Fail("touchscreen '" + readers[i].Name() + "' does not name its area");
+        }
+    }
+    // One touch on each half, one after the other.
+    CGestureScript script;
+    std::string why;
+    if (!CGestureScript::Parse("rate 50\ndown 1 6000 16000\nup 1\n"
+                               "down 2 26000 16000\nmove 2 26500 16000 in 2\nup 2\n",
+                               &script, &why)) {
+        return Fail(why);
+    }
+    if (!frame.Play(script) || !frame.WaitPlayed(kPlayMs)) return Fail("frame P did not play");
+    int downs[2] = {0, 0}, ups[2] = {0, 0};
+    for (int i = 0; i < 2; ++i) {
+        readers[i].WaitQuiet(kQuietMs);
+        CMtSlotTrace trace;
+        TMtState before;
+        for (const TMtState& state : TakeStates(readers[i], trace, nullptr)) {
+            if (state.touching && !before.touching) ++downs[i];
+            if (!state.touching && before.touching) ++ups[i];
+            before = state;
+        }
+    }
+    frame.Unplug();
+    driver.Stop(30'000);
+    if (downs[0] != 1 || downs[1] != 1 || ups[0] != 1 || ups[1] != 1) {
+        return Fail("each area's touchscreen should see one touch down and up; " +
+                    readers[0].Name() + ": " + Str(downs[0]) + " down, " + Str(ups[0]) + " up; " +
+                    readers[1].Name() + ": " + Str(downs[1]) + " down, " + Str(ups[1]) + " up");
+    }
+    return Pass("2 areas gave 2 touchscreens tagged ID_INPUT_TOUCHSCREEN (" + readers[0].Name() +
+                ", " + readers[1].Name() + "); a touch on each half reached only its own");
+}
+
 // Runs udevd as a desktop has it (the first driver ran without, on the kernel's own uevents).
 std::string StartUdevd(const std::string& udevd) {
     const pid_t pid = ::fork();
@@ -1622,6 +1919,7 @@ void RunTouchscreenCases(TTouchContext& t, const std::string& driverPath,
         report("touchscreen-orderly-end", Fail("the touchscreen driver did not end with status 0"));
     }
     t.t->Unplug();
+    report("touchscreen-per-area", CaseTouchscreenPerArea(t, driverPath));
 }
 
 int Usage(const char* self) {
@@ -1683,6 +1981,7 @@ int main(int argc, char** argv) {
     ctx.f = MakeFrame(encoder, 0xAAEC, 0xC021, "frame F");
     TFrame t = MakeFrame(encoder, 0xAAEC, 0xC020, "frame T");
     TFrame u = MakeFrame(encoder, 0xAAEC, 0xC021, "frame U");
+    TFrame perArea = MakeFrame(encoder, 0xAAEC, 0xC020, "frame P");
     for (TFrame* frame : {&ctx.d, &t}) {
         (*frame)->SetFrameSentHook([](size_t index, uint64_t nanos) {
             if (TSentRecorder* record = g_latencyRecorder.load()) (*record)(index, nanos);
@@ -1691,6 +1990,8 @@ int main(int argc, char** argv) {
     touch.uhidPath = ctx.uhidPath;
     touch.t = t.get();
     touch.u = u.get();
+    touch.p = perArea.get();
+    touch.encoder = &encoder;
 
     int passed = 0, failed = 0;
     auto report = [&](const char* name, const TResult& result) {

@@ -772,3 +772,5 @@ std::string PrintConfig(const TDriverConfig& config, const TConfigChecks& checks
     }
     return out;
 }
+
+std::string TomlQuoted(std::string_view text) { return TomlString(text); }

@@ -127,6 +127,9 @@ TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TCon
 TConfigStatus LoadDriverConfig(const TConfigEnvironment& environment, const TConfigChecks& checks,
                                TDriverConfig* config, std::string* source, std::string* error);
 
+// A TOML basic string of `text`, quoted and escaped as the configuration's reader reads it back.
+std::string TomlQuoted(std::string_view text);
+
 // Whether a text may be an output's name (screen.output, --display).
 bool IsOutputName(std::string_view name);
 

@@ -165,7 +165,7 @@ unsigned int test(void* arg) {
     };
 
     for (;;) {
-        if (pDev->frame.HasRequest()) pDev->frame.Serve(number, pDev->controller, reconfigure);
+        if (pDev->frame.HasRequest()) pDev->frame.Serve(pDev->controller, reconfigure);
         for (int k = 0;; ++k) {
             if (!pDev->isRunning.load()) {
                 if (Stopping() && !pDev->removed.load()) return EndForShutdown(pDev);
@@ -201,7 +201,7 @@ unsigned int test(void* arg) {
             }
             TLogSystem("getsdk->err:%d", static_cast<int>(result));
         }
-        pDev->frame.PollSucceeded(number);
+        pDev->frame.PollSucceeded();
         const int64_t stamp = CurrentFrameTimeStamp();
         calibration.CalFramePoint(frame);
         calibration.GetAbsHIDCoords(frame);

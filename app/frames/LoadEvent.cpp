@@ -1,10 +1,7 @@
 #include "LoadEvent.h"
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 #include "MtDevLog.h"
 #include "Parameter.h"
@@ -13,33 +10,27 @@ MtDevNode* cmtDevHead = nullptr;
 
 namespace {
 
-const TShellPorts* g_ports = nullptr;  // set on the main thread before any worker starts
-int g_deviceCount = 0;                 // main thread only
+// The state of the shell whose discovery reported `device`; null when none did.
+CShellState* ShellOf(const CMtHidDevice* device) {
+    return static_cast<CShellState*>(device->Keeper());
+}
 
-// Workers started and not yet ended; the orderly end waits on it.
-std::mutex g_workersMutex;
-std::condition_variable g_workersEnded;
-int g_liveWorkers = 0;
-
-// Set by StopAllWorkers, read by every worker through its context.
-std::atomic<bool> g_stopWorkers{false};
-
-void WorkerEnded() {
-    std::lock_guard<std::mutex> lock(g_workersMutex);
-    --g_liveWorkers;
-    g_workersEnded.notify_all();
+// A new record takes its shell's ports, listeners and stop flag before its worker starts.
+void JoinShell(MtDevNode* node, CShellState* shell) {
+    node->frame.shell = shell;
+    TWorkerContext& worker = node->worker;
+    worker.stopping = &shell->Stopping();
+    worker.ports = &shell->Ports();
+    worker.ended = [shell] { shell->WorkerEnded(); };
+    const TShellPorts& ports = shell->Ports();
+    if (ports.sinkForDevice) node->container.SetEventSink(ports.sinkForDevice(node->deviceNumber));
+    if (ports.contactListeners) worker.listeners = ports.contactListeners(node->deviceNumber);
+    if (ports.firstContactListeners) {
+        worker.firstListeners = ports.firstContactListeners(node->deviceNumber);
+    }
 }
 
 }  // namespace
-
-void SetShellPorts(const TShellPorts* ports) {
-    g_ports = ports;
-}
-
-int LiveWorkerCount() {
-    std::lock_guard<std::mutex> lock(g_workersMutex);
-    return g_liveWorkers;
-}
 
 // ---------------------------------------------------------------------------------------------
 // Device list
@@ -57,20 +48,9 @@ MtDevNode* insertDevNode(CMtHidDevice* device) {
     node->devPath = new TMACDEVICEPATH{device, nullptr, kHidDeviceType};
     node->faildCount = kInitialFaildCount;
     node->hidDevice = device;
-    node->deviceNumber = ++g_deviceCount;
-    node->worker.stopping = &g_stopWorkers;
-    node->worker.ports = g_ports;
-    node->worker.ended = &WorkerEnded;
-    if (g_ports != nullptr) node->frame.loop = g_ports->loop;
-    if (g_ports != nullptr && g_ports->sinkForDevice) {
-        node->container.SetEventSink(g_ports->sinkForDevice(node->deviceNumber));
-    }
-    if (g_ports != nullptr && g_ports->contactListeners) {
-        node->worker.listeners = g_ports->contactListeners(node->deviceNumber);
-    }
-    if (g_ports != nullptr && g_ports->firstContactListeners) {
-        node->worker.firstListeners = g_ports->firstContactListeners(node->deviceNumber);
-    }
+    // Records are only ever added at the head: the head holds the highest number.
+    node->deviceNumber = cmtDevHead != nullptr ? cmtDevHead->deviceNumber + 1 : 1;
+    if (CShellState* shell = ShellOf(device)) JoinShell(node, shell);
     node->next = cmtDevHead;
     cmtDevHead = node;
     return node;
@@ -91,10 +71,11 @@ void removeDevice(CMtHidDevice* device) {
          DescribeHidIdentity(device->Identity()).c_str());
     if (node->frame.present) {
         // Tools see the state go to "gone" before the frame leaves the list.
+        const CShellState* shell = node->frame.shell;
         node->frame.SetState(node->deviceNumber, TFrameState::Gone);
-        FrameStateChanged(node->deviceNumber);
+        if (shell != nullptr) shell->FrameChanged(node->deviceNumber);
         node->frame.present = false;
-        FrameDisappeared(node->deviceNumber);
+        if (shell != nullptr) shell->FrameRemoved(node->deviceNumber);
     }
 }
 
@@ -106,42 +87,18 @@ void hidDeviceAdd(void*, int, void*, CMtHidDevice* device) {
     const bool appeared = !node->frame.present;
     node->frame.present = true;
     node->frame.SetState(node->deviceNumber, TFrameState::Opening);
-    if (appeared) FrameAppeared(node->deviceNumber);
-    {
-        std::lock_guard<std::mutex> lock(g_workersMutex);
-        ++g_liveWorkers;
-    }
+    // The record's shell counts its workers; a record no shell made has nobody to tell.
+    CShellState* shell = node->frame.shell;
+    if (shell != nullptr && appeared) shell->FrameAdded(node->deviceNumber);
+    if (shell != nullptr) shell->WorkerStarted();
     node->thread = TCreateThread(&test, node);
     node->workers.push_back(node->thread);
-    if (!node->thread->IsStarted()) WorkerEnded();  // it never ran
+    if (shell != nullptr && !node->thread->IsStarted()) shell->WorkerEnded();  // it never ran
 }
 
 void hidDeviceRemove(void*, int, void*, CMtHidDevice* device) {
     TLogSystem("remove");
     removeDevice(device);
-}
-
-void StopAllWorkers() {
-    // Each worker releases its own button and closes its device as it ends: a release from
-    // here could be followed by one more frame of the worker pressing it again.
-    g_stopWorkers.store(true);
-    for (MtDevNode* node = cmtDevHead; node != nullptr; node = node->next) {
-        node->isRunning.store(false);
-    }
-}
-
-void ReleaseAllClicks() {
-    for (MtDevNode* node = cmtDevHead; node != nullptr; node = node->next) {
-        node->container.releaseClick();
-    }
-}
-
-bool WaitForWorkers(int waitMillis) {
-    // A bound on a wait, not a reading of time: a worker stuck in a long transaction must not
-    // hold the process forever.
-    std::unique_lock<std::mutex> lock(g_workersMutex);
-    return g_workersEnded.wait_for(lock, std::chrono::milliseconds(waitMillis),
-                                   [] { return g_liveWorkers == 0; });
 }
 
 void ReleaseDeviceList() {
@@ -152,17 +109,39 @@ void ReleaseDeviceList() {
         delete node->devPath;
         delete node;
     }
-    g_deviceCount = 0;
-    g_stopWorkers.store(false);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Application object
 
-LoadEvent::LoadEvent(const TShellPorts& ports) : m_ports(ports) {}
+LoadEvent::LoadEvent(const TShellPorts& ports)
+    : m_state(std::make_unique<CShellState>(ports)), m_ports(ports) {}
 
 LoadEvent::~LoadEvent() {
-    if (g_ports == &m_ports) g_ports = nullptr;
+    if (m_state->LiveWorkers() == 0) return;
+    StopAllWorkers();
+    if (!m_state->WaitForWorkers(kWorkerStopMillis)) {
+        // A worker stuck in a transaction still reads the state: it is left to the process.
+        TLog(TLogLevel::Warning, "%d frame worker(s) did not stop; their state is kept",
+             m_state->LiveWorkers());
+        ReleaseAllClicks();
+        (void)m_state.release();
+    }
+}
+
+void LoadEvent::StopAllWorkers() {
+    // Each worker releases its own button and closes its device as it ends: a release from
+    // here could be followed by one more frame of the worker pressing it again.
+    m_state->StopWorkers();
+    for (MtDevNode* node = cmtDevHead; node != nullptr; node = node->next) {
+        if (node->frame.shell == m_state.get()) node->isRunning.store(false);
+    }
+}
+
+void LoadEvent::ReleaseAllClicks() {
+    for (MtDevNode* node = cmtDevHead; node != nullptr; node = node->next) {
+        if (node->frame.shell == m_state.get()) node->container.releaseClick();
+    }
 }
 
 LoadEvent* LoadEvent::init() {
@@ -177,7 +156,6 @@ void LoadEvent::runProgram() {
 
 void LoadEvent::initVar() {
     cmtDevHead = nullptr;
-    SetShellPorts(&m_ports);
 
     const std::optional<TScreenRect> screen =
         m_ports.screen != nullptr ? m_ports.screen->MainScreenFrame() : std::nullopt;
@@ -215,6 +193,7 @@ int LoadEvent::RegisterHidDeviceNotification() {
         std::unique_ptr<IHidManager> manager = m_ports.hidManagers->CreateHidManager();
         if (!manager) return -1;
         manager->SetDeviceMatching(row.vendorId, row.productId);
+        manager->SetDeviceKeeper(m_state.get());
         manager->ScheduleWithMainLoop();
         manager->RegisterDeviceMatchingCallback(&hidDeviceAdd, nullptr);
         manager->RegisterDeviceRemovalCallback(&hidDeviceRemove, nullptr);
@@ -249,11 +228,11 @@ bool LoadEvent::Terminate(int status) {
     // The name is given up first, so that a later instance can take over at once.
     if (m_ports.notifications != nullptr) m_ports.notifications->StopObservingDistributed();
     StopAllWorkers();
-    const bool ended = WaitForWorkers(kWorkerStopMillis);
+    const bool ended = m_state->WaitForWorkers(kWorkerStopMillis);
     if (!ended) {
         // A worker stuck in a transaction: at least no button stays held.
         TLog(TLogLevel::Warning, "%d frame worker(s) did not stop within %d s: held buttons "
-             "are released from here", LiveWorkerCount(), kWorkerStopMillis / 1000);
+             "are released from here", m_state->LiveWorkers(), kWorkerStopMillis / 1000);
         ReleaseAllClicks();
     }
     if (m_ports.loop != nullptr) m_ports.loop->Quit(status);

@@ -14,7 +14,8 @@
 // has each worker close its device, and waits for them.
 //
 // Platform pieces come in through TShellPorts: the main loop, the discovery sessions, the screen,
-// the notification centre and the event sinks.
+// the notification centre and the event sinks. The shell object owns what its device list and
+// workers share (CShellState); the only process-wide variable is the list's head, cmtDevHead.
 #pragma once
 
 #include <atomic>
@@ -26,13 +27,15 @@
 #include <vector>
 
 #include "CTouchPointContainer.h"
-#include "DeviceListControl.h"
+#include "FrameSlot.h"
 #include "MtDevComInterface.h"
 #include "MtDevCtrlInterface.h"
 #include "MultiPlatformAPI.h"
 #include "ShellPorts.h"
+#include "ShellState.h"
 
-// What a worker needs from the shell, set on the main thread when the record is made.
+// What a worker needs from its shell, set on the main thread when the record is made; all null
+// for a record no shell made.
 struct TWorkerContext {
     const std::atomic<bool>* stopping = nullptr;  // the orderly end asks every worker to stop
     const TShellPorts* ports = nullptr;           // null: no screen, no listeners
@@ -59,6 +62,7 @@ struct MtDevNode {
     TWorkerContext worker;  // written before the worker starts, then read-only
 
     // Requests from tools and the state they see; shared with the worker through its own lock.
+    // Its `shell` is the shell whose discovery found the device.
     CFrameSlot frame;
 
     // Main thread only.
@@ -69,7 +73,8 @@ struct MtDevNode {
 // Head of the device list; main thread only.
 extern MtDevNode* cmtDevHead;
 
-// The record of `device`: the existing one, or a new one at the head of the list.
+// The record of `device`: the existing one, or a new one at the head of the list. A new record
+// is given the state of the shell whose discovery reported the device (its keeper).
 MtDevNode* insertDevNode(CMtHidDevice* device);
 // Stops the worker of `device`'s record: clears the run flag, releases a held button and logs
 // "TOUCH DEV RELEASE". The record stays; the device is not closed here.
@@ -80,24 +85,16 @@ void hidDeviceRemove(void* context, int result, void* sender, CMtHidDevice* devi
 // The worker: the thread routine of a device record. Always returns 0.
 unsigned int test(void* arg);
 
-// Ports used by the device list and the workers. Set before discovery starts (LoadEvent does).
-void SetShellPorts(const TShellPorts* ports);
-
-// Workers started and not yet ended.
-int LiveWorkerCount();
-// Asks every worker to stop and end in order (release, close). Main thread.
-void StopAllWorkers();
-// Releases every held button from the main thread (workers that did not stop). Main thread.
-void ReleaseAllClicks();
-// Waits until no worker runs, up to `waitMillis` of real time. True when all ended.
-bool WaitForWorkers(int waitMillis);
 // Frees every record and its worker objects; workers must have ended. For the end of a run and
 // for tests. Main thread.
 void ReleaseDeviceList();
 
 class LoadEvent {
 public:
+    // `ports` is read as the shell starts (init) and must outlive it: backends may fill it
+    // after the shell is made.
     explicit LoadEvent(const TShellPorts& ports);
+    // The workers this shell started are stopped and waited for first.
     ~LoadEvent();
 
     LoadEvent(const LoadEvent&) = delete;
@@ -125,6 +122,11 @@ public:
     bool Terminate(int status);
     bool IsTerminating() const { return m_terminating; }
 
+    // What the device list, its workers and the tools' control share.
+    CShellState& State() { return *m_state; }
+    // Workers this shell started and not yet ended.
+    int LiveWorkerCount() const { return m_state->LiveWorkers(); }
+
     // Real time the orderly end waits for the workers.
     static constexpr int kWorkerStopMillis = 10'000;
 
@@ -132,7 +134,14 @@ public:
     int32_t nLength = 0;
 
 private:
-    TShellPorts m_ports;
+    // Asks every worker of this shell to stop and end in order (release, close).
+    void StopAllWorkers();
+    // Releases every held button of this shell's frames from the main thread.
+    void ReleaseAllClicks();
+
+    // On the heap so that a worker that never ends can keep it (see the destructor).
+    std::unique_ptr<CShellState> m_state;
+    const TShellPorts& m_ports;
     std::vector<std::unique_ptr<IHidManager>> m_managers;  // open for the process's lifetime
     std::vector<std::string> m_localObservers;             // local notifications registered for
     bool m_terminating = false;

@@ -7,8 +7,6 @@
 
 namespace {
 
-CDiscardEventSink g_discard;
-
 // One-finger timing and distances (ticks of 1/60 s, device units).
 constexpr int64_t kDoubleClickTicks = 14;      // a second lift within this many is a double click
 constexpr int64_t kLongTouchTicks = 49;        // longer touches click; shorter ones toggle zoom
@@ -30,13 +28,13 @@ struct TFixed {
 
 }  // namespace
 
-CTouchPointContainer::CTouchPointContainer() : m_sink(&g_discard) {}
+CTouchPointContainer::CTouchPointContainer() : m_sink(&m_discard) {}
 
 CTouchPointContainer::CTouchPointContainer(CEventSink& sink) : m_sink(&sink) {}
 
 void CTouchPointContainer::SetEventSink(CEventSink* sink) {
     std::lock_guard<std::recursive_mutex> lock(m_lock);
-    m_sink = sink ? sink : &g_discard;
+    m_sink = sink ? sink : &m_discard;
 }
 
 CEventSink* CTouchPointContainer::EventSink() const {

@@ -150,5 +150,6 @@ private:
     void ReleaseHeldButton(const CTouchPointList& contacts, uint32_t mode);
 
     mutable std::recursive_mutex m_lock;
+    CDiscardEventSink m_discard;  // where events go while no sink is set
     CEventSink* m_sink;
 };

@@ -62,9 +62,12 @@ int main(int argc, char** argv) {
     std::unique_ptr<CSdEventLoop> loop = CSdEventLoop::Create(&error);
     if (!loop) return Fail(error, kExitCannotStart);
 
-    // Tools reach the frames through the device list (the D-Bus interface); it outlives the
-    // backends that serve it.
-    CDriverControl control(loop.get());
+    // The shell first: tools reach its frames through the control (the D-Bus interface), which
+    // the backends need as they open. Both outlive the backends; the backends fill the ports
+    // before the shell starts.
+    TShellPorts ports;
+    LoadEvent shell(ports);
+    CDriverControl control(shell.State());
     // Opened in this order; the emulated frames' checks come before anything is created.
     std::vector<std::unique_ptr<IShellBackend>> backends;
     if (options.Simulating()) {
@@ -77,13 +80,11 @@ int main(int argc, char** argv) {
     // The bus interface hands out and takes configurations as the JSON of irframectl.
     const TConfigJsonCodec codec{DevConfigToJson, DevConfigFromJson, DevConfigOverrideFromJson};
     backends.push_back(std::make_unique<CLinuxBackend>(*loop, options, &control, codec));
-    TShellPorts ports;
     for (const std::unique_ptr<IShellBackend>& backend : backends) {
         TBackendFailure failure;
         if (!backend->Open(&ports, &failure)) return Fail(failure.message, failure.exitStatus);
     }
 
-    LoadEvent shell(ports);
     loop->OnTerminationSignal([&](int signal) {
         TLog(TLogLevel::Info, "%s: stopping", signal == SIGINT ? "SIGINT" : "SIGTERM");
         for (const std::unique_ptr<IShellBackend>& backend : backends) backend->Stopping();
@@ -113,7 +114,7 @@ int main(int argc, char** argv) {
     if (!driverOutputs.Finish() && status == kExitOk) status = kExitCannotStart;
 
     // The orderly end waited for the workers; free what they used only if they all ended.
-    if (LiveWorkerCount() != 0) {
+    if (shell.LiveWorkerCount() != 0) {
         std::fflush(nullptr);
         std::_Exit(status);
     }

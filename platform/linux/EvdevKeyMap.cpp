@@ -455,3 +455,61 @@ std::vector<uint16_t> AllEvdevKeys() {
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
     return keys;
 }
+
+namespace {
+
+// A dangerous chord: it holds all of `modifiers` (either hand's key) and one of `keys`.
+struct TDangerousChord {
+    const char* what;
+    std::vector<uint16_t> modifiers;
+    std::vector<uint16_t> keys;
+};
+
+const std::vector<TDangerousChord>& DangerousChords() {
+    static const std::vector<TDangerousChord> list = {
+        {"Super+L (lock)", {KEY_LEFTMETA}, {KEY_L}},
+        {"Super+arrow (tile)", {KEY_LEFTMETA}, {KEY_LEFT, KEY_RIGHT, KEY_UP, KEY_DOWN}},
+        {"Super+digit (launch)", {KEY_LEFTMETA},
+         {KEY_0, KEY_1, KEY_2, KEY_3, KEY_4, KEY_5, KEY_6, KEY_7, KEY_8, KEY_9}},
+        {"Super+D (show desktop)", {KEY_LEFTMETA}, {KEY_D}},
+        {"Ctrl+R (reload)", {KEY_LEFTCTRL}, {KEY_R}},
+        {"Ctrl+Shift+R (reload)", {KEY_LEFTCTRL, KEY_LEFTSHIFT}, {KEY_R}},
+        {"Ctrl+W (close)", {KEY_LEFTCTRL}, {KEY_W}},
+        {"Ctrl+Q (quit)", {KEY_LEFTCTRL}, {KEY_Q}},
+        {"Alt+F4 (close)", {KEY_LEFTALT}, {KEY_F4}},
+        {"Alt+Tab (switch)", {KEY_LEFTALT}, {KEY_TAB}},
+        {"Ctrl+Alt+Delete (log out)", {KEY_LEFTCTRL, KEY_LEFTALT}, {KEY_DELETE}},
+        {"Ctrl+Alt+Backspace (kill X)", {KEY_LEFTCTRL, KEY_LEFTALT}, {KEY_BACKSPACE}},
+    };
+    return list;
+}
+
+uint16_t LeftHand(uint16_t code) {
+    switch (code) {
+        case KEY_RIGHTCTRL: return KEY_LEFTCTRL;
+        case KEY_RIGHTALT: return KEY_LEFTALT;
+        case KEY_RIGHTSHIFT: return KEY_LEFTSHIFT;
+        case KEY_RIGHTMETA: return KEY_LEFTMETA;
+        default: return code;
+    }
+}
+
+}  // namespace
+
+std::string DangerousChordsIn(const std::vector<uint16_t>& pressed) {
+    if (pressed.empty()) return "";
+    std::vector<uint16_t> held;
+    for (uint16_t code : pressed) held.push_back(LeftHand(code));
+    const uint16_t key = held.back();
+    held.pop_back();
+    std::string found;
+    for (const TDangerousChord& f : DangerousChords()) {
+        const bool hasModifiers = std::all_of(f.modifiers.begin(), f.modifiers.end(), [&](uint16_t m) {
+            return std::find(held.begin(), held.end(), m) != held.end();
+        });
+        if (hasModifiers && std::find(f.keys.begin(), f.keys.end(), key) != f.keys.end()) {
+            found += std::string(found.empty() ? "" : ", ") + f.what;
+        }
+    }
+    return found;
+}

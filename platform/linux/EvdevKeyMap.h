@@ -125,6 +125,11 @@ private:
     std::array<std::optional<TEvdevChord>, kGestureShortcutCount> m_overrides;
 };
 
+// The dangerous chords (lock, log out, tile, close, launch, reload, switch) that the keys a
+// key-down presses make up, modifiers first and the key last: "Super+L (lock)", several joined
+// by ", "; "" when none. The safe profile presses none of them.
+std::string DangerousChordsIn(const std::vector<uint16_t>& pressed);
+
 // Every key the virtual device must declare: the mapped keys of the key-name table, the
 // modifiers, the keys of the profiles' tables, and every key a chord text can name.
 std::vector<uint16_t> AllEvdevKeys();

@@ -129,27 +129,23 @@ TMtHidRun CHidrawDevice::RunWait() {
             return TMtHidRun::Gone;
         }
         if ((fds[0].revents & POLLIN) != 0) {
-            // One report per read; take what has arrived, up to a bound.
-            int delivered = 0;
-            for (int i = 0; i < kMaxReportsPerTurn; ++i) {
-                const ssize_t n = ::read(m_fd, m_rx, sizeof m_rx);
-                if (n > 0) {
-                    ++delivered;
-                    if (m_callback != nullptr) {
-                        m_callback(m_context, kMtHidSuccess,
-                                   static_cast<void*>(static_cast<CMtHidDevice*>(this)),
-                                   kMtHidReportTypeInput, 0, m_rx, static_cast<long>(n));
-                    }
-                    continue;
+            // One report, handed on at once: a second read to look for more would only delay
+            // this one (the next wait's poll finds any that came meanwhile).
+            ssize_t n;
+            do {
+                n = ::read(m_fd, m_rx, sizeof m_rx);
+            } while (n < 0 && errno == EINTR);
+            if (n > 0) {
+                if (m_callback != nullptr) {
+                    m_callback(m_context, kMtHidSuccess,
+                               static_cast<void*>(static_cast<CMtHidDevice*>(this)),
+                               kMtHidReportTypeInput, 0, m_rx, static_cast<long>(n));
                 }
-                if (n < 0 && errno == EINTR) continue;
-                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-                m_gone = true;  // end of file (peer closed) or the node went away
-                break;
+                return TMtHidRun::Delivered;
             }
-            if (delivered > 0) return TMtHidRun::Delivered;
-            if (m_gone) return TMtHidRun::Gone;
-            continue;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+            m_gone = true;  // end of file (peer closed) or the node went away
+            return TMtHidRun::Gone;
         }
         if ((fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
             m_gone = true;

@@ -37,9 +37,6 @@ public:
 
     // Largest report a read takes whole; longer ones are cut by the kernel.
     static constexpr int kMaxReportBytes = 4096;
-    // Reports handed over in one turn of a wait at most, so a flooding device cannot hold the
-    // reader forever.
-    static constexpr int kMaxReportsPerTurn = 64;
 
 private:
     CHidrawDevice() = default;

@@ -6,6 +6,9 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include <systemd/sd-bus.h>
+
+#include "DesktopDisplayServices.h"
 #include "HidrawDevice.h"
 #include "MtDevLog.h"
 #include "WlrOutputLayout.h"
@@ -13,12 +16,21 @@
 namespace {
 
 // A Wayland session's compositor knows its monitors by their connector names; XRandR there
-// sees only Xwayland's. Without Wayland, the X server.
+// sees only Xwayland's. wlroots compositors tell through wlr-output-management, GNOME and KDE
+// through their display services on the session bus. Without Wayland, the X server.
 std::optional<TXrandrDesktop> QueryDesktopLayout(std::string* why) {
     std::string whyNotWayland;
     const char* wayland = std::getenv("WAYLAND_DISPLAY");
     if (wayland != nullptr && *wayland != '\0') {
         if (auto layout = QueryWlrOutputs(nullptr, &whyNotWayland)) return layout;
+        sd_bus* bus = nullptr;
+        std::string whyNotService = "no session bus";
+        if (sd_bus_open_user(&bus) >= 0) {
+            std::optional<TXrandrDesktop> layout = QueryDesktopServiceLayout(bus, &whyNotService);
+            sd_bus_flush_close_unref(bus);
+            if (layout) return layout;
+        }
+        whyNotWayland += "; " + whyNotService;
     }
     std::optional<TXrandrDesktop> fromX = QueryXrandrDesktop(nullptr, why);
     if (!fromX && !whyNotWayland.empty()) *why = whyNotWayland + "; " + *why;

@@ -47,7 +47,7 @@ void CUdevHidManager::Matched(const THidrawDevice& device) {
     object->SetIdentity({device.devnode, static_cast<uint16_t>(device.id.vendor),
                          static_cast<uint16_t>(device.id.product), device.name, device.serial});
     m_present[device.syspath] = object;
-    if (m_matched != nullptr) m_matched(m_matchedContext, 0, this, object);
+    if (m_matched != nullptr) m_matched(m_matchedContext, 0, this, Handed(object));
 }
 
 void CUdevHidManager::Removed(const THidrawDevice& device) {
@@ -55,5 +55,5 @@ void CUdevHidManager::Removed(const THidrawDevice& device) {
     if (it == m_present.end()) return;
     CHidrawDevice* object = it->second;
     m_present.erase(it);
-    if (m_removed != nullptr) m_removed(m_removedContext, 0, this, object);
+    if (m_removed != nullptr) m_removed(m_removedContext, 0, this, Handed(object));
 }

@@ -30,14 +30,6 @@ struct TReader {
     bool done = false;
 };
 
-// A name from the compositor: kept short and printable, as it goes into messages.
-std::string Printable(const char* text) {
-    std::string out;
-    for (const char* c = text; c != nullptr && *c != '\0' && out.size() < 64; ++c) {
-        out += (*c > ' ' && *c < 0x7F) ? *c : '?';
-    }
-    return out;
-}
 
 void ModeSize(void* data, zwlr_output_mode_v1*, int32_t width, int32_t height) {
     auto* mode = static_cast<TMode*>(data);
@@ -59,7 +51,7 @@ void HeadMode(void* data, zwlr_output_head_v1*, zwlr_output_mode_v1* proxy) {
     Head(data)->modes.push_back(std::move(mode));
 }
 void HeadName(void* data, zwlr_output_head_v1*, const char* name) {
-    Head(data)->head.name = Printable(name);
+    Head(data)->head.name = PrintableOutputName(name);
 }
 void HeadDescription(void*, zwlr_output_head_v1*, const char*) {}
 void HeadPhysicalSize(void* data, zwlr_output_head_v1*, int32_t width, int32_t height) {
@@ -117,6 +109,14 @@ const wl_registry_listener kRegistryListener = {Global, GlobalRemove};
 
 }  // namespace
 
+std::string PrintableOutputName(const char* text) {
+    std::string out;
+    for (const char* c = text; c != nullptr && *c != '\0' && out.size() < 64; ++c) {
+        out += (*c > ' ' && *c < 0x7F) ? *c : '?';
+    }
+    return out;
+}
+
 TXrandrDesktop LayoutOfHeads(const std::vector<TWlrHead>& heads) {
     TXrandrDesktop desktop;
     desktop.origin = "compositor";
@@ -134,6 +134,7 @@ TXrandrDesktop LayoutOfHeads(const std::vector<TWlrHead>& heads) {
             std::round((turned ? head.modeWidth : head.modeHeight) / scale)};
         output.widthMm = std::max(0, head.widthMm);
         output.heightMm = std::max(0, head.heightMm);
+        output.primary = head.primary;
         desktop.width = std::max(desktop.width, output.rect.x + output.rect.width);
         desktop.height = std::max(desktop.height, output.rect.y + output.rect.height);
         desktop.outputs.push_back(std::move(output));

@@ -19,7 +19,12 @@ struct TWlrHead {
     int transform = 0;                  // wl_output.transform: 1, 3, 5, 7 turn a quarter
     double scale = 1.0;
     int widthMm = 0, heightMm = 0;
+    bool primary = false;  // the desktop's main monitor, where the compositor says so
 };
+
+// A monitor name from outside: printable ASCII, at most 64 characters ('?' for the rest), as it
+// goes into messages and is compared with --display.
+std::string PrintableOutputName(const char* text);
 
 // The enabled heads as outputs in the compositor's space, and the box that holds them all.
 TXrandrDesktop LayoutOfHeads(const std::vector<TWlrHead>& heads);

@@ -80,6 +80,10 @@ if grep -qx /usr/bin/irframectl "$work/files"; then
   irframectl --help >/dev/null || fail "irframectl --help"
   irframectl --version | grep -qw "$version" || fail "irframectl --version does not say $version"
 fi
+if grep -qx /usr/bin/irframe-settings "$work/files"; then
+  irframe-settings --help >/dev/null || fail "irframe-settings --help"
+  irframe-settings --version | grep -qw "$version" || fail "irframe-settings --version does not say $version"
+fi
 
 # --- The user unit. As root there is no user manager to ask, but verify only needs a runtime
 # directory for the user scope: it loads the unit with the user search paths and checks the

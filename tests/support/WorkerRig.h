@@ -78,12 +78,8 @@ struct TWorkerRig {
         ports.screen = &screen;
         node.worker.ports = &ports;
         node.worker.ended = [this] { ++ended; };
-        cmtDevHead = &node;  // results find their record by number
     }
-    ~TWorkerRig() {
-        cmtDevHead = nullptr;
-        node.devPath = nullptr;
-    }
+    ~TWorkerRig() { node.devPath = nullptr; }
     TWorkerRig(const TWorkerRig&) = delete;
     TWorkerRig& operator=(const TWorkerRig&) = delete;
 

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "ScreenText.h"
+
 namespace {
 
 void Cross(const Cairo::RefPtr<Cairo::Context>& cr, double x, double y, double size) {
@@ -88,15 +90,6 @@ void CCalibrateWindow::Draw(const Cairo::RefPtr<Cairo::Context>& cr, int width, 
         title = "Target " + std::to_string(m_session.TakenCount() + 1) + " of " +
                 std::to_string(m_session.TargetCount());
     }
-    auto layout = m_canvas.create_pango_layout(title + "\n" + m_session.Message() +
-                                               "\nEsc cancels.");
-    Pango::FontDescription font("Sans");
-    font.set_absolute_size(std::max(10.0, height / 45.0) * PANGO_SCALE);
-    layout->set_font_description(font);
-    layout->set_alignment(Pango::Alignment::CENTER);
-    int textWidth = 0, textHeight = 0;
-    layout->get_pixel_size(textWidth, textHeight);
-    cr->set_source_rgb(0.1, 0.1, 0.1);
-    cr->move_to((width - textWidth) / 2.0, height * 0.3 - textHeight / 2.0);
-    layout->show_in_cairo_context(cr);
+    ShowScreenText(m_canvas, cr, title + "\n" + m_session.Message() + "\nEsc cancels.",
+                   std::max(10.0, height / 45.0), width / 2.0, height * 0.3);
 }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "DevConfigJson.h"
+#include "QuotedText.h"
 #include "SessionBus.h"
 #include "StopSignalWaits.h"
 
@@ -585,4 +586,35 @@ int ExitCodeForBusError(const std::string& name) {
     if (kind == "Busy") return kCtlBusy;
     if (kind == "Cancelled") return kCtlCancelled;
     return kCtlFailure;  // Gone, Failed and anything newer
+}
+
+std::string ReloadDriver() {
+    std::string why;
+    sd_bus* bus = OpenSessionBus(&why);
+    if (bus == nullptr || !DriverOnBus(bus)) {
+        if (bus != nullptr) sd_bus_flush_close_unref(bus);
+        return "irframed does not run: it reads it when it starts";
+    }
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    std::string line;
+    int reloaded = 0;
+    const char* message = nullptr;
+    const char* restart = nullptr;
+    if (sd_bus_call_method(bus, kDriverBusName, kDriverPath, kDriverInterface, "Reload", &error,
+                           &reply, "") < 0 ||
+        sd_bus_message_read(reply, "bss", &reloaded, &message, &restart) < 0) {
+        line = "irframed did not reload (" +
+               EscapedText(error.message != nullptr ? error.message : "no answer") +
+               "): systemctl --user reload irframed";
+    } else if (reloaded == 0) {
+        line = "irframed kept its configuration: " + EscapedText(message, 300);
+    } else {
+        line = "irframed reloaded its configuration";
+        if (restart != nullptr && *restart != '\0') line += "; " + EscapedText(restart, 300);
+    }
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    sd_bus_flush_close_unref(bus);
+    return line;
 }

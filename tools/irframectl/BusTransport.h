@@ -44,5 +44,9 @@ std::unique_ptr<ITransport> MakeBusTransport(sd_bus* bus, TStopSignal stopSignal
 // Throws CToolError for anything else.
 std::vector<uint8_t> BytesFromDriverJson(const std::string& text, const std::string& what);
 
+// Asks the running driver on the session bus to read its configuration again (Reload, as
+// SIGHUP); one line on what came of it: reloaded, kept with the driver's error, or not running.
+std::string ReloadDriver();
+
 // Exit code for a D-Bus error name (the driver's own, or the bus's).
 int ExitCodeForBusError(const std::string& name);

@@ -20,6 +20,7 @@
 #include <sstream>
 
 #include "BusTransport.h"
+#include "DesktopDisplayServices.h"
 #include "FrameAccess.h"
 #include "InputFile.h"
 #include "LinuxScreen.h"
@@ -32,7 +33,6 @@ namespace {
 
 constexpr size_t kMaxProgramOutput = 64 * 1024;
 constexpr size_t kMaxSnippetBytes = 64 * 1024;
-constexpr size_t kMaxMonitors = 64;
 
 std::string FirstLine(const std::string& text) {
     std::string line = text.substr(0, text.find('\n'));
@@ -123,46 +123,16 @@ private:
                    : "";
     }
 
-    // The monitors as Mutter reports them: GetCurrentState's (ssss) connector, vendor, product,
-    // serial per monitor.
+    // The monitors as Mutter reports them: connector, vendor, product, serial.
     static std::optional<std::vector<TMonitorId>> MutterMonitors(std::string* why) {
         sd_bus* bus = OpenSessionBus(why);
         if (bus == nullptr) return std::nullopt;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        sd_bus_message* reply = nullptr;
-        std::optional<std::vector<TMonitorId>> monitors;
-        if (sd_bus_call_method(bus, "org.gnome.Mutter.DisplayConfig",
-                               "/org/gnome/Mutter/DisplayConfig", "org.gnome.Mutter.DisplayConfig",
-                               "GetCurrentState", &error, &reply, "") < 0) {
-            *why = error.message != nullptr ? EscapedText(error.message) : "no answer";
-        } else {
-            monitors = ReadMonitors(reply);
-            if (!monitors) *why = "an answer that is not GetCurrentState's";
-        }
-        sd_bus_error_free(&error);
-        sd_bus_message_unref(reply);
+        const std::optional<TMutterState> state = QueryMutterState(bus, why);
         sd_bus_flush_close_unref(bus);
-        return monitors;
-    }
-
-    static std::optional<std::vector<TMonitorId>> ReadMonitors(sd_bus_message* m) {
-        uint32_t serial = 0;
-        if (sd_bus_message_read(m, "u", &serial) < 0 ||
-            sd_bus_message_enter_container(m, 'a', "((ssss)a(siiddada{sv})a{sv})") < 0) {
-            return std::nullopt;
-        }
+        if (!state) return std::nullopt;
         std::vector<TMonitorId> monitors;
-        while (sd_bus_message_enter_container(m, 'r', "(ssss)a(siiddada{sv})a{sv}") > 0) {
-            const char* spec[4] = {};
-            if (sd_bus_message_read(m, "(ssss)", &spec[0], &spec[1], &spec[2], &spec[3]) < 0 ||
-                sd_bus_message_skip(m, "a(siiddada{sv})a{sv}") < 0 ||
-                sd_bus_message_exit_container(m) < 0) {
-                return std::nullopt;
-            }
-            const auto text = [](const char* s) { return std::string(s, strnlen(s, 128)); };
-            if (monitors.size() < kMaxMonitors) {
-                monitors.push_back({text(spec[0]), text(spec[1]), text(spec[2]), text(spec[3])});
-            }
+        for (const TMutterMonitor& m : state->monitors) {
+            monitors.push_back({m.connector, m.vendor, m.product, m.serial});
         }
         return monitors;
     }
