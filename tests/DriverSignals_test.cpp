@@ -1,7 +1,7 @@
 // The driver's life end to end, where it meets signals and time: SIGTERM and SIGINT end it in
 // order while it waits on a FIFO, SIGHUP reads its configuration file again, an emulated frame
-// answers its polls through a long pause of a real-time replay, and an id it does not serve is
-// refused. Every wait here has a bound many times what the answer needs; none is a measurement.
+// answers its polls through a long pause of a real-time replay. Every wait here has a bound many
+// times what the answer needs; none is a measurement.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -167,15 +167,6 @@ TEST_F(DriverSignals, ScriptThroughAFifoPlays) {
     std::ofstream(fifo) << kTap;
     EXPECT_EQ(driver.Wait(), 0) << driver.Err();
     EXPECT_THAT(driver.Out(), HasSubstr("\"leftMouseUp\""));
-}
-
-// Verify that an id no frame kind has is refused at once, naming the ones served.
-TEST_F(DriverSignals, UnservedSimulateIdIsRefused) {
-    CChild driver = Program({"--no-config", "--dry-run", "--simulate", File("tap.gesture", kTap),
-                           "--simulate-id", "1234:5678"});
-    EXPECT_EQ(driver.Wait(), 2);
-    EXPECT_THAT(driver.Err(), HasSubstr("--simulate-id '1234:5678' is not a frame the driver "
-                                        "serves: use AAEC:C020, AAEC:C021 or 202E:0006"));
 }
 
 // Verify that a real-time replay through a 10 s pause keeps its frame: the frame answers the

@@ -109,7 +109,18 @@ INSTANTIATE_TEST_SUITE_P(
         TMouseCase{TInputEventType::RightMouseDown, TMouseButton::Right,
                    {{EV_KEY, BTN_RIGHT, 1}}},
         TMouseCase{TInputEventType::RightMouseUp, TMouseButton::Right,
-                   {{EV_KEY, BTN_RIGHT, 0}}}));
+                   {{EV_KEY, BTN_RIGHT, 0}}}),
+    [](const testing::TestParamInfo<TMouseCase>& info) -> std::string {
+        switch (info.param.type) {
+            case TInputEventType::MouseMoved: return "MouseMoved";
+            case TInputEventType::LeftMouseDragged: return "LeftMouseDragged";
+            case TInputEventType::LeftMouseDown: return "LeftMouseDown";
+            case TInputEventType::LeftMouseUp: return "LeftMouseUp";
+            case TInputEventType::RightMouseDown: return "RightMouseDown";
+            case TInputEventType::RightMouseUp: return "RightMouseUp";
+            default: return "Other" + std::to_string(info.index);
+        }
+    });
 
 // Verify a shortcut: modifiers then key, one report each, and released in reverse.
 TEST(EvdevTranslator, ShortcutDownAndUp) {
