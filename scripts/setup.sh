@@ -14,7 +14,8 @@ packages=(
   libtomlplusplus-dev                                  # the configuration file
   libx11-dev libxrandr-dev                             # screen size from the X server
   libwayland-dev libwayland-bin                        # monitors from a wlroots compositor
-  libgtkmm-4.0-dev                                     # irframe-calibrate's window
+  libgtkmm-4.0-dev                                     # irframe-calibrate's and irframe-settings' windows
+  libcairo2-dev libfontconfig-dev                      # irframe-settings' live view drawing, its tests
   scdoc                                                # man pages
   file                                                 # the Debian package's dependency scan
   "$@"

@@ -2,6 +2,7 @@
 // drop-in it writes, the chord checks, the frame list and the backups.
 #include <cairo.h>
 #include <fcntl.h>
+#include <fontconfig/fontconfig.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -170,6 +171,8 @@ TEST(SettingsLiveView, DrawsDotsWhereTheContactsAre) {
     EXPECT_TRUE(near(pixel(std::floor(fit.left), fit.top + fit.height / 2), kFrameOutlineColour));
     cairo_destroy(cr);
     cairo_surface_destroy(surface);
+    cairo_debug_reset_static_data();  // the font caches, for the leak check
+    FcFini();
 }
 
 class SettingsFiles : public testing::Test {

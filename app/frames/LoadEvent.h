@@ -126,6 +126,9 @@ public:
     CShellState& State() { return *m_state; }
     // Workers this shell started and not yet ended.
     int LiveWorkerCount() const { return m_state->LiveWorkers(); }
+    // Closes the device managers, once every worker has ended: before the backends whose
+    // devices (an emulated frame's hub) they use go.
+    void CloseManagers() { m_managers.clear(); }
 
     // Real time the orderly end waits for the workers.
     static constexpr int kWorkerStopMillis = 10'000;

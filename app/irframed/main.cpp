@@ -118,6 +118,7 @@ int main(int argc, char** argv) {
         std::fflush(nullptr);
         std::_Exit(status);
     }
+    shell.CloseManagers();
     for (const std::unique_ptr<IShellBackend>& backend : backends) backend->Close();
     ReleaseDeviceList();
     return status;

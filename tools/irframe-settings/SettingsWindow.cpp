@@ -335,12 +335,18 @@ void CSettingsWindow::DrawLive(const Cairo::RefPtr<Cairo::Context>& cr, int widt
 }
 
 void CSettingsWindow::StartFeed(bool holdGestures) {
+    const TFrameEntry* entry = m_frames.Find(m_selected);
+    if (entry == nullptr) return;
     std::string why;
     sd_bus* bus = OpenSessionBus(&why);
-    const TFrameEntry* entry = m_frames.Find(m_selected);
-    if (bus == nullptr || entry == nullptr) return;
+    if (bus == nullptr) return Say(why, true);
     m_feedTransport = MakeBusTransport(bus);
-    m_feedFrame = m_feedTransport->Open(*entry);
+    try {
+        m_feedFrame = m_feedTransport->Open(*entry);
+    } catch (const CToolError& e) {
+        m_feedTransport.reset();
+        return Say(e.what(), true);
+    }
     m_feed = std::make_unique<CContactFeed>(*m_feedFrame);
     m_feed->Arrived().connect([this] { OnContacts(); });
     // The hold is asked on the feed's own connection, and ends when the feed closes it.
