@@ -198,11 +198,11 @@ protected:
     }
 
     // A screenshot of the window's corner of the screen (all of it with `whole`), saved among
-    // the pictures as `name`.
+    // the pictures as `name` (or at `name` when it is a path).
     TPicture Screenshot(const std::string& name, bool whole = false) {
         const std::string dir = IRFRAME_SCREENSHOT_DIR;
         mkdir(dir.c_str(), 0755);
-        const std::string path = dir + "/" + name;
+        const std::string path = name[0] == '/' ? name : dir + "/" + name;
         if (std::system(("import -window root " + std::string(whole ? "" : "-crop 1100x760+0+0 +repage ") + path + " 2>/dev/null").c_str()) != 0) return {};
         return ReadPicture(path);
     }
@@ -224,10 +224,17 @@ protected:
         return pid;
     }
 
+    // Under X11 also until its window is off the screen, so that the next picture is the next
+    // window's.
     void StopWindow(pid_t pid) {
         kill(pid, SIGTERM);
         WaitExit(pid, 30);
         std::erase(m_pids, pid);
+        if (m_display.empty()) return;
+        EXPECT_TRUE(Until([&] {
+            const TPicture p = Screenshot(m_dir + "/gone.png");
+            return p.width > 0 && p.At(600, 400) == 0;
+        }));
     }
 
     // Three fingers moving into two areas and the panel of the frame (script units run across
