@@ -46,6 +46,7 @@ struct DriverOptions {
         bool screen = false;
         bool display = false;
         bool keys = false;
+        bool gestures = false;  // --no-gestures
         bool touchscreen = false;
         bool tuio = false;
     } given;

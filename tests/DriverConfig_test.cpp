@@ -37,6 +37,7 @@ TEST(DriverConfig, ReadsEverySection) {
     ASSERT_TRUE(Parse("\xef\xbb\xbf# caf\xc3\xa9: comments may hold any text\n"
                       "log_level = \"debug\"  # d\xc3\xa9" "bogage\n"
                       "[screen]\nsize = \"1280x800\"\noutput = \"HDMI-1\"\n"
+                      "[gestures]\nenabled = false\n"
                       "[keys]\nprofile = \"desktop\"\n"
                       "[shortcuts]\nrotate-clockwise = \"Alt + Ctrl + Left\"\n"
                       "four-finger-spread = \"none\"\n"
@@ -50,6 +51,7 @@ TEST(DriverConfig, ReadsEverySection) {
     expected.logLevel = "debug";
     expected.screenSize = "1280x800";
     expected.screenOutput = "HDMI-1";
+    expected.gestures = false;
     expected.keyProfile = "desktop";
     expected.shortcuts[Index(TGestureShortcut::RotateClockwise)] = "ctrl+alt+left";
     expected.shortcuts[Index(TGestureShortcut::FourFingerSpread)] = "none";
@@ -117,12 +119,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         TErrorCase{"loglevel = \"info\"\n",
                    "irframe.toml:1:1: unknown key \"loglevel\"; valid keys: log_level, [screen], "
-                   "[keys], [shortcuts], [output]"},
+                   "[gestures], [keys], [shortcuts], [output]"},
         TErrorCase{"[screen]\nsise = \"1x1\"\n",
                    "irframe.toml:2:1: unknown key \"sise\" in [screen]; valid keys: size, output"},
         TErrorCase{"[display]\nname = \"x\"\n",
                    "irframe.toml:1:2: unknown key \"display\"; valid keys: log_level, [screen], "
-                   "[keys], [shortcuts], [output]"},
+                   "[gestures], [keys], [shortcuts], [output]"},
         TErrorCase{"[screen.extra]\n",
                    "irframe.toml:1:9: unknown key \"extra\" in [screen]; valid keys: size, "
                    "output"},
@@ -211,6 +213,7 @@ TEST(DriverConfig, PrintReadsBack) {
     custom.screenSize = "800x600+1920+0";
     custom.screenOutput = "DP-1.2";
     custom.keyProfile = "literal";
+    custom.gestures = false;
     custom.shortcuts[Index(TGestureShortcut::Pinch)] = "none";
     custom.shortcuts[Index(TGestureShortcut::FourFingerUp)] = "super+pageup";
     custom.touchscreen = true;

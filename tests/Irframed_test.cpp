@@ -171,6 +171,32 @@ TEST_F(Irframed, DryRunShowsTheKeysOfEachProfile) {
 // ---------------------------------------------------------------------------------------------
 // Configuration file
 
+// Verify that [gestures] enabled = false turns the gestures off as --no-gestures does, and that
+// --no-gestures wins over a file that turns them on.
+TEST_F(Irframed, GesturesOffFromTheFileOrTheCommandLine) {
+    const std::string tap = Script("tap", "down 1 10000 10000\nup 1\n");
+    const std::string off = Script("off.toml", "[gestures]\nenabled = false\n");
+    const std::string on = Script("on.toml", "[gestures]\nenabled = true\n");
+    struct TCase {
+        std::vector<std::string> args;
+        bool posts;
+    };
+    const TCase cases[] = {{{"--config", on}, true},
+                           {{"--config", off}, false},
+                           {{"--config", on, "--no-gestures"}, false}};
+    for (const TCase& c : cases) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--simulate", tap});
+        const TRun run = Run(args);
+        EXPECT_EQ(run.status, 0) << run.logText;
+        EXPECT_EQ(run.events.empty(), !c.posts) << c.args[1];
+        args = c.args;
+        args.push_back("--print-config");
+        EXPECT_THAT(Run(args).printed,
+                    HasSubstr(c.posts ? "\nenabled = true\n" : "\nenabled = false\n"));
+    }
+}
+
 // Verify that --print-config prints what is in force, command line over file over defaults,
 // that the file it prints reads back to the same, and that a run with it presses what it says.
 TEST_F(Irframed, PrintConfigReadsBackAndDrivesTheKeys) {

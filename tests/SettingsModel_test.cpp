@@ -197,6 +197,7 @@ protected:
 // it leaves out stays unset (the files before it hold).
 TEST_F(SettingsFiles, DropInRoundTrip) {
     TTouchChoices all;
+    all.gestures = false;
     all.keyProfile = "desktop";
     all.shortcuts[size_t(TGestureShortcut::SwipeLeft)] = "ctrl+alt+left";
     all.shortcuts[size_t(TGestureShortcut::Pinch)] = "none";

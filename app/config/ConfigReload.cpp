@@ -13,6 +13,7 @@ std::vector<std::string> ChangesNeedingRestart(const DriverOptions& now,
     std::vector<std::string> names;
     if (next.screen != now.screen) names.push_back("screen.size");
     if (next.display != now.display) names.push_back("screen.output");
+    if (next.gestures != now.gestures) names.push_back("gestures.enabled");
     if (next.touchscreen != now.touchscreen) names.push_back("output.touchscreen");
     if (next.touchscreenWidthMm != now.touchscreenWidthMm ||
         next.touchscreenHeightMm != now.touchscreenHeightMm) {

@@ -225,6 +225,10 @@ std::vector<TKeySpec> BuildKeySpecs() {
                      "- _ . : (as xrandr lists them)";
             return false;
         }));
+    specs.push_back(BoolKey("gestures", "enabled",
+                            "Turn touches into mouse, scroll and shortcut events; false as "
+                            "--no-gestures, for the touchscreen or TUIO alone.",
+                            &TDriverConfig::gestures));
     specs.push_back(StringKey(
         "keys", "profile",
         "The key profile: what each gesture's shortcut presses unless [shortcuts] says.",

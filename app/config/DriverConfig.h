@@ -45,6 +45,7 @@ struct TDriverConfig {
     std::string logLevel = "info";
     std::string screenSize;    // "WxH" or "WxH+X+Y"; empty: not set
     std::string screenOutput;  // an XRandR output's name; empty: not set (the primary)
+    bool gestures = true;      // [gestures] enabled: the mouse and shortcut emulation
     std::string keyProfile;    // one of TConfigChecks::keyProfiles
     TShortcutOverrides shortcuts;  // the file's chord per named shortcut, in one spelling
     // [output]: the native outputs besides the gestures.

@@ -100,6 +100,7 @@ void ApplyDriverConfig(const TDriverConfig& config, DriverOptions* opt) {
     if (!opt->given.screen) opt->screen = config.screenSize;
     if (!opt->given.display) opt->display = config.screenOutput;
     if (!opt->given.keys) opt->keys = config.keyProfile;
+    if (!opt->given.gestures) opt->gestures = config.gestures;
     opt->shortcuts = config.shortcuts;
     // A dry run posts nothing: the file's touchscreen waits for a real run.
     if (!opt->given.touchscreen) {
@@ -160,6 +161,7 @@ std::optional<int> PrintConfiguration(const DriverOptions& opt, const TConfigChe
     config.screenSize = opt.screen;
     config.screenOutput = opt.display;
     config.keyProfile = opt.keys;
+    config.gestures = opt.gestures;
     config.shortcuts = opt.shortcuts;
     config.touchscreen = opt.touchscreen;
     config.touchscreenPerArea = opt.touchscreenPerArea;
@@ -276,6 +278,8 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     opt.given.screen = app.count("--screen") != 0;
     opt.given.display = app.count("--display") != 0;
     opt.given.keys = app.count("--keys") != 0;
+    opt.given.gestures = noGestures;
+    opt.gestures = !noGestures;
     opt.given.touchscreen =
         app.count("--touchscreen") != 0 || app.count("--touchscreen-per-area") != 0;
     opt.given.tuio = app.count("--tuio") != 0;
@@ -288,7 +292,6 @@ std::optional<int> ParseDriverOptions(int argc, const char* const* argv, DriverO
     if (!opt.Simulating() && (!opt.faults.empty() || opt.realtime || !simulateId.empty())) {
         return UsageError("--fault, --realtime and --simulate-id need --simulate");
     }
-    opt.gestures = !noGestures;
     if (!opt.dryRun && opt.output != "-") return UsageError("--output needs --dry-run");
     if (!opt.logLevel.empty() && !ParseLogLevel(opt.logLevel)) {
         return UsageError("--log-level " + QuotedText(opt.logLevel) +

@@ -427,6 +427,9 @@ void CSettingsWindow::BuildTouchPage() {
     m_touchGrid.set_column_spacing(12);
     m_touchGrid.set_margin(12);
     int row = 0;
+    m_touchGrid.attach(*LeftLabel("Gestures (mouse, scroll, shortcuts)"), 0, row);
+    m_gestures.set_halign(Gtk::Align::START);
+    m_touchGrid.attach(m_gestures, 1, row++);
     std::vector<Glib::ustring> profiles(m_checks.keyProfiles.begin(), m_checks.keyProfiles.end());
     m_profile.set_model(Gtk::StringList::create(profiles));
     m_touchGrid.attach(*LeftLabel("Key profile"), 0, row);
@@ -480,6 +483,7 @@ void CSettingsWindow::LoadTouchChoices() {
     }
     m_shownChords = EffectiveShortcuts(config, m_checks);
     for (size_t i = 0; i < kGestureShortcutCount; ++i) m_chords[i].set_text(m_shownChords[i]);
+    m_gestures.set_active(config.gestures);
     m_touchscreen.set_active(config.touchscreen);
     m_monitor.set_text(config.screenOutput);
     m_tuio.set_active(config.tuio);
@@ -522,6 +526,9 @@ void CSettingsWindow::ApplyTouchChoices(bool confirmed) {
     }
     // Only what was changed here, or chosen here before: the files before the drop-in hold
     // the rest.
+    if (m_gestures.get_active() != m_shown.gestures || choices.gestures) {
+        choices.gestures = m_gestures.get_active();
+    }
     if (m_touchscreen.get_active() != m_shown.touchscreen || choices.touchscreen) {
         choices.touchscreen = m_touchscreen.get_active();
     }

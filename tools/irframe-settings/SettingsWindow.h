@@ -106,6 +106,7 @@ private:
     Gtk::Grid m_touchGrid;
     Gtk::DropDown m_profile;
     std::array<Gtk::Entry, kGestureShortcutCount> m_chords;
+    Gtk::Switch m_gestures;
     Gtk::Switch m_touchscreen;
     Gtk::Entry m_monitor;
     Gtk::Switch m_tuio;

@@ -11,6 +11,7 @@ std::string TouchChoicesToml(const TTouchChoices& c) {
         "# Written by irframe-settings; what it leaves out comes from the files before it\n"
         "# (irframe.toml, other drop-ins). Edit irframe.toml instead to keep comments.\n";
     if (c.screenOutput) out += "\n[screen]\noutput = " + TomlQuoted(*c.screenOutput) + "\n";
+    if (c.gestures) out += std::string("\n[gestures]\nenabled = ") + (*c.gestures ? "true" : "false") + "\n";
     if (c.keyProfile) out += "\n[keys]\nprofile = " + TomlQuoted(*c.keyProfile) + "\n";
     bool section = false;
     for (const TGestureShortcutInfo& info : GestureShortcutTable()) {
@@ -34,6 +35,7 @@ bool TouchChoicesFromToml(const std::string& text, const std::string& name,
     // Read over two bases that differ in every value: a key the text sets comes out the same
     // from both, a key it leaves out does not.
     TDriverConfig a = DefaultDriverConfig(checks), b = a;
+    b.gestures = !a.gestures;
     b.keyProfile = "\x01";
     b.screenOutput = "\x01";
     b.touchscreen = !a.touchscreen;
@@ -44,6 +46,7 @@ bool TouchChoicesFromToml(const std::string& text, const std::string& name,
         return false;
     }
     TTouchChoices c;
+    if (a.gestures == b.gestures) c.gestures = a.gestures;
     if (a.keyProfile == b.keyProfile) c.keyProfile = a.keyProfile;
     if (a.screenOutput == b.screenOutput) c.screenOutput = a.screenOutput;
     if (a.touchscreen == b.touchscreen) c.touchscreen = a.touchscreen;

@@ -1,4 +1,4 @@
-// What touch does, as the settings window chooses it: the key profile, a chord per gesture
+// What touch does, as the settings window chooses it: the gestures on or off, the key profile, a chord per gesture
 // shortcut, the touchscreen and its monitor, TUIO and its target. The window writes its
 // choices only to its own drop-in, irframe.d/50-settings.toml in the user's configuration
 // directory, which the driver reads after irframe.toml: a hand-written irframe.toml and its
@@ -15,6 +15,7 @@
 inline constexpr const char* kSettingsDropInName = "50-settings.toml";
 
 struct TTouchChoices {
+    std::optional<bool> gestures;  // the mouse and shortcut emulation
     std::optional<std::string> keyProfile;
     TShortcutOverrides shortcuts;
     std::optional<bool> touchscreen;
