@@ -28,6 +28,7 @@
 #include "TouchSettings.h"
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
+#include "support/TwoAreasAndPanel.h"
 
 namespace {
 
@@ -256,29 +257,6 @@ protected:
     std::string m_dir, m_display;
     std::vector<pid_t> m_pids;
 };
-
-// Two areas side by side and a panel over the top strip, on the frame's own configuration.
-_HARDWARE_DEV_CONFIG TwoAreasAndPanel(const _HARDWARE_DEV_CONFIG& base) {
-    _HARDWARE_DEV_CONFIG c = base;
-    c.flags |= DEV_FLAG_AREAS_ENABLED | DEV_FLAG_PANELS_ENABLED;
-    c.areaCount = 2;
-    c.areas[1] = c.areas[0];
-    for (int i = 0; i < 2; ++i) {
-        c.areas[i].id = static_cast<uint8_t>(i);
-        c.areas[i].center = {static_cast<int16_t>(i == 0 ? 24576 : 8192), 16384};
-        c.areas[i].axisH = {-8192, 0};
-        c.areas[i].axisV = {0, 16384};
-    }
-    c.panelCount = 1;
-    c.panels[0] = {};
-    c.panels[0].id = 2;
-    c.panels[0].rows = c.panels[0].columns = 1;
-    c.panels[0].width = c.panels[0].height = 100;
-    c.panels[0].center = {16384, 2048};
-    c.panels[0].axisH = {-16384, 0};
-    c.panels[0].axisV = {0, 2048};
-    return c;
-}
 
 std::string SettingsWindowEndToEnd::StartFramesWithAreas() {
     StartDriver("rate 100\ndown 1 4000 16000, 2 20000 16000, 3 12000 2000\n"
