@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <map>
+#include <mutex>
 
 #include "DeviceListControl.h"
 #include "LoadEvent.h"
@@ -16,22 +17,31 @@ namespace {
 using testing::ElementsAre;
 
 // Runs posted tasks one per RunOnce, as the platform loop hands out one source per dispatch.
+// Workers post from their own threads.
 class CFakeLoop final : public IMainLoop {
 public:
     bool RunOnce(uint64_t) override {
-        if (tasks.empty()) return false;
-        auto task = std::move(tasks.front());
-        tasks.pop_front();
+        std::function<void()> task;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (tasks.empty()) return false;
+            task = std::move(tasks.front());
+            tasks.pop_front();
+        }
         task();
         return true;
     }
     int Run() override { return quitStatus; }
     void Quit(int status) override { quitStatus = status; ++quits; }
-    void Post(std::function<void()> task) override { tasks.push_back(std::move(task)); }
+    void Post(std::function<void()> task) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        tasks.push_back(std::move(task));
+    }
     void PostDelayed(uint64_t, std::function<void()> task) override { Post(std::move(task)); }
     void OnTerminationSignal(std::function<void(int)>) override {}
 
-    std::deque<std::function<void()>> tasks;
+    std::mutex m_mutex;
+    std::deque<std::function<void()>> tasks;  // guarded by m_mutex
     int quitStatus = -1;
     int quits = 0;
 };
