@@ -191,18 +191,6 @@ public:
 
     uint64_t StdoutLines() const { return m_stdoutLines.load(); }
 
-    // While a latency is measured the driver's log lines are echoed afterwards: on the guest's
-    // one processor, writing them to the serial console would be timed as the driver's.
-    void HoldEcho(bool hold) {
-        std::vector<std::string> held;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_echoHeld = hold;
-            if (!hold) held.swap(m_heldEcho);
-        }
-        for (const std::string& line : held) Say("  | %s", line.c_str());
-    }
-
     // The driver's open descriptors that still point at a hidraw node the kernel removed.
     std::vector<std::string> DeletedHidrawHandles() const {
         std::vector<std::string> found;
@@ -251,12 +239,8 @@ private:
                         m_stdoutLines.fetch_add(1);  // the handlers' per-frame lines
                         continue;
                     }
+                    Say("  | %s", line.c_str());
                     std::lock_guard<std::mutex> lock(m_mutex);
-                    if (m_echoHeld) {
-                        m_heldEcho.push_back(line);
-                    } else {
-                        Say("  | %s", line.c_str());
-                    }
                     m_lines.push_back(std::move(line));
                     m_changed.notify_all();
                 }
@@ -274,8 +258,6 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<std::string> m_lines;
-    bool m_echoHeld = false;
-    std::vector<std::string> m_heldEcho;
     std::atomic<uint64_t> m_stdoutLines{0};
 };
 
@@ -1079,10 +1061,8 @@ TResult CaseLatency(TContext& ctx) {
     std::string why;
     const std::string script = "rate 50\ndown 1 " + Str(x0) + " " + Str(y) + "\nmove 1 " +
                                Str(x0 + step * n) + " " + Str(y) + " in " + Str(n) + "\nup 1\n";
-    ctx.driver->HoldEcho(true);
     const bool played =
         PlayAndCollect(ctx, *ctx.d, script, expect.Packets().size(), &seen, &why);
-    ctx.driver->HoldEcho(false);
     g_latencyRecorder.store(nullptr);
     if (!played) return Fail(why);
     if (std::string diff = CompareEvdev(expect.Packets(), seen); !diff.empty()) return Fail(diff);
@@ -1636,7 +1616,6 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
         "rate 50\ndown 1 " + Str(x0) + " " + Str(y) + "\nmove 1 " + Str(x0 + step * n) + " " +
             Str(y) + " in " + Str(n) + "\nup 1\n",
         &script, &why);
-    t.driver->HoldEcho(true);
     const bool played = parsed && t.t->Play(script) && t.t->WaitPlayed(kPlayMs);
     // The last frame is written after the script counts as played: its report is awaited
     // before the recorder goes.
@@ -1644,7 +1623,6 @@ TResult CaseTouchscreenLatency(TTouchContext& t) {
         t.reader->WaitCount(expected.size(), kEventsMs);
         t.reader->WaitQuiet(kQuietMs);
     }
-    t.driver->HoldEcho(false);
     g_latencyRecorder.store(nullptr);
     if (!played) return Fail(parsed ? "frame T did not play the drag" : why);
     std::vector<TEvPacket> seen;
