@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 
 extern char** environ;
@@ -37,13 +38,6 @@ constexpr const char* kFrameIface = "org.irframe.Driver1.Frame";
 constexpr int kW = 1920, kH = 1080;
 
 using Args = std::vector<std::string>;
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 // Runs `args` with `env` added to this process's environment; output to files.
 pid_t Spawn(const Args& args, const std::map<std::string, std::string>& env,
@@ -67,18 +61,6 @@ pid_t Spawn(const Args& args, const std::map<std::string, std::string>& env,
     if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     return pid;
-}
-
-// The exit status, or -1 when it did not end within `seconds` (then it is killed).
-int WaitExit(pid_t pid, int seconds) {
-    int status = 0;
-    for (int waited = 0; waited < seconds * 100; ++waited) {
-        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        usleep(10'000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
 }
 
 // Where a frame mounted off puts a screen point, in the script's (uncalibrated) units.

@@ -31,7 +31,10 @@ using TReplyWriter = std::function<void(sd_bus_message*)>;
 class CDisplayServices {
 public:
     CDisplayServices(const CPrivateBus& bus, TReplyWriter mutter, TReplyWriter kscreen)
-        : m_bus(bus.Connect()), m_mutter(std::move(mutter)), m_kscreen(std::move(kscreen)) {
+        : m_connection(bus),
+          m_bus(m_connection.Bus()),
+          m_mutter(std::move(mutter)),
+          m_kscreen(std::move(kscreen)) {
         if (m_bus == nullptr) return;
         m_ok = true;
         // A stand-in just closed may still hold the name in the daemon's eyes: take it over.
@@ -44,18 +47,9 @@ public:
             sd_bus_add_object(m_bus, nullptr, "/backend", &Answer, this);
             m_ok = m_ok && sd_bus_request_name(m_bus, "org.kde.KScreen", flags) >= 0;
         }
-        m_thread = std::thread([this] {
-            while (!m_stop.load()) {
-                if (sd_bus_process(m_bus, nullptr) > 0) continue;
-                sd_bus_wait(m_bus, 10'000);
-            }
-        });
+        m_connection.Serve();
     }
-    ~CDisplayServices() {
-        m_stop.store(true);
-        if (m_thread.joinable()) m_thread.join();
-        sd_bus_flush_close_unref(m_bus);
-    }
+    ~CDisplayServices() { m_connection.Stop(); }
     bool Ok() const { return m_ok; }
 
 private:
@@ -74,11 +68,10 @@ private:
         return r;
     }
 
-    sd_bus* m_bus;
+    CServedConnection m_connection;
+    sd_bus* const m_bus;
     TReplyWriter m_mutter, m_kscreen;
     bool m_ok = false;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
 };
 
 // ----- Mutter's GetCurrentState

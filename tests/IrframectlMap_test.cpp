@@ -262,7 +262,8 @@ TEST_F(DesktopMapping, X11ThroughXinput) {
 // Mutter's monitor list and KWin's input devices, as the desktops offer them on the session bus.
 class CFakeDesktopServices {
 public:
-    explicit CFakeDesktopServices(const CPrivateBus& bus) : m_bus(bus.Connect()) {
+    explicit CFakeDesktopServices(const CPrivateBus& bus)
+        : m_connection(bus), m_bus(m_connection.Bus()) {
         if (m_bus == nullptr) return;
         static const sd_bus_vtable kMutter[] = {
             SD_BUS_VTABLE_START(0),
@@ -290,18 +291,9 @@ public:
         }
         m_ok = sd_bus_request_name(m_bus, "org.gnome.Mutter.DisplayConfig", 0) >= 0 &&
                sd_bus_request_name(m_bus, "org.kde.KWin", 0) >= 0;
-        m_thread = std::thread([this] {
-            while (!m_stop.load()) {
-                if (sd_bus_process(m_bus, nullptr) > 0) continue;
-                sd_bus_wait(m_bus, 10'000);
-            }
-        });
+        m_connection.Serve();
     }
-    ~CFakeDesktopServices() {
-        m_stop.store(true);
-        if (m_thread.joinable()) m_thread.join();
-        sd_bus_flush_close_unref(m_bus);
-    }
+    ~CFakeDesktopServices() { m_connection.Stop(); }
     bool Ok() const { return m_ok; }
     std::string Output(const std::string& sysName) {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -358,10 +350,9 @@ private:
         return 1;
     }
 
-    sd_bus* m_bus;
+    CServedConnection m_connection;
+    sd_bus* const m_bus;
     bool m_ok = false;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
     std::mutex m_mutex;
     std::map<std::string, std::string> m_outputs;  // by sysname
 };

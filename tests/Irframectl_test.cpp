@@ -68,7 +68,8 @@ struct TFakeFrame {
 
 class CFakeDriver {
 public:
-    CFakeDriver(const CPrivateBus& bus, std::vector<TFakeFrame> frames) : m_bus(bus.Connect()) {
+    CFakeDriver(const CPrivateBus& bus, std::vector<TFakeFrame> frames)
+        : m_connection(bus), m_bus(m_connection.Bus()) {
         for (TFakeFrame& f : frames) m_frames.push_back(std::make_unique<TObject>(TObject{this, f}));
         if (m_bus == nullptr) return;
         sd_bus_add_object_vtable(m_bus, nullptr, kRoot, "org.irframe.Driver1", kRootTable, this);
@@ -77,18 +78,11 @@ public:
                                      kFrameIface, kFrameTable, object.get());
         }
         m_ok = sd_bus_request_name(m_bus, kBusName, 0) >= 0;
-        m_thread = std::thread([this] {
-            while (!m_stop.load()) {
-                if (sd_bus_process(m_bus, nullptr) > 0) continue;
-                sd_bus_wait(m_bus, 10'000);
-            }
-        });
+        m_connection.Serve();
     }
     ~CFakeDriver() {
-        m_stop.store(true);
-        if (m_thread.joinable()) m_thread.join();
+        m_connection.Stop();
         if (m_pending != nullptr) sd_bus_message_unref(m_pending);
-        sd_bus_flush_close_unref(m_bus);
     }
 
     bool Ok() const { return m_ok; }
@@ -258,10 +252,9 @@ private:
     static const sd_bus_vtable kFrameTable[];
 
     std::vector<std::unique_ptr<TObject>> m_frames;
-    sd_bus* m_bus;
+    CServedConnection m_connection;
+    sd_bus* const m_bus;
     bool m_ok = false;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
     std::mutex m_mutex;
     std::map<std::string, int> m_calls;
     sd_bus_message* m_pending = nullptr;  // a transfer waiting for Cancel; the bus thread's

@@ -34,13 +34,6 @@ namespace {
 
 constexpr const char* kFrame = "/org/irframe/Driver1/frame1";
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 bool Until(const std::function<bool()>& done, int seconds = 60) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < end) {
@@ -48,16 +41,6 @@ bool Until(const std::function<bool()>& done, int seconds = 60) {
         usleep(20'000);
     }
     return done();
-}
-
-int WaitExit(pid_t pid, int seconds) {
-    int status = 0;
-    if (Until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds)) {
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
 }
 
 // An RGB picture read from a PNG through ImageMagick.

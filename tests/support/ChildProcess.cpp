@@ -57,6 +57,16 @@ bool WaitUntil(const std::function<bool()>& done, int boundMillis) {
     return true;
 }
 
+int WaitExit(pid_t pid, int seconds) {
+    int status = 0;
+    if (WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds * 1000)) {
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
 CChild::CChild(std::vector<std::string> argv, std::string out, std::string err)
     : m_out(std::move(out)), m_err(std::move(err)) {
     const std::string program = argv.at(0);

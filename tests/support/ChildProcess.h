@@ -22,6 +22,10 @@ constexpr int kHangBoundMillis = 60'000;
 // Polls `done` every 10 ms; false when it still does not hold after `boundMillis`.
 bool WaitUntil(const std::function<bool()>& done, int boundMillis = kHangBoundMillis);
 
+// The exit status of a child started otherwise, or -1 when it ended by a signal or did not end
+// within `seconds` (then it is killed).
+int WaitExit(pid_t pid, int seconds);
+
 // A started program; killed if it is still running when this goes.
 class CChild {
 public:

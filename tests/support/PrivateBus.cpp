@@ -50,3 +50,23 @@ sd_bus* CPrivateBus::Connect() const {
     }
     return bus;
 }
+
+void CServedConnection::Serve() {
+    if (m_bus == nullptr || m_thread.joinable()) return;
+    m_thread = std::thread([this] {
+        while (!m_stop.load()) {
+            if (sd_bus_process(m_bus, nullptr) > 0) continue;
+            sd_bus_wait(m_bus, 10'000);
+        }
+    });
+}
+
+void CServedConnection::Stop() {
+    m_stop.store(true);
+    if (m_thread.joinable()) m_thread.join();
+}
+
+CServedConnection::~CServedConnection() {
+    Stop();
+    sd_bus_flush_close_unref(m_bus);
+}

@@ -4,7 +4,9 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 struct sd_bus;
 
@@ -24,4 +26,25 @@ public:
 private:
     pid_t m_pid = -1;
     std::string m_address;
+};
+
+// A connection of the test's own whose objects answer on a thread of their own, as a stand-in
+// for the driver or a desktop service. Add the objects and names on Bus(), then Serve(). Stop()
+// before the stand-in's own members go, as its handlers use them; the connection is closed when
+// this goes.
+class CServedConnection {
+public:
+    explicit CServedConnection(const CPrivateBus& bus) : m_bus(bus.Connect()) {}
+    ~CServedConnection();
+    CServedConnection(const CServedConnection&) = delete;
+    CServedConnection& operator=(const CServedConnection&) = delete;
+
+    sd_bus* Bus() const { return m_bus; }  // null when the connection failed
+    void Serve();
+    void Stop();
+
+private:
+    sd_bus* m_bus;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
 };
