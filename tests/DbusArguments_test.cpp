@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -64,19 +64,8 @@ TEST(DbusArguments, OverrideRoundTrip) {
     _HARDWARE_CONFIG_OVERRIDE o{};
     const TArgumentCheck check = ParseOverrideJson(kOverride, TDbusArgumentLimits{}, &o);
     ASSERT_TRUE(check.ok) << check.error;
-    // Read by value: the record is packed.
-    const uint32_t flags = o.flags;
-    const int option1 = o.option1, option3 = o.option3, value0 = o.value0;
-    const int edge1 = o.edgeAdjust[1], edge3 = o.edgeAdjust[3];
-    EXPECT_EQ(flags, 1050373u);
-    EXPECT_EQ(option1, 255);
-    EXPECT_EQ(option3, 7);
-    EXPECT_EQ(value0, 2500);
-    EXPECT_EQ(edge1, -15);
-    EXPECT_EQ(edge3, 127);
-    _HARDWARE_CONFIG_OVERRIDE again{};
-    ASSERT_TRUE(ParseOverrideJson(OverrideToJson(o), TDbusArgumentLimits{}, &again).ok);
-    EXPECT_EQ(std::memcmp(&o, &again, sizeof o), 0);
+    // The same members and values, whatever their order.
+    EXPECT_EQ(nlohmann::json::parse(OverrideToJson(o)), nlohmann::json::parse(kOverride));
 }
 
 struct TOverrideCase {
@@ -211,9 +200,8 @@ TEST_F(MessageTest, WrongTypeIsAnError) {
 TEST_F(MessageTest, ContactsInSignalOrder) {
     TContactFrame frame;
     frame.timeStamp = 4'000'123;
-    TContact c;
-    c.id = 3, c.status = kContactLifted, c.retired = true, c.x = 100, c.y = 32766;
-    c.width = 5, c.height = 6, c.rawX = 65535, c.rawY = 7, c.cell[0] = 1, c.cell[1] = 2;
+    const TContact c{.id = 3, .status = kContactLifted, .retired = true, .x = 100, .y = 32766,
+                     .width = 5, .height = 6, .rawX = 65535, .rawY = 7, .cell = {1, 2}};
     frame.contacts = {c, TContact{}};
     ASSERT_GE(AppendContacts(m_message, frame), 0);
     Seal();
@@ -225,17 +213,15 @@ TEST_F(MessageTest, ContactsInSignalOrder) {
     int retired;
     int32_t x, y, w, h;
     uint16_t rx, ry;
-    ASSERT_GT(sd_bus_message_read(m_message, "(yybiiiiqqyy)", &id, &status, &retired, &x, &y, &w,
-                                  &h, &rx, &ry, &group, &index),
-              0);
+    const auto next = [&] {
+        return sd_bus_message_read(m_message, "(yybiiiiqqyy)", &id, &status, &retired, &x, &y, &w,
+                                   &h, &rx, &ry, &group, &index);
+    };
+    ASSERT_GT(next(), 0);
     EXPECT_EQ(std::vector<int64_t>({id, status, retired, x, y, w, h, rx, ry, group, index}),
               std::vector<int64_t>({3, 2, 1, 100, 32766, 5, 6, 65535, 7, 1, 2}));
-    ASSERT_GT(sd_bus_message_read(m_message, "(yybiiiiqqyy)", &id, &status, &retired, &x, &y, &w,
-                                  &h, &rx, &ry, &group, &index),
-              0);
-    EXPECT_EQ(sd_bus_message_read(m_message, "(yybiiiiqqyy)", &id, &status, &retired, &x, &y, &w,
-                                  &h, &rx, &ry, &group, &index),
-              0);
+    ASSERT_GT(next(), 0);
+    EXPECT_EQ(next(), 0);
 }
 
 }  // namespace

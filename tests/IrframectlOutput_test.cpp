@@ -11,11 +11,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/ChildProcess.h"
 
 extern char** environ;
 
@@ -23,13 +23,6 @@ namespace {
 
 using testing::HasSubstr;
 using Args = std::vector<std::string>;
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // What standard output of a run is.
 enum class TStdout { File, Full, Closed, BrokenPipe };
@@ -42,19 +35,13 @@ struct TRun {
 class OutputAndMessages : public testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/irframe_output_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
         unsetenv("DBUS_SESSION_BUS_ADDRESS");  // the tool opens the emulated frame itself
         setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
         m_script = File("tap.gesture", "down 1 100 100\nhold 2\nup 1\n");
     }
-    void TearDown() override { std::system(("rm -rf " + m_dir).c_str()); }
-
-    std::string Path(const std::string& name) const { return m_dir + "/" + name; }
+    std::string Path(const std::string& name) const { return m_scratch.Path(name); }
     std::string File(const std::string& name, const std::string& text) {
-        std::ofstream(Path(name), std::ios::binary) << text;
-        return Path(name);
+        return m_scratch.File(name, text);
     }
 
     // Runs a program (stdin /dev/null, stderr kept) with standard output as asked; waits for
@@ -112,7 +99,8 @@ protected:
         return driver ? Driver(std::move(args), out) : Ctl(std::move(args), out);
     }
 
-    std::string m_dir;
+    CScratchDir m_scratch{"irframe_output_test"};
+    const std::string m_dir = m_scratch.Dir();
     std::string m_script;
 };
 
