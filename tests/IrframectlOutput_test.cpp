@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -44,47 +43,39 @@ protected:
         return m_scratch.File(name, text);
     }
 
-    // Runs a program (stdin /dev/null, stderr kept) with standard output as asked; waits for
-    // it without a deadline of its own: ctest's time-out ends a hang.
+    // Runs a program (stdin /dev/null, stderr kept) with standard output as asked.
     TRun Run(const char* program, Args args, TStdout out = TStdout::File) {
         args.insert(args.begin(), program);
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        const std::string errPath = Path("stderr");
+        // Standard output's descriptor; none when closed.
+        int fd = -1;
+        int pipeEnds[2] = {-1, -1};
+        if (out == TStdout::File) {
+            fd = open(Path("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        } else if (out == TStdout::Full) {
+            fd = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        } else if (out == TStdout::BrokenPipe && pipe2(pipeEnds, O_CLOEXEC) == 0) {
+            close(pipeEnds[0]);  // nobody reads: the read end is gone before the program starts
+            fd = pipeEnds[1];
+        }
+        EXPECT_TRUE(fd >= 0 || out == TStdout::Closed);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        int pipeEnds[2] = {-1, -1};
-        switch (out) {
-            case TStdout::File:
-                posix_spawn_file_actions_addopen(&actions, 1, Path("stdout").c_str(),
-                                                 O_WRONLY | O_CREAT | O_TRUNC, 0600);
-                break;
-            case TStdout::Full:
-                posix_spawn_file_actions_addopen(&actions, 1, "/dev/full", O_WRONLY, 0);
-                break;
-            case TStdout::Closed: posix_spawn_file_actions_addclose(&actions, 1); break;
-            case TStdout::BrokenPipe:
-                // Nobody reads: the read end is closed before the program starts.
-                EXPECT_EQ(pipe(pipeEnds), 0);
-                close(pipeEnds[0]);
-                posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
-                posix_spawn_file_actions_addclose(&actions, pipeEnds[1]);
-                break;
+        if (fd >= 0) {
+            posix_spawn_file_actions_adddup2(&actions, fd, 1);
+        } else {
+            posix_spawn_file_actions_addclose(&actions, 1);
         }
-        posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(),
+        posix_spawn_file_actions_addopen(&actions, 2, Path("stderr").c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        TRun run;
         pid_t pid = -1;
         EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
-        if (pipeEnds[1] >= 0) close(pipeEnds[1]);
-        int wstatus = 0;
-        if (pid > 0 && waitpid(pid, &wstatus, 0) == pid && WIFEXITED(wstatus)) {
-            run.status = WEXITSTATUS(wstatus);
-        }
-        run.err = ReadFile(errPath);
+        if (fd >= 0) close(fd);
+        const TRun run{WaitExit(pid, kHangBoundMillis / 1000), ReadFile(Path("stderr"))};
         EXPECT_EQ(run.err.find("Sanitizer"), std::string::npos) << run.err;
         return run;
     }
