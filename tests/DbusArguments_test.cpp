@@ -22,31 +22,25 @@ std::vector<uint8_t> Pattern(size_t size, uint32_t announced) {
     return p;
 }
 
-struct TPatternCase {
-    const char* name;
-    size_t size;
-    uint32_t announced;
-    const char* refusal;  // empty: accepted
-};
-
-class ScanPatternChecks : public testing::TestWithParam<TPatternCase> {};
-
-TEST_P(ScanPatternChecks, BoundsAndAnnouncedLength) {
-    const TPatternCase& c = GetParam();
-    const std::vector<uint8_t> p = Pattern(c.size, c.announced);
-    const TArgumentCheck check = CheckScanPattern(p.data(), p.size(), TDbusArgumentLimits{});
-    EXPECT_EQ(check.ok, *c.refusal == '\0') << check.error;
-    EXPECT_THAT(check.error, HasSubstr(c.refusal));
+TEST(DbusArguments, ScanPatternBoundsAndAnnouncedLength) {
+    const struct {
+        size_t size;
+        uint32_t announced;
+        const char* refusal;  // empty: accepted
+    } cases[] = {
+        {6, 6, ""},
+        {0x200000, 0x200000, ""},
+        {5, 5, "at least 6 bytes, got 5"},
+        {0x200001, 0x200001, "at most 2097152 bytes"},
+        {70, 71, "announces 71 bytes"},
+    };
+    for (const auto& c : cases) {
+        const std::vector<uint8_t> p = Pattern(c.size, c.announced);
+        const TArgumentCheck check = CheckScanPattern(p.data(), p.size(), TDbusArgumentLimits{});
+        EXPECT_EQ(check.ok, *c.refusal == '\0') << c.size << ": " << check.error;
+        EXPECT_THAT(check.error, HasSubstr(c.refusal));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ScanPatternChecks,
-    testing::Values(TPatternCase{"Smallest", 6, 6, ""},
-                    TPatternCase{"Largest", 0x200000, 0x200000, ""},
-                    TPatternCase{"TooShort", 5, 5, "at least 6 bytes, got 5"},
-                    TPatternCase{"TooLong", 0x200001, 0x200001, "at most 2097152 bytes"},
-                    TPatternCase{"LyingAboutItsLength", 70, 71, "announces 71 bytes"}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(DbusArguments, TouchSystemFileBounds) {
     const TDbusArgumentLimits limits;
@@ -68,47 +62,41 @@ TEST(DbusArguments, OverrideRoundTrip) {
     EXPECT_EQ(nlohmann::json::parse(OverrideToJson(o)), nlohmann::json::parse(kOverride));
 }
 
-struct TOverrideCase {
-    const char* name;
-    std::string json;
-    const char* path;  // the refusal names it
-};
-
-class OverrideRefusals : public testing::TestWithParam<TOverrideCase> {};
-
-TEST_P(OverrideRefusals, NameTheFaultAndLeaveTheOutputAlone) {
-    const TOverrideCase& c = GetParam();
-    _HARDWARE_CONFIG_OVERRIDE o{};
-    o.option1 = 42;
-    const TArgumentCheck check = ParseOverrideJson(c.json, TDbusArgumentLimits{}, &o);
-    EXPECT_FALSE(check.ok);
-    EXPECT_THAT(check.error, HasSubstr(c.path));
-    EXPECT_EQ(o.option1, 42);
-}
-
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
     text.replace(text.find(from), from.size(), to);
     return text;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, OverrideRefusals,
-    testing::Values(
-        TOverrideCase{"NotJson", "{flags", "$: not valid JSON"},
-        TOverrideCase{"NotAnObject", "[1,2]", "$: an object is expected"},
-        TOverrideCase{"Empty", "", "empty"},
-        TOverrideCase{"Unknown", Replace(kOverride, "{", R"({"extra":1,)"), "$.extra: unknown"},
-        TOverrideCase{"Missing", Replace(kOverride, R"("option3":7,)", ""), "$.option3: missing"},
-        TOverrideCase{"ByteTooLarge", Replace(kOverride, "255", "256"), "$.option1: 256 is outside"},
-        TOverrideCase{"Negative", Replace(kOverride, "2500", "-1"), "$.value0: -1 is outside"},
-        TOverrideCase{"FlagsTooLarge", Replace(kOverride, "1050373", "4294967296"), "$.flags"},
-        TOverrideCase{"Huge", Replace(kOverride, "1050373", "18446744073709551615"), "$.flags"},
-        TOverrideCase{"Fraction", Replace(kOverride, "2500", "2.5"), "$.value0: an integer"},
-        TOverrideCase{"Text", Replace(kOverride, "2500", R"("2500")"), "$.value0: an integer"},
-        TOverrideCase{"ThreeEdges", Replace(kOverride, ",127]", "]"), "$.edgeAdjust: an array of 4"},
-        TOverrideCase{"EdgeTooLow", Replace(kOverride, "-15", "-129"), "$.edgeAdjust[1]"},
-        TOverrideCase{"Deep", std::string(100, '[') + std::string(100, ']'), "nested too deeply"}),
-    [](const auto& info) { return std::string(info.param.name); });
+// Each refusal names the fault and leaves the output alone.
+TEST(DbusArguments, OverrideRefusals) {
+    const struct {
+        std::string json;
+        const char* path;  // the refusal names it
+    } cases[] = {
+        {"{flags", "$: not valid JSON"},
+        {"[1,2]", "$: an object is expected"},
+        {"", "empty"},
+        {Replace(kOverride, "{", R"({"extra":1,)"), "$.extra: unknown"},
+        {Replace(kOverride, R"("option3":7,)", ""), "$.option3: missing"},
+        {Replace(kOverride, "255", "256"), "$.option1: 256 is outside"},
+        {Replace(kOverride, "2500", "-1"), "$.value0: -1 is outside"},
+        {Replace(kOverride, "1050373", "4294967296"), "$.flags"},
+        {Replace(kOverride, "1050373", "18446744073709551615"), "$.flags"},
+        {Replace(kOverride, "2500", "2.5"), "$.value0: an integer"},
+        {Replace(kOverride, "2500", R"("2500")"), "$.value0: an integer"},
+        {Replace(kOverride, ",127]", "]"), "$.edgeAdjust: an array of 4"},
+        {Replace(kOverride, "-15", "-129"), "$.edgeAdjust[1]"},
+        {std::string(100, '[') + std::string(100, ']'), "nested too deeply"},
+    };
+    for (const auto& c : cases) {
+        _HARDWARE_CONFIG_OVERRIDE o{};
+        o.option1 = 42;
+        const TArgumentCheck check = ParseOverrideJson(c.json, TDbusArgumentLimits{}, &o);
+        EXPECT_FALSE(check.ok) << c.json;
+        EXPECT_THAT(check.error, HasSubstr(c.path));
+        EXPECT_EQ(o.option1, 42) << c.json;
+    }
+}
 
 TEST(DbusArguments, OverrideTextIsBounded) {
     TDbusArgumentLimits limits;
