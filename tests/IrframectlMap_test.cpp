@@ -242,39 +242,16 @@ TEST_F(DesktopMapping, X11ThroughXinput) {
     unsetenv("DISPLAY");
 }
 
-// Mutter's monitor list and KWin's input devices, as the desktops offer them on the session bus.
+// Mutter's monitor list and KWin's input devices, as the desktops offer them on the session bus:
+// one handler answers Mutter's method and the properties of KWin's objects.
 class CFakeDesktopServices {
 public:
-    explicit CFakeDesktopServices(const CPrivateBus& bus)
-        : m_connection(bus), m_bus(m_connection.Bus()) {
-        if (m_bus == nullptr) return;
-        static const sd_bus_vtable kMutter[] = {
-            SD_BUS_VTABLE_START(0),
-            SD_BUS_METHOD("GetCurrentState", "",
-                          "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}",
-                          &CurrentState, 0),
-            SD_BUS_VTABLE_END};
-        static const sd_bus_vtable kManager[] = {
-            SD_BUS_VTABLE_START(0),
-            SD_BUS_PROPERTY("devicesSysNames", "as", &SysNames, 0, 0),
-            SD_BUS_VTABLE_END};
-        static const sd_bus_vtable kDevice[] = {
-            SD_BUS_VTABLE_START(0),
-            SD_BUS_PROPERTY("name", "s", &DeviceName, 0, 0),
-            SD_BUS_WRITABLE_PROPERTY("outputName", "s", &OutputName, &SetOutputName, 0, 0),
-            SD_BUS_VTABLE_END};
-        sd_bus_add_object_vtable(m_bus, nullptr, "/org/gnome/Mutter/DisplayConfig",
-                                 "org.gnome.Mutter.DisplayConfig", kMutter, this);
-        sd_bus_add_object_vtable(m_bus, nullptr, "/org/kde/KWin/InputDevice",
-                                 "org.kde.KWin.InputDeviceManager", kManager, this);
-        for (const char* device : {"event3", "event4"}) {
-            sd_bus_add_object_vtable(m_bus, nullptr,
-                                     (std::string("/org/kde/KWin/InputDevice/") + device).c_str(),
-                                     "org.kde.KWin.InputDevice", kDevice, this);
-        }
-        m_ok = sd_bus_request_name(m_bus, "org.gnome.Mutter.DisplayConfig", 0) >= 0 &&
-               sd_bus_request_name(m_bus, "org.kde.KWin", 0) >= 0;
-        m_connection.Serve();
+    explicit CFakeDesktopServices(const CPrivateBus& bus) : m_connection(bus) {
+        sd_bus* b = m_connection.Bus();
+        m_ok = b != nullptr && sd_bus_add_fallback(b, nullptr, "/", &Handle, this) >= 0 &&
+               sd_bus_request_name(b, "org.gnome.Mutter.DisplayConfig", 0) >= 0 &&
+               sd_bus_request_name(b, "org.kde.KWin", 0) >= 0;
+        if (m_ok) m_connection.Serve();
     }
     ~CFakeDesktopServices() { m_connection.Stop(); }
     bool Ok() const { return m_ok; }
@@ -284,45 +261,43 @@ public:
     }
 
 private:
-    static std::string SysName(const char* path) { return std::strrchr(path, '/') + 1; }
-
-    // Two monitors, each with one mode and whether it is built in; no logical monitors.
-    static int CurrentState(sd_bus_message* m, void*, sd_bus_error*) {
-        const TMonitorId& k = kMonitor;
-        return sd_bus_reply_method_return(
-            m, "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}", 7u, 2,
-            "eDP-1", "BOE", "0x0a1c", "0x00000000", 1, "1920x1080@60", 1920, 1080, 60.0, 1.0, 2, 1.0,
-            2.0, 0, 1, "is-builtin", "b", 0,
-            k.connector.c_str(), k.vendor.c_str(), k.product.c_str(), k.serial.c_str(), 1,
-            "1920x1080@60", 1920, 1080, 60.0, 1.0, 2, 1.0, 2.0, 0, 1, "is-builtin", "b", 0, 0, 0);
-    }
-    static int SysNames(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
-                        void*, sd_bus_error*) {
-        return sd_bus_message_append(reply, "as", 2, "event3", "event4");
-    }
-    static int DeviceName(sd_bus*, const char* path, const char*, const char*,
-                          sd_bus_message* reply, void*, sd_bus_error*) {
-        return sd_bus_message_append(reply, "s", SysName(path) == "event4" ? kArea.name.c_str()
-                                                                           : "Some keyboard");
-    }
-    static int OutputName(sd_bus*, const char* path, const char*, const char*,
-                          sd_bus_message* reply, void* self, sd_bus_error*) {
-        return sd_bus_message_append(
-            reply, "s", static_cast<CFakeDesktopServices*>(self)->Output(SysName(path)).c_str());
-    }
-    static int SetOutputName(sd_bus*, const char* path, const char*, const char*,
-                             sd_bus_message* value, void* self, sd_bus_error*) {
-        const char* output = nullptr;
-        const int r = sd_bus_message_read(value, "s", &output);
-        if (r < 0) return r;
+    static int Handle(sd_bus_message* m, void* self, sd_bus_error*) {
         auto* services = static_cast<CFakeDesktopServices*>(self);
+        const std::string method = sd_bus_message_get_member(m);
+        if (method == "GetCurrentState") {
+            // Two monitors, each with one mode and whether it is built in; no logical monitors.
+            const TMonitorId& k = kMonitor;
+            return sd_bus_reply_method_return(
+                m, "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}", 7u, 2, "eDP-1",
+                "BOE", "0x0a1c", "0x00000000", 1, "1920x1080@60", 1920, 1080, 60.0, 1.0, 2, 1.0,
+                2.0, 0, 1, "is-builtin", "b", 0, k.connector.c_str(), k.vendor.c_str(),
+                k.product.c_str(), k.serial.c_str(), 1, "1920x1080@60", 1920, 1080, 60.0, 1.0, 2,
+                1.0, 2.0, 0, 1, "is-builtin", "b", 0, 0, 0);
+        }
+        // Properties.Get or Set of KWin's device manager or of one device, by its sysname.
+        const char* interface = nullptr;
+        const char* property = nullptr;
+        if (sd_bus_message_read(m, "ss", &interface, &property) < 0) return 0;
+        const std::string name = property;
+        const std::string sysName = std::strrchr(sd_bus_message_get_path(m), '/') + 1;
         std::lock_guard<std::mutex> lock(services->m_mutex);
-        services->m_outputs[SysName(path)] = output;
-        return 1;
+        if (method == "Set") {
+            const char* output = "";
+            sd_bus_message_read(m, "v", "s", &output);
+            services->m_outputs[sysName] = output;
+            return sd_bus_reply_method_return(m, "");
+        }
+        if (name == "devicesSysNames") {
+            return sd_bus_reply_method_return(m, "v", "as", 2, "event3", "event4");
+        }
+        if (name == "name") {
+            return sd_bus_reply_method_return(
+                m, "v", "s", sysName == "event4" ? kArea.name.c_str() : "Some keyboard");
+        }
+        return sd_bus_reply_method_return(m, "v", "s", services->m_outputs[sysName].c_str());
     }
 
     CServedConnection m_connection;
-    sd_bus* const m_bus;
     bool m_ok = false;
     std::mutex m_mutex;
     std::map<std::string, std::string> m_outputs;  // by sysname
