@@ -341,11 +341,10 @@ TEST(DevConfigPanels, RecordBothWays) {
 
 struct PanelFault {
     const char* what;
-    std::function<Bytes()> block;
+    Bytes block;
     int panelCount;
     Check check;
 };
-
 
 Bytes WithPanels(uint8_t headerPanels, Bytes content, size_t padTo = 0) {
     if (content.size() < padTo) content.resize(padTo, 0);
@@ -375,32 +374,30 @@ Check KeyText(const std::wstring& text) {
 }
 
 const PanelFault kPanelFaults[] = {
-    {"good", [] { return WithPanels(2, TwoPanels().Content()); }, 2,
+    {"good", WithPanels(2, TwoPanels().Content()), 2,
      [](C c) { EXPECT_EQ(+c.panels[1].keys[0].keyValue3, 3u); }},
-    {"header has no panels", [] { return WithPanels(0, TwoPanels().Content()); }, 0, NoPanel0},
-    {"header has fewer panels", [] { return WithPanels(1, TwoPanels().Content()); }, 1, nullptr},
-    {"header has more panels than the index", [] { return WithPanels(4, TwoPanels().Content()); },
-     2, nullptr},
-    {"record shorter than A and S", [] { return WithPanels(2, {4, 0, 0}); }, 0, nullptr},
+    {"header has no panels", WithPanels(0, TwoPanels().Content()), 0, NoPanel0},
+    {"header has fewer panels", WithPanels(1, TwoPanels().Content()), 1, nullptr},
+    {"header has more panels than the index", WithPanels(4, TwoPanels().Content()), 2, nullptr},
+    {"record shorter than A and S", WithPanels(2, {4, 0, 0}), 0, nullptr},
     {"text area past the record",
-     [] { return WithPanels(2, TwoPanels().TextAreaSize(400).Content()); }, 0, NoPanel0},
-    {"largest A and S", [] { return WithPanels(4, {0xFF, 0xFF, 0xFF, 0xFF}, 64); }, 0, NoPanel0},
-    {"index cut by the record's end", [] { return WithPanels(1, {4, 0, 0, 0, 0x10, 0}); }, 0, nullptr},
+     WithPanels(2, TwoPanels().TextAreaSize(400).Content()), 0, NoPanel0},
+    {"largest A and S", WithPanels(4, {0xFF, 0xFF, 0xFF, 0xFF}, 64), 0, NoPanel0},
+    {"index cut by the record's end", WithPanels(1, {4, 0, 0, 0, 0x10, 0}), 0, nullptr},
     {"panel shorter than its head",
-     [] { return WithPanels(2, TwoPanels().IndexEntry(0, 16, 23).Content()); }, 0, NoPanel0},
-    {"largest O and E", [] { return WithPanels(4, {4, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, 64); }, 0,
-     nullptr},
-    {"largest E", [] { return WithPanels(4, {8, 0, 0, 0, 8, 0, 0xFF, 0xFF}, 64); }, 0, nullptr},
-    {"largest O", [] { return WithPanels(4, {8, 0, 0, 0, 0xFF, 0xFF, 24, 0}, 64); }, 0, nullptr},
+     WithPanels(2, TwoPanels().IndexEntry(0, 16, 23).Content()), 0, NoPanel0},
+    {"largest O and E", WithPanels(4, {4, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, 64), 0, nullptr},
+    {"largest E", WithPanels(4, {8, 0, 0, 0, 8, 0, 0xFF, 0xFF}, 64), 0, nullptr},
+    {"largest O", WithPanels(4, {8, 0, 0, 0, 0xFF, 0xFF, 24, 0}, 64), 0, nullptr},
     {"second panel past the record",
-     [] { return WithPanels(2, TwoPanels().IndexEntry(1, 60000, 30).Content()); }, 1,
+     WithPanels(2, TwoPanels().IndexEntry(1, 60000, 30).Content()), 1,
      [](C c) { EXPECT_EQ(+c.panels[1].id, 0); }},
     {"more than 32 keys: head kept, uncounted",
      [] {
          PanelRecordBuilder r = TwoPanels();
          r.Panel(PanelHead(3, 6, 6)).PanelBytes(Bytes(36 * 12));
          return WithPanels(3, r.Content());
-     },
+     }(),
      2, [](C c) { EXPECT_EQ(+c.panels[2].id, 3); EXPECT_EQ(+c.panels[2].rows, 6); }},
     {"entries do not fit: head kept, uncounted",
      [] {
@@ -408,7 +405,7 @@ const PanelFault kPanelFaults[] = {
          r.Panel(PanelHead(9, 2, 1)).Key(CodeKey(1, 2, 3)).PanelBytes(Bytes(11));
          r.Panel(PanelHead(8, 1, 1)).Key(CodeKey(1, 2, 3));
          return WithPanels(2, r.Content());
-     },
+     }(),
      0, [](C c) { EXPECT_EQ(+c.panels[0].id, 9); }},
     {"numbers missing: panel counted without keys",
      [] {
@@ -417,24 +414,24 @@ const PanelFault kPanelFaults[] = {
          r.Panel(PanelHead(1, 1, 2)).Key(CodeKey(4, 5, 6)).Key(TextKey(KEY_TYPE_TEXT3, t, 8)).Numbers({1, 2});
          r.Panel(PanelHead(2, 1, 1)).Key(CodeKey(7, 8, 9));
          return WithPanels(2, r.Content());
-     },
+     }(),
      2,
      [](C c) {
          EXPECT_EQ(c.panels[0].rows | c.panels[0].columns, 0);
          EXPECT_EQ(+c.panels[0].keys[0].code0, 4) << "keys before the failing one are read";
          EXPECT_EQ(+c.panels[1].keys[0].code2, 9) << "the next panel is read";
      }},
-    {"text 66 bytes", [] { return OneTextKey(Units(std::u16string(40, u'k')), 0, 66); }, 1, NoKeys},
-    {"text 64 bytes", [] { return OneTextKey(Units(std::u16string(31, u'k')), 0, 64); }, 1,
+    {"text 66 bytes", OneTextKey(Units(std::u16string(40, u'k')), 0, 66), 1, NoKeys},
+    {"text 64 bytes", OneTextKey(Units(std::u16string(31, u'k')), 0, 64), 1,
      KeyText(std::wstring(31, L'k'))},
-    {"text past the text area", [] { return OneTextKey(Units(u"Key"), 2, 8); }, 1, NoKeys},
-    {"largest text offset and length", [] { return OneTextKey({'x', 0}, 0xFFFF, 0xFF); }, 1, NoKeys},
+    {"text past the text area", OneTextKey(Units(u"Key"), 2, 8), 1, NoKeys},
+    {"largest text offset and length", OneTextKey({'x', 0}, 0xFFFF, 0xFF), 1, NoKeys},
     {"entry length without the zero: text runs to the zero",
-     [] { return OneTextKey(Units(u"Longer"), 0, 2); }, 1, KeyText(L"Longer")},
+     OneTextKey(Units(u"Longer"), 0, 2), 1, KeyText(L"Longer")},
     {"text without a zero: cut at the text area's end",
-     [] { return OneTextKey({'a', 0, 'b', 0, 'c'}, 0, 4); }, 1, KeyText(L"ab")},
+     OneTextKey({'a', 0, 'b', 0, 'c'}, 0, 4), 1, KeyText(L"ab")},
     {"text of 40 units: cut at 31",
-     [] { return OneTextKey(Units(std::u16string(40, u'z')), 0, 20, KEY_TYPE_TEXT3); }, 1,
+     OneTextKey(Units(std::u16string(40, u'z')), 0, 20, KEY_TYPE_TEXT3), 1,
      KeyText(std::wstring(31, L'z'))},
 };
 
@@ -445,7 +442,7 @@ TEST(DevConfigPanelFaults, KeepsWhatPassed) {
     for (const auto& f : kPanelFaults) {
         SCOPED_TRACE(f.what);
         auto config = FilledConfig(0);
-        ASSERT_EQ(Decode(f.block(), config.get()), DEV_CONFIG_DECODE_OK);
+        ASSERT_EQ(Decode(f.block, config.get()), DEV_CONFIG_DECODE_OK);
         EXPECT_EQ(+config->panelCount, f.panelCount);
         if (f.check) f.check(*config);
         EXPECT_EQ(+config->rec4Byte, 0x44) << "the record after it is read";
