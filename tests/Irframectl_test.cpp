@@ -307,6 +307,14 @@ TEST_F(Irframectl, ConfigRestoreShowsChangesKeepsBackupAndVerifies) {
                                        "written and read back: frame 1 now holds 2 areas, 0 panels"));
     EXPECT_EQ(ReadFile(Path("before.json")), original);
 
+    // A backup never replaces a file: the restore stops before writing the frame.
+    const TRun kept =
+        Simulated({"config", "restore", "--yes", "--backup", Path("before.json"), wanted});
+    EXPECT_EQ(kept.status, 1) << kept.err;
+    EXPECT_EQ(kept.err, "irframectl: cannot write '" + Path("before.json") +
+                            "': it exists already, and is never replaced\n");
+    EXPECT_EQ(ReadFile(Path("before.json")), original);
+
     // The backup goes next to the file unless named.
     const TRun again = Simulated({"config", "restore", "--yes", wanted});
     ASSERT_EQ(again.status, 0) << again.err;
@@ -316,10 +324,6 @@ TEST_F(Irframectl, ConfigRestoreShowsChangesKeepsBackupAndVerifies) {
 // Verify the transfers on an emulated frame: what is read is written back with progress in
 // percentages off a terminal; files that cannot be right are refused before the frame is opened.
 TEST_F(Irframectl, TransfersShowProgressAndRefuseBadFiles) {
-    const TRun get = Simulated({"scan-pattern", "get", Path("pattern.bin")});
-    ASSERT_EQ(get.status, 0) << get.err;
-    ASSERT_GE(ReadFile(Path("pattern.bin")).size(), 6u);
-
     std::string big(3000, 'x');
     big.replace(0, 6, std::string("\xB2\x00\xB8\x0B\x00\x00", 6));  // 3000 bytes, said at 2..5
     const struct {
@@ -327,6 +331,7 @@ TEST_F(Irframectl, TransfersShowProgressAndRefuseBadFiles) {
         int status;
         const char* message;
     } cases[] = {
+        {{"scan-pattern", "get", Path("pattern.bin")}, 0, "scan pattern: 100%"},
         {{"scan-pattern", "set", Path("pattern.bin")}, 0, "scan pattern: 100%"},
         {{"scan-pattern", "set", File("big.bin", big)}, 0, "scan pattern (3000 bytes) written"},
         {{"scan-pattern", "set", File("short.bin", big.substr(0, 2999))}, 4, "bytes 2..5 say 3000"},
@@ -421,16 +426,6 @@ TEST_F(IrframectlBus, ListInfoStatusThroughTheDriver) {
     EXPECT_EQ(Tool({"--direct", "--simulate", m_idle, "list"}).status, 0);
 }
 
-TEST_F(IrframectlBus, DriverRefusalIsBadInput) {
-    Serve({TFakeFrame{.refuseWrite = "/areas/0/rotation: not usable on this frame"}});
-    Json changed = Json::parse(DefaultConfig());
-    changed["areas"][0]["rotation"] = 2;
-    const TRun run = Tool({"config", "restore", "--yes", "--backup", Path("k.json"),
-                           File("r.json", changed.dump())});
-    EXPECT_EQ(run.status, 4);
-    EXPECT_THAT(run.err, HasSubstr("writing the configuration: /areas/0/rotation: not usable"));
-}
-
 // Verify that monitor and record take the driver's contact frames until the frame goes away.
 TEST_F(IrframectlBus, MonitorAndRecordThroughTheDriver) {
     const int64_t second = 1'700'000'001LL * 4'000'000;
@@ -463,9 +458,9 @@ TEST_F(IrframectlBus, MonitorAndRecordThroughTheDriver) {
 }
 
 // Verify that Ctrl-C during a transfer cancels it through the driver and says what state the
-// frame is in, and that a busy frame is its own exit status.
-TEST_F(IrframectlBus, TransferCancelAndBusy) {
-    Serve({TFakeFrame{}});
+// frame is in, and that a busy frame and a refused configuration are their own exit statuses.
+TEST_F(IrframectlBus, TransferCancelBusyAndRefusal) {
+    Serve({TFakeFrame{.refuseWrite = "/areas/0/rotation: not usable on this frame"}});
     const std::string pattern = std::string("\xB2\x00\x08\x00\x00\x00", 6) + "ab";
     CChild child = Start(IRFRAMECTL_PATH, {"scan-pattern", "set", File("p.bin", pattern)});
     ASSERT_TRUE(child.WaitForErr("scan pattern: 25%")) << child.Err();
@@ -482,6 +477,13 @@ TEST_F(IrframectlBus, TransferCancelAndBusy) {
     EXPECT_EQ(get.status, 0) << get.err;
     EXPECT_THAT(get.err, HasSubstr("scan pattern: 50%\nscan pattern: 100%\n"));
     EXPECT_EQ(ReadFile(Path("got.bin")), std::string("\xB2\x00\x06\x00\x00\x00", 6));
+
+    Json changed = Json::parse(DefaultConfig());
+    changed["areas"][0]["rotation"] = 2;
+    const TRun refused = Tool({"config", "restore", "--yes", "--backup", Path("k.json"),
+                               File("r.json", changed.dump())});
+    EXPECT_EQ(refused.status, 4);
+    EXPECT_THAT(refused.err, HasSubstr("writing the configuration: /areas/0/rotation: not usable"));
 }
 
 // Verify that no driver on the bus is a failure, and that an owner of the driver's name that
@@ -701,12 +703,6 @@ std::string LineStartingWith(const std::string& err, const std::string& prefix) 
     return {};
 }
 
-struct TWriter {
-    bool driver;
-    Args args;  // "OUT" stands for the output name
-    const char* written;  // what the output holds after a good run
-};
-
 Args WithOutput(Args args, const std::string& out) {
     for (std::string& a : args) {
         if (a == "OUT") a = out;
@@ -718,7 +714,11 @@ Args WithOutput(Args args, const std::string& out) {
 // target replaced; a directory, a FIFO and a device are refused at once with exit 1, before
 // any work (nothing recorded, nothing played), and stay what they were.
 TEST_F(OutputAndMessages, OutputNamesAreFollowedOrRefusedBeforeAnyWork) {
-    const TWriter writers[] = {
+    const struct {
+        bool driver;
+        Args args;  // "OUT" stands for the output name
+        const char* written;  // what the output holds after a good run
+    } writers[] = {
         {false, {"--simulate", m_script, "config", "dump", "OUT"}, "\"format\": \"irframe-config\""},
         {false, {"--simulate", m_script, "record", "OUT"}, "raw 1 0 100 100"},
         {false, {"--simulate", m_script, "scan-pattern", "get", "OUT"}, ""},
@@ -726,7 +726,7 @@ TEST_F(OutputAndMessages, OutputNamesAreFollowedOrRefusedBeforeAnyWork) {
     };
     ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
     ASSERT_EQ(mkdir(Path("dir").c_str(), 0700), 0);
-    for (const TWriter& w : writers) {
+    for (const auto& w : writers) {
         SCOPED_TRACE(w.args[2] + " " + w.args[3]);
         std::remove(Path("target").c_str());
         std::remove(Path("link").c_str());
@@ -795,21 +795,6 @@ TEST_F(OutputAndMessages, LostStandardOutputIsExitOneAndOneLine) {
             }
         }
     }
-}
-
-// Verify that a backup never replaces a file: the restore stops before writing the frame.
-TEST_F(OutputAndMessages, BackupNeverReplacesAFile) {
-    ASSERT_EQ(Tool({"--simulate", m_script, "config", "dump", Path("frame.json")}).status, 0);
-    std::string changed = ReadFile(Path("frame.json"));
-    changed.replace(changed.find("\"port\": "), 8, "\"port\": 1");
-    File("changed.json", changed);
-    const std::string kept = File("kept.json", "mine");
-    const TRun run = Tool({"--simulate", m_script, "config", "restore", "--yes", "--backup", kept,
-                          Path("changed.json")});
-    EXPECT_EQ(run.status, 1) << run.err;
-    EXPECT_EQ(run.err, "irframectl: cannot write '" + kept + "': it exists already, and is never "
-                       "replaced\n");
-    EXPECT_EQ(ReadFile(kept), "mine");
 }
 
 // Verify the messages about bad input: the cause is true, outside text is escaped and cut,
