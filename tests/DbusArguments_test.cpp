@@ -185,31 +185,4 @@ TEST_F(MessageTest, WrongTypeIsAnError) {
     EXPECT_EQ(text, "text");
 }
 
-TEST_F(MessageTest, ContactsInSignalOrder) {
-    TContactFrame frame;
-    frame.timeStamp = 4'000'123;
-    const TContact c{.id = 3, .status = kContactLifted, .retired = true, .x = 100, .y = 32766,
-                     .width = 5, .height = 6, .rawX = 65535, .rawY = 7, .cell = {1, 2}};
-    frame.contacts = {c, TContact{}};
-    ASSERT_GE(AppendContacts(m_message, frame), 0);
-    Seal();
-    int64_t stamp = 0;
-    ASSERT_GE(sd_bus_message_read(m_message, "x", &stamp), 0);
-    EXPECT_EQ(stamp, 4'000'123);
-    ASSERT_GT(sd_bus_message_enter_container(m_message, 'a', "(yybiiiiqqyy)"), 0);
-    uint8_t id, status, group, index;
-    int retired;
-    int32_t x, y, w, h;
-    uint16_t rx, ry;
-    const auto next = [&] {
-        return sd_bus_message_read(m_message, "(yybiiiiqqyy)", &id, &status, &retired, &x, &y, &w,
-                                   &h, &rx, &ry, &group, &index);
-    };
-    ASSERT_GT(next(), 0);
-    EXPECT_EQ(std::vector<int64_t>({id, status, retired, x, y, w, h, rx, ry, group, index}),
-              std::vector<int64_t>({3, 2, 1, 100, 32766, 5, 6, 65535, 7, 1, 2}));
-    ASSERT_GT(next(), 0);
-    EXPECT_EQ(next(), 0);
-}
-
 }  // namespace

@@ -430,30 +430,31 @@ TEST_F(IrframectlBus, ListInfoStatusThroughTheDriver) {
 TEST_F(IrframectlBus, MonitorAndRecordThroughTheDriver) {
     const int64_t second = 1'700'000'001LL * 4'000'000;
     const TContact down{.id = 1, .x = 100, .y = 200, .rawX = 10, .rawY = 20};
-    const TContact moving{.id = 1, .status = 1, .x = 110, .y = 200, .rawX = 11, .rawY = 20,
-                          .cell = {0xFF, 2}};
+    const TContact other{.id = 2, .x = 300, .y = 400};
+    const TContact moving{.id = 1, .status = 1, .x = 110, .y = 200, .width = 5, .height = 6,
+                          .rawX = 11, .rawY = 20, .cell = {0xFF, 2}};
     TContact retired = moving;
     retired.retired = true;
     // Its node says it is simulated: its going away is the end of its script.
     Serve({TFakeFrame{.node = "simulated:x.gesture",
-                      .contacts = {{1, second, {down}},
+                      .contacts = {{1, second, {down, other}},
                                    {1, second + 10'000, {moving}},
                                    {1, second + 20'000, {}},
                                    {1, second + 30'000, {retired}}}}});
     const TRun monitor = Tool({"monitor", "--json"});
     EXPECT_EQ(monitor.status, 0) << monitor.err;
     const Lines lines = SplitLines(monitor.out);
-    ASSERT_EQ(lines.size(), 3u) << monitor.out;
-    EXPECT_EQ(lines[1],
+    ASSERT_EQ(lines.size(), 4u) << monitor.out;
+    EXPECT_EQ(lines[2],
               R"({"frame":1,"timeStamp":6800000004010000,"id":1,"status":1,"retired":false,"x":110,)"
-              R"("y":200,"width":0,"height":0,"rawX":11,"rawY":20,"cell":[255,2],"place":"panel","index":2})");
+              R"("y":200,"width":5,"height":6,"rawX":11,"rawY":20,"cell":[255,2],"place":"panel","index":2})");
     EXPECT_THAT(Tool({"monitor"}).out,
-                HasSubstr("  0.010000  id 1   moving   raw    11,20     at   110,200    panel 2"));
+                HasSubstr("  0.010000  id 1   moving   raw    11,20     at   110,200    size 5x6  panel 2"));
 
     const TRun record = Tool({"record", Path("r.gesture")});
     EXPECT_EQ(record.status, 0) << record.err;
     EXPECT_THAT(ReadFile(Path("r.gesture")),
-                testing::EndsWith("raw 1 0 100 200\nraw 1 1 110 200\nhold 2\n"));
+                testing::EndsWith("raw 1 0 100 200, 2 0 300 400\nraw 1 1 110 200\nhold 2\n"));
     EXPECT_EQ(m_fake->Calls("SubscribeContacts"), 3);
 }
 
