@@ -393,17 +393,13 @@ protected:
         m_bus = std::make_unique<CPrivateBus>();
         ASSERT_TRUE(m_bus->Ready()) << "dbus-daemon is needed (Debian package dbus-daemon)";
     }
-    void TearDown() override {
-        m_fake.reset();
-        m_bus.reset();
-    }
     void Serve(std::vector<TFakeFrame> frames) {
         m_fake = std::make_unique<CFakeDriver>(*m_bus, std::move(frames));
         ASSERT_TRUE(m_fake->Ok());
     }
 
     std::unique_ptr<CPrivateBus> m_bus;
-    std::unique_ptr<CFakeDriver> m_fake;
+    std::unique_ptr<CFakeDriver> m_fake;  // goes before the bus
 };
 
 // Verify that the tool goes through the driver when it runs, and shows its frames.
@@ -542,7 +538,6 @@ protected:
             m_driver->Signal(SIGTERM);
             m_driver->Wait();
         }
-        IrframectlBus::TearDown();
     }
 
     // A carried value changed: writing it releases a frame that holds its script.
