@@ -14,28 +14,20 @@ namespace {
 
 using testing::HasSubstr;
 
-std::vector<uint8_t> Pattern(size_t size, uint32_t announced) {
-    std::vector<uint8_t> p(size, 0x11);
-    if (size >= 6) {
-        for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<uint8_t>(announced >> (8 * i));
-    }
-    return p;
-}
-
 TEST(DbusArguments, ScanPatternBoundsAndAnnouncedLength) {
     const struct {
         size_t size;
         uint32_t announced;
         const char* refusal;  // empty: accepted
     } cases[] = {
-        {6, 6, ""},
-        {0x200000, 0x200000, ""},
-        {5, 5, "at least 6 bytes, got 5"},
-        {0x200001, 0x200001, "at most 2097152 bytes"},
-        {70, 71, "announces 71 bytes"},
+        {6, 6, ""}, {0x200000, 0x200000, ""}, {0x200001, 0x200001, "at most 2097152 bytes"},
+        {70, 71, "announces 71 bytes"}, {5, 5, "at least 6 bytes, got 5"},
     };
     for (const auto& c : cases) {
-        const std::vector<uint8_t> p = Pattern(c.size, c.announced);
+        std::vector<uint8_t> p(c.size, 0x11);  // bytes 2..5 announce its length
+        for (int i = 0; c.size >= 6 && i < 4; ++i) {
+            p[2 + i] = static_cast<uint8_t>(c.announced >> (8 * i));
+        }
         const TArgumentCheck check = CheckScanPattern(p.data(), p.size(), TDbusArgumentLimits{});
         EXPECT_EQ(check.ok, *c.refusal == '\0') << c.size << ": " << check.error;
         EXPECT_THAT(check.error, HasSubstr(c.refusal));

@@ -100,7 +100,9 @@ TEST(IrframectlGestureRecorder, PlaysBackToTheRecordedFrames) {
         for (const _HARDWARE_SDK_POINT* p = played->points; p != nullptr; p = p->next) {
             seen.push_back({p->id, p->status, p->x, p->y});
         }
-        for (const TMonitoredContact& c : frames[i].contacts) want.push_back({c.id, c.status, c.x, c.y});
+        for (const TMonitoredContact& c : frames[i].contacts) {
+            want.push_back({c.id, c.status, c.x, c.y});
+        }
         EXPECT_EQ(seen, want) << "frame " << i;
     }
     EXPECT_EQ(player.NextFrame(), nullptr);

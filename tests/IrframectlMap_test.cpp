@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <tuple>
 
 #include "FrameAccess.h"
 #include "support/ChildProcess.h"
@@ -103,10 +104,8 @@ TEST(DesktopDetection, FromTheSessionVariables) {
 // apart, and one that does not end killed at the time-out.
 TEST(DesktopMappingParts, RunProgram) {
     const TProgramResult echo = RunProgram({"sh", "-c", "echo out; echo err >&2; exit 3"});
-    EXPECT_TRUE(echo.found);
-    EXPECT_EQ(echo.status, 3);
-    EXPECT_EQ(echo.out, "out\n");
-    EXPECT_EQ(echo.err, "err\n");
+    EXPECT_EQ(std::tie(echo.found, echo.status, echo.out, echo.err),
+              std::make_tuple(true, 3, "out\n", "err\n"));
     EXPECT_FALSE(RunProgram({"irframe-no-such-program"}).found);
     const TProgramResult stuck = RunProgram({"sleep", "600"}, 50);
     EXPECT_EQ(stuck.status, -1);
@@ -139,10 +138,8 @@ TEST_F(DesktopMapping, GnomeThroughGsettings) {
     // Without a session bus Mutter cannot be asked: the connector alone, and a note saying so.
     std::vector<std::string> notes;
     const TMonitorId known = Mapping(TDesktop::Gnome)->Monitor("DP-2", &notes);
-    EXPECT_EQ(known.connector, "DP-2");
-    EXPECT_EQ(known.vendor, "");
-    ASSERT_EQ(notes.size(), 1u);
-    EXPECT_THAT(notes[0], HasSubstr("inside the GNOME session"));
+    EXPECT_EQ(std::tie(known.connector, known.vendor), std::make_tuple("DP-2", ""));
+    EXPECT_THAT(notes, testing::ElementsAre(HasSubstr("inside the GNOME session")));
 }
 
 // Verify KDE's kcminputrc entry read back by kreadconfig5, one group per device.
@@ -221,8 +218,10 @@ TEST_F(DesktopMapping, X11ThroughXinput) {
         m_dir + "/xvfb.err");
     ASSERT_GT(xvfb, 0) << "Xvfb is needed (Debian package xvfb)";
     std::string display;
-    ASSERT_TRUE(WaitUntil([&] { return (display = ReadFile(out)).find('\n') != std::string::npos; }))
-        << ReadFile(m_dir + "/xvfb.err");
+    ASSERT_TRUE(WaitUntil([&] {
+        display = ReadFile(out);
+        return display.find('\n') != std::string::npos;
+    })) << ReadFile(m_dir + "/xvfb.err");
     setenv("DISPLAY", (":" + display.substr(0, display.find('\n'))).c_str(), 1);
 
     // Xvfb's own devices keep their properties whatever a client sets (checked with xinput
@@ -235,7 +234,8 @@ TEST_F(DesktopMapping, X11ThroughXinput) {
                 HasSubstr("Coordinate Transformation Matrix 1 0 0 0 1 0 0 0 1"));
     EXPECT_THAT(Refusal([&] { Map(TDesktop::X11, mouse, {"HDMI-9", "", "", ""}); }),
                 HasSubstr("screen"));
-    EXPECT_THAT(Refusal([&] { Map(TDesktop::X11, {"no such device", 0, 0}, {"screen", "", "", ""}); }),
+    const TTouchscreenId missing{"no such device", 0, 0};
+    EXPECT_THAT(Refusal([&] { Map(TDesktop::X11, missing, {"screen", "", "", ""}); }),
                 HasSubstr("irframed runs with --touchscreen"));
     kill(xvfb, SIGTERM);
     waitpid(xvfb, nullptr, 0);

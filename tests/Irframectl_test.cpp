@@ -142,8 +142,12 @@ private:
                 f.serial.c_str(), "State", "s", "running", "Geometry", "(iiii)", 8191, 4095, 32766,
                 16383, "ConfigSummary", "s", "1 area, 0 panels");
         }
-        if (method == "ReadInfo") return sd_bus_reply_method_return(m, "s", R"({"bytes":"49522d3031"})");
-        if (method == "ReadStatus") return sd_bus_reply_method_return(m, "s", R"({"bytes":"00ff10"})");
+        if (method == "ReadInfo") {
+            return sd_bus_reply_method_return(m, "s", R"({"bytes":"49522d3031"})");
+        }
+        if (method == "ReadStatus") {
+            return sd_bus_reply_method_return(m, "s", R"({"bytes":"00ff10"})");
+        }
         if (method == "ReadConfig") return sd_bus_reply_method_return(m, "s", f.config.c_str());
         if (method == "WriteConfig") {
             const char* json = "";
@@ -181,7 +185,8 @@ private:
             AppendContacts(s, frame);
             Send(s);
         }
-        return sd_bus_emit_signal(bus, kRoot, kBusName, "FrameRemoved", "o", Path(f.number).c_str());
+        return sd_bus_emit_signal(bus, kRoot, kBusName, "FrameRemoved", "o",
+                                  Path(f.number).c_str());
     }
 
     std::vector<TFakeFrame> m_frames;
@@ -241,9 +246,10 @@ constexpr const char* kScroll =
 // Verify that a recorded session played by irframed --simulate posts exactly the events that
 // the session itself posted.
 TEST_F(Irframectl, RecordingReplaysToTheSameEvents) {
-    for (const char* text :
-         {kScroll, "wait 130ms\ndown 1 16000 16000\nup 1\nhold 3\ndown 1 16010 16000\nup 1\nhold 3\n",
-          "down 3 9000 9000\nmove 3 20000 9500 in 15\nvanish 3\nhold 2\n"}) {
+    for (const char* text : {kScroll,
+                             "wait 130ms\ndown 1 16000 16000\nup 1\nhold 3\n"
+                             "down 1 16010 16000\nup 1\nhold 3\n",
+                             "down 3 9000 9000\nmove 3 20000 9500 in 15\nvanish 3\nhold 2\n"}) {
         SCOPED_TRACE(text);
         const std::string script = File("session.gesture", text);
         const TRun run = Tool({"--simulate", script, "record", Path("recorded.gesture")});
@@ -268,7 +274,8 @@ TEST_F(Irframectl, MonitorJsonShowsTheScriptContacts) {
     for (const std::string& line : SplitLines(run.out)) {
         const Json j = Json::parse(line);
         if (firstStamp < 0) firstStamp = j["timeStamp"].get<int64_t>();
-        seen.push_back(Json::array({j["id"], j["status"], j["retired"], j["x"], j["y"], j["place"]}).dump());
+        seen.push_back(
+            Json::array({j["id"], j["status"], j["retired"], j["x"], j["y"], j["place"]}).dump());
     }
     EXPECT_THAT(seen, testing::ElementsAre(
                           R"([1,0,false,1000,2000,"area"])", R"([2,0,false,30000,4000,"area"])",
@@ -302,9 +309,9 @@ TEST_F(Irframectl, ConfigRestoreShowsChangesKeepsBackupAndVerifies) {
     const TRun restore =
         Simulated({"config", "restore", wanted, "--yes", "--backup", Path("before.json")});
     ASSERT_EQ(restore.status, 0) << restore.err;
-    EXPECT_THAT(restore.out, HasSubstr("  /flags: \"0x00101F05\" -> \"0x00101705\"\n"
-                                       "  /areas/1: added\n"
-                                       "written and read back: frame 1 now holds 2 areas, 0 panels"));
+    EXPECT_THAT(restore.out,
+                HasSubstr("  /flags: \"0x00101F05\" -> \"0x00101705\"\n  /areas/1: added\n"
+                          "written and read back: frame 1 now holds 2 areas, 0 panels"));
     EXPECT_EQ(ReadFile(Path("before.json")), original);
 
     // A backup never replaces a file: the restore stops before writing the frame.
