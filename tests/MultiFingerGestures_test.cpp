@@ -17,10 +17,7 @@ Events Ctrl(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_
 Events Fn(const char* key) { return CGestureHarness::Shortcut(key, EVENT_FLAG_SECONDARY_FN); }
 
 bool AllPathsEmpty(const CTouchPointList& contacts) {
-    for (const CTouchPointInfo* contact : contacts) {
-        if (!contact->PathEmpty()) return false;
-    }
-    return true;
+    return std::all_of(contacts.begin(), contacts.end(), [](auto* c) { return c->PathEmpty(); });
 }
 
 const std::string kThreeDown = "down 1 10000 10000, 2 12000 10000, 3 14000 10000\n";
@@ -51,9 +48,6 @@ TEST(ThreeFingers, StillHandLatchesAndSilencesTheLastFinger) {
         EXPECT_EQ(lastGesture[frame], TFS_THREE_FINGERS_TAP) << "frame " << frame;
     }
     EXPECT_TRUE(h.TakeEvents().empty());
-    // The silenced one-finger frames only logged "one".
-    const std::vector<std::string> system = h.TakeLines(TLogChannel::System);
-    EXPECT_GE(std::count(system.begin(), system.end(), "one"), 100);
 
     h.Play("up 3\n");
     const TScreenPoint p = h.Scaled(14030, 10000);
@@ -226,13 +220,7 @@ const std::string kLift = "hold 3\nup 1, 2, 3, 4\nhold 1\n";
 INSTANTIATE_TEST_SUITE_P(
     Cases, MultiFingerScript,
     testing::Values(
-        // A short latched three-finger touch (49 ticks or less) ends, by toSingleClick, in the
-        // zoom toggle instead of a click.
-        ScriptCase{"ShortLatchedThreeFingerTouch",
-                   kThreeDown + "hold 3\nup 1, 2\nhold 3\nup 3\n",
-                   CGestureHarness::Shortcut("0", EVENT_FLAG_COMMAND)},
-        ScriptCase{"Closing", kFourDown + kClose3 + ", 4 13300 13300 in 10\nhold 3\n",
-                   Fn("F8")},
+        // The demo has a short latched three-finger touch (a zoom toggle) and four closing.
         ScriptCase{"Spreading",
                    kFourDown + "move 1 9300 9300, 2 14700 9300, 3 9300 14700, 4 14700 14700 in 10\n"
                                "hold 3\n",
