@@ -53,97 +53,83 @@ const std::string kZoomDown = "down 1 10000 10000, 2 20000 10000\n";
 const std::string kScrollDown = "down 1 10000 8000, 2 14000 8000\n";
 
 struct ScriptCase {
-    const char* name;
     std::string script;
-    Events events;                        // after the right click, when clickX is set
-    const char* log = nullptr;            // a system log line the outcome writes
+    Events events;                          // after the right click, when clickX is set
+    const char* log = nullptr;              // a system log line the outcome writes
     TELO_FINGER_STATUS gesture = TFS_NONE;  // when set: the last outcome, with paths restarted
-    float clickX = 0, clickY = 0;         // right click at this device position first
+    float clickX = 0, clickY = 0;           // right click at this device position first
 };
 
-class TwoFingerScript : public testing::TestWithParam<ScriptCase> {};
-
 // Verify each two-finger gesture by the exact events its script posts.
-TEST_P(TwoFingerScript, PostsExactEvents) {
-    const ScriptCase& c = GetParam();
-    CGestureHarness h;
-    h.Play(c.script);
-    const Events click = c.clickX != 0 ? RightClick(h, c.clickX, c.clickY) : Events{};
-    EXPECT_EQ(h.TakeEvents(), Concat({click, c.events}));
-    if (c.log) {
-        EXPECT_THAT(h.TakeLines(TLogChannel::System), testing::Contains(c.log));
-    }
-    if (c.gesture != TFS_NONE) {
-        EXPECT_EQ(h.container.localGesture, c.gesture);
-        for (const CTouchPointInfo* contact : h.tracker.Tracked()) {
-            EXPECT_LE(contact->PathSize(), 1u);
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, TwoFingerScript,
-    testing::Values(
+TEST(TwoFingerScripts, PostExactEvents) {
+    const ScriptCase cases[] = {
         // Scroll (down: the demo): C0's vertical movement / 10, truncated toward zero, whatever
         // C1 moved; the log says TFS_TWO_FINGERS_UP both ways.
-        ScriptCase{"ScrollUp", kScrollDown + "move 1 10000 7500, 2 14000 7500 in 5\n", Scroll(-50),
-                   "TFS_TWO_FINGERS_UP", TFS_TWO_FINGERS_UP},
-        ScriptCase{"ScrollDownTruncated", kScrollDown + "move 1 10000 8555, 2 14000 8900 in 5\n",
-                   Scroll(55), nullptr, TFS_TWO_FINGERS_DOWN},
-        ScriptCase{"ScrollUpTruncatedTowardZero",
-                   kScrollDown + "move 1 10000 7445, 2 14000 7100 in 5\n", Scroll(-55)},
+        {kScrollDown + "move 1 10000 7500, 2 14000 7500 in 5\n", Scroll(-50), "TFS_TWO_FINGERS_UP",
+         TFS_TWO_FINGERS_UP},
+        {kScrollDown + "move 1 10000 8555, 2 14000 8900 in 5\n", Scroll(55), nullptr,
+         TFS_TWO_FINGERS_DOWN},
+        {kScrollDown + "move 1 10000 7445, 2 14000 7100 in 5\n", Scroll(-55)},
         // The paths restart at 8600 after the first scroll, so the next fires at 9100; the lift
         // right after posts nothing.
-        ScriptCase{"ScrollTwiceThenLift",
-                   kScrollDown + "move 1 10000 9100, 2 14000 9100 in 11\nup 1, 2\n",
-                   Concat({Scroll(50), Scroll(50)})},
+        {kScrollDown + "move 1 10000 9100, 2 14000 9100 in 11\nup 1, 2\n",
+         Concat({Scroll(50), Scroll(50)})},
         // Bearings 53 degrees apart, or C0 short of 500: no scroll.
-        ScriptCase{"SpreadNoScroll", kScrollDown + "move 1 10000 8600, 2 13400 8450 in 6\n", {}},
-        ScriptCase{"ShortNoScroll", kScrollDown + "move 1 10000 8499, 2 14000 8900 in 6\n", {}},
+        {kScrollDown + "move 1 10000 8600, 2 13400 8450 in 6\n", {}},
+        {kScrollDown + "move 1 10000 8499, 2 14000 8900 in 6\n", {}},
         // Swipes post the crossed arrow (left: the demo).
-        ScriptCase{"SwipeRight",
-                   "down 1 10000 10000, 2 10000 14000\nmove 1 10500 10000, 2 10500 14000 in 5\n",
-                   Cmd("LEFT"), "TFS_TWO_FINGERS_RIGHT", TFS_TWO_FINGERS_RIGHT},
+        {"down 1 10000 10000, 2 10000 14000\nmove 1 10500 10000, 2 10500 14000 in 5\n", Cmd("LEFT"),
+         "TFS_TWO_FINGERS_RIGHT", TFS_TWO_FINGERS_RIGHT},
         // 80.0 points from the edge of a 1920-point screen is x = 31401.9: a first position at
         // 31401 is a plain swipe; either contact's first position at 31403 makes it the border.
-        ScriptCase{"LeftSwipe80PointsFromEdge",
-                   "down 1 31401 10000, 2 31401 14000\nmove 1 30801 10000, 2 30801 14000 in 6\n",
-                   Cmd("RIGHT")},
-        ScriptCase{"LeftSwipeC1WithinEdge",
-                   "down 1 30000 10000, 2 31403 14000\nmove 1 29400 10000, 2 30803 14000 in 6\n",
-                   F7(), "TFS_TWO_FINGERS_BORDER"},
+        {"down 1 31401 10000, 2 31401 14000\nmove 1 30801 10000, 2 30801 14000 in 6\n",
+         Cmd("RIGHT")},
+        {"down 1 30000 10000, 2 31403 14000\nmove 1 29400 10000, 2 30803 14000 in 6\n", F7(),
+         "TFS_TWO_FINGERS_BORDER"},
         // Zoom from C0 at (10000, 10000) and C1 at (20000, 10000): a moved contact (801 or more)
         // against a still one (799 or less), or both moved in different sectors; 800 decides
         // nothing, and the distance to the reference must change by 800. C0 pinching in: the
         // demo.
-        ScriptCase{"OnlyC0Spreads", kZoomDown + "move 1 9000 10000 in 10\n", Cmd("+"),
-                   "TFS_TWO_FINGERS_ZOOM_OUT"},
-        ScriptCase{"OnlyC1PinchesIn", kZoomDown + "move 2 19000 10000 in 10\n", Cmd("-")},
-        ScriptCase{"OnlyC1Spreads", kZoomDown + "move 2 21000 10000 in 10\n", Cmd("+")},
-        ScriptCase{"BothPinchIn", kZoomDown + "move 1 11000 10000, 2 19000 10000 in 10\n", Cmd("-")},
-        ScriptCase{"BothSpread", kZoomDown + "move 1 9000 10000, 2 21000 10000 in 10\n", Cmd("+")},
-        ScriptCase{"C0ExactlyEightHundred", kZoomDown + "move 1 10800 10000 in 8\nhold 5\n", {}},
-        ScriptCase{"C1ExactlyEightHundred", kZoomDown + "move 2 19200 10000 in 8\nhold 5\n", {}},
-        ScriptCase{"C0MovedC1AtEightHundred",
-                   kZoomDown + "move 2 19200 10000 in 8\nmove 1 10900 10000 in 9\nhold 5\n", {}},
-        ScriptCase{"ZoomAcrossTheAxis", kZoomDown + "move 1 10000 10900 in 9\nhold 5\n", {}},
+        {kZoomDown + "move 1 9000 10000 in 10\n", Cmd("+"), "TFS_TWO_FINGERS_ZOOM_OUT"},
+        {kZoomDown + "move 2 19000 10000 in 10\n", Cmd("-")},
+        {kZoomDown + "move 2 21000 10000 in 10\n", Cmd("+")},
+        {kZoomDown + "move 1 11000 10000, 2 19000 10000 in 10\n", Cmd("-")},
+        {kZoomDown + "move 1 9000 10000, 2 21000 10000 in 10\n", Cmd("+")},
+        {kZoomDown + "move 1 10800 10000 in 8\nhold 5\n", {}},
+        {kZoomDown + "move 2 19200 10000 in 8\nhold 5\n", {}},
+        {kZoomDown + "move 2 19200 10000 in 8\nmove 1 10900 10000 in 9\nhold 5\n", {}},
+        {kZoomDown + "move 1 10000 10900 in 9\nhold 5\n", {}},
         // Rotation, once, by the trend of the contact that turned: C1 circling C0 (A-B over 35),
         // or C0 circling C1 (A-B and E-C stay, C-A grows). C1 clockwise: the demo.
-        ScriptCase{"C1Anticlockwise", Orbit(2, 16000, 16000, 5000, 20, -40, 5), Cmd("l"),
-                   "TFS_TWO_FINGERS_ROTATE_ACLOCKWISE"},
-        ScriptCase{"C0Clockwise", Orbit(1, 16000, 16000, 5000, 160, 220, 5), Cmd("r")},
-        ScriptCase{"C0Anticlockwise", Orbit(1, 16000, 16000, 5000, 200, 140, 5), Cmd("l")},
+        {Orbit(2, 16000, 16000, 5000, 20, -40, 5), Cmd("l"), "TFS_TWO_FINGERS_ROTATE_ACLOCKWISE"},
+        {Orbit(1, 16000, 16000, 5000, 160, 220, 5), Cmd("r")},
+        {Orbit(1, 16000, 16000, 5000, 200, 140, 5), Cmd("l")},
         // A finger moved 900 across the axis (no swipe, no zoom): the lift is no tap.
-        ScriptCase{"MovedLiftIsNoTap",
-                   "down 1 10000 10000, 2 14000 10000\nhold 20\nmove 1 10000 9100 in 5\n"
-                   "hold 10\nup 1, 2\n",
-                   {}},
+        {"down 1 10000 10000, 2 14000 10000\nhold 20\nmove 1 10000 9100 in 5\n"
+         "hold 10\nup 1, 2\n",
+         {}},
         // The tap's lift, then finger 1 back down and up again 4 ticks later: the zoom toggle.
-        ScriptCase{"SecondLiftWithin14TicksTogglesZoom",
-                   "down 1 10000 10000, 2 14000 10000\nhold 30\nup 1\ndown 1 10000 10000\n"
-                   "hold 5\nup 1\n",
-                   Cmd("0"), "TFS_TWO_FINGERS_DBCLICK", TFS_NONE, 12000, 10000}),
-    [](const testing::TestParamInfo<ScriptCase>& info) { return info.param.name; });
+        {"down 1 10000 10000, 2 14000 10000\nhold 30\nup 1\ndown 1 10000 10000\n"
+         "hold 5\nup 1\n",
+         Cmd("0"), "TFS_TWO_FINGERS_DBCLICK", TFS_NONE, 12000, 10000},
+    };
+    for (const ScriptCase& c : cases) {
+        SCOPED_TRACE(c.script);
+        CGestureHarness h;
+        h.Play(c.script);
+        const Events click = c.clickX != 0 ? RightClick(h, c.clickX, c.clickY) : Events{};
+        EXPECT_EQ(h.TakeEvents(), Concat({click, c.events}));
+        if (c.log) {
+            EXPECT_THAT(h.TakeLines(TLogChannel::System), testing::Contains(c.log));
+        }
+        if (c.gesture != TFS_NONE) {
+            EXPECT_EQ(h.container.localGesture, c.gesture);
+            for (const CTouchPointInfo* contact : h.tracker.Tracked()) {
+                EXPECT_LE(contact->PathSize(), 1u);
+            }
+        }
+    }
+}
 
 // Verify that a left swipe starting within 80 points of the right edge posts Fn-F7 once, then
 // nothing (not even an opposite swipe or a scroll) until all fingers lift; afterwards it works
@@ -281,7 +267,9 @@ TEST(TwoFingerLift, DecidesByTicks) {
         EXPECT_EQ(h.container.twoFingerTick, h.Tick());
         std::vector<std::string> expected{"currTime-twolastTickTime:" +
                                           std::to_string(c.sinceLastLift)};
-        if (!dbclick) expected.push_back("currTime-lastTickTime:" + std::to_string(c.sinceLastFrame));
+        if (!dbclick) {
+            expected.push_back("currTime-lastTickTime:" + std::to_string(c.sinceLastFrame));
+        }
         if (c.outcome != TFS_NONE) expected.push_back(TeloFingerStatusName(c.outcome));
         std::vector<std::string> lines = h.TakeLines(TLogChannel::System);
         lines.resize(std::min(lines.size(), expected.size()));
