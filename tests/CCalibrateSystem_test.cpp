@@ -143,35 +143,48 @@ TEST_F(CalibrateSystemTest, GeometryBelowOneIsRefusedAndWidthsDerived) {
 }
 
 // The default area, hand-built and from the product defaults (their block round trip is the
-// codec's test): raw (16384, 16384) lands on (960, 540); raw X growing makes output X shrink;
-// the span is that of the contact's corners (rawX 15884 / 16884, rawY 16084 / 16684).
-TEST_F(CalibrateSystemTest, DefaultAreaMapsCentreAndMirrorsX) {
+// codec's test): raw (16384, 16384) lands on (960, 540); raw X growing makes output X shrink.
+// Raw positions are signed 16-bit values: a frame reports a contact just beyond its low edge as
+// 0xFFFF (-1), which stays on that side. The span is that of the contact's signed corners.
+TEST_F(CalibrateSystemTest, DefaultAreaMapsCentreMirrorsXAndWidensWithSign) {
     auto handBuilt = WithAreas(kAreasKeep, {DefaultArea(9, 3)});
     auto defaults = std::make_unique<_HARDWARE_DEV_CONFIG>();
     DefaultDevConfig(0, 0, defaults.get());
     DefaultDevCalConfig(0, 0, defaults.get());
     const std::pair<const _HARDWARE_DEV_CONFIG*, std::pair<int, int>> cases[] = {
         {handBuilt.get(), {3, 9}}, {defaults.get(), {0, 0}}};
+    const std::vector<Contact> contacts = {
+        {1, 2, 16384, 16384, 1000, 600},  {2, 2, 20000, 16384, 1000, 600},
+        {3, 2, 24000, 16384, 1000, 600},  {4, 2, 0xFFFF, 16384, 1000, 600},
+        {5, 2, 16384, 0xFFFF, 1000, 600}, {6, 2, 0x8000, 0x8000, 1000, 600},
+        {7, 2, 0xFFFF, 0xFFFF, 1000, 600}};
+    // 960 * 32767 / 1920 = 16383.5; low raw X maps to high output X.
+    const std::pair<int, int> expected[] = {
+        {16383, 16383}, {}, {}, {32766, 16383}, {16383, 1}, {32766, 1}, {32766, 1}};
     for (const auto& [config, cell] : cases) {
         CCalibrateSystem system;
         ASSERT_TRUE(system.InitCalibrateSys(config, &geometry));
         EXPECT_TRUE(system.KeepOutside());
         EXPECT_EQ(system.Buttons(), nullptr);
         ASSERT_EQ(Count(system.Areas()), 1);
-        Frame frame({{1, 2, 16384, 16384, 1000, 600}, {2, 2, 20000, 16384}, {3, 2, 24000, 16384}});
+        Frame frame(contacts);
         Run(system, frame);
-        EXPECT_EQ(system.Slot(1)->x, 960.0f);
-        EXPECT_EQ(system.Slot(1)->y, 540.0f);
-        EXPECT_EQ(Xy(frame[0]), std::make_pair(16383, 16383));  // 960 * 32767 / 1920 = 16383.5
+        EXPECT_EQ(std::make_pair(system.Slot(1)->x, system.Slot(1)->y),
+                  std::make_pair(960.0f, 540.0f));
         EXPECT_EQ(Cell(frame[0]), cell);
         EXPECT_LT(frame[1].x, frame[0].x);
         EXPECT_LT(frame[2].x, frame[1].x);
         EXPECT_EQ(frame[2].y, frame[0].y);
-        auto hid = [&](int x, int y) { return Through(DefaultArea(), system.Blend(), x, y); };
-        EXPECT_EQ(frame[0].width, hid(15884, 16084).hidX - hid(16884, 16084).hidX);
-        EXPECT_EQ(frame[0].height, hid(15884, 16684).hidY - hid(15884, 16084).hidY);
         EXPECT_GT(frame[0].width, 900);
         EXPECT_GT(frame[0].height, 500);
+        auto hid = [&](int x, int y) { return Through(DefaultArea(), system.Blend(), x, y); };
+        for (size_t i : {0, 3, 4, 5, 6}) {
+            SCOPED_TRACE(i);
+            EXPECT_EQ(Xy(frame[i]), expected[i]);
+            const int x0 = int16_t(contacts[i].x) - 500, y0 = int16_t(contacts[i].y) - 300;
+            EXPECT_EQ(frame[i].width, hid(x0, y0).hidX - hid(x0 + 1000, y0).hidX);
+            EXPECT_EQ(frame[i].height, hid(x0, y0 + 600).hidY - hid(x0, y0).hidY);
+        }
     }
 }
 
@@ -457,35 +470,6 @@ TEST_F(CalibrateSystemTest, FloatDesktopAndSdkForms) {
     EXPECT_EQ(frame[2].width, 30);
     EXPECT_EQ(frame[2].height, -20);
     EXPECT_EQ(Cell(frame[2]), std::make_pair(2, 4));
-}
-
-// Raw positions are signed 16-bit values: a frame reports a contact just beyond its low edge
-// as 0xFFFF (-1). Through an area, the contact and the corners of its rectangle stay on that
-// side; the span is that of the signed corners.
-TEST_F(CalibrateSystemTest, RawPositionsWidenedWithSignThroughAnArea) {
-    auto config = WithAreas(kAreasKeep, {DefaultArea()});
-    ASSERT_TRUE(cal.InitCalibrateSys(config.get(), &geometry));
-    struct Case {
-        uint16_t rawX, rawY;
-        int x, y;  // low raw X maps to high output X
-    };
-    const Case cases[] = {
-        {0xFFFF, 16384, 32766, 16383},
-        {16384, 0xFFFF, 16383, 1},
-        {0x8000, 0x8000, 32766, 1},
-        {0xFFFF, 0xFFFF, 32766, 1},
-    };
-    constexpr int16_t kW = 1000, kH = 600;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << std::hex << c.rawX << " " << c.rawY);
-        Frame frame({{1, 2, c.rawX, c.rawY, kW, kH}});
-        Run(frame);
-        EXPECT_EQ(Xy(frame[0]), std::make_pair(c.x, c.y));
-        const int x0 = int16_t(c.rawX) - kW / 2, y0 = int16_t(c.rawY) - kH / 2;
-        auto hid = [&](int x, int y) { return Through(DefaultArea(), cal.Blend(), x, y); };
-        EXPECT_EQ(frame[0].width, hid(x0, y0).hidX - hid(x0 + kW, y0).hidX);
-        EXPECT_EQ(frame[0].height, hid(x0, y0 + kH).hidY - hid(x0, y0).hidY);
-    }
 }
 
 TEST(CalibrateSystem, WarningBits) {
