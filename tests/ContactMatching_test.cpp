@@ -57,7 +57,8 @@ TEST(ContactMatching, FindAndRemoveTouchPoint) {
 // slides into a freed slot.
 TEST(ContactMatching, CheckTouchPointRetires) {
     const struct {
-        std::vector<int> tracked, frame;  // an empty frame: no frame record
+        std::vector<int> tracked;
+        std::vector<int> frame;  // empty: no frame record
         std::vector<int> after;
     } cases[] = {
         {{1, 2, 3}, {3}, {2, 3}},    {{1, 2, 3, 4}, {}, {2, 4}}, {{1, 2, 3}, {3, 1, 2}, {1, 2, 3}},
