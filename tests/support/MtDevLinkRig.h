@@ -6,7 +6,6 @@
 #include <dirent.h>
 
 #include <chrono>
-
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -154,31 +153,10 @@ inline TMtDevTimeouts ShortHidTimeouts() {
 struct THidRig {
     CMtDevEmulator emulator;
     CMtEmuHidLink link{emulator};
-    std::unique_ptr<CHidrawDevice> port;
-    std::unique_ptr<CWaitRecordingHidDevice> recorder;
-    TMACDEVICEPATH path{};
-
-    THidRig() {
-        port = CHidrawDevice::Adopt(link.TakeHostFd());
-        recorder = std::make_unique<CWaitRecordingHidDevice>(*port, &link);
-        path.hidDevice = recorder.get();
-        path.usbService = nullptr;
-        path.deviceType = MTDEV_TYPE_HID;
-    }
-};
-
-// The emulated frame behind the in-process bulk port.
-struct TBulkRig {
-    CMtDevEmulator emulator;
-    CMtEmuUsbService service;
-    TMACDEVICEPATH path{};
-
-    explicit TBulkRig(TEmuUsbLayout layout = TEmuUsbLayout::Default())
-        : service(emulator, std::move(layout)) {
-        path.hidDevice = nullptr;
-        path.usbService = &service;
-        path.deviceType = MTDEV_TYPE_BULK;
-    }
+    std::unique_ptr<CHidrawDevice> port = CHidrawDevice::Adopt(link.TakeHostFd());
+    std::unique_ptr<CWaitRecordingHidDevice> recorder =
+        std::make_unique<CWaitRecordingHidDevice>(*port, &link);
+    TMACDEVICEPATH path{recorder.get(), nullptr, MTDEV_TYPE_HID};
 };
 
 // One pipe transfer as the controller asked for it and as it ended.
@@ -212,7 +190,6 @@ public:
     }
 
     const std::vector<TBulkTransfer>& Transfers() const { return m_state->transfers; }
-    std::vector<TBulkTransfer> Reads() const { return Only(false); }
     void Clear() { m_state->transfers.clear(); }
     void SetHook(Hook hook) { m_state->hook = std::move(hook); }
 
@@ -229,14 +206,6 @@ private:
     };
 
     static uint64_t NowMicros() { return TGetClock().MonotonicNanos() / 1000u; }
-
-    std::vector<TBulkTransfer> Only(bool write) const {
-        std::vector<TBulkTransfer> out;
-        for (const TBulkTransfer& t : m_state->transfers) {
-            if (t.write == write) out.push_back(t);
-        }
-        return out;
-    }
 
     class CInterface final : public CMtUsbInterface {
     public:
