@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -47,10 +48,8 @@ public:
     CLogCapture& operator=(const CLogCapture&) = delete;
 
     int Count(TLogChannel channel, const std::string& text) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const auto& entry : m_lines) n += entry.first == channel && entry.second == text;
-        return n;
+        const std::vector<std::string> lines = Lines(channel);
+        return static_cast<int>(std::count(lines.begin(), lines.end(), text));
     }
     std::vector<std::string> Lines(TLogChannel channel) const {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -142,11 +141,8 @@ constexpr unsigned kTestWriteAckMs = 110;
 constexpr unsigned kTestEndAckMs = 120;
 
 inline TMtDevTimeouts ShortHidTimeouts() {
-    TMtDevTimeouts t;
-    t.hidReplyMs = kTestReplyMs;
-    t.hidWriteAckMs = kTestWriteAckMs;
-    t.hidEndAckMs = kTestEndAckMs;
-    return t;
+    return {.hidReplyMs = kTestReplyMs, .hidWriteAckMs = kTestWriteAckMs,
+            .hidEndAckMs = kTestEndAckMs};
 }
 
 // The emulated frame on a socketpair, opened through the real hidraw port.
