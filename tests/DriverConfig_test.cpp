@@ -376,7 +376,8 @@ TEST_P(ConfigDropIns, ReadsTheLevelsInOrder) {
     // The same files, named in one line.
     std::string source = "left over", joined;
     for (const std::string& path : expected) joined += (joined.empty() ? "" : ", ") + path;
-    ASSERT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &source, &error), TConfigStatus::Ok);
+    ASSERT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &source, &error),
+              TConfigStatus::Ok);
     EXPECT_EQ(source, joined) << c.what;
 }
 
