@@ -35,18 +35,14 @@ constexpr const char* kFrameInterface = "org.irframe.Driver1.Frame";
 
 // The PNG at `png` through ImageMagick; empty when it cannot be read.
 TPicture ReadPicture(const std::string& png) {
-    const std::string ppm = png + ".ppm";
+    std::istringstream in(Run("convert " + png + " -depth 8 ppm:- 2>/dev/null"));
     TPicture p;
-    if (std::system(("convert " + png + " -depth 8 ppm:" + ppm).c_str()) != 0) return p;
-    std::ifstream in(ppm, std::ios::binary);
     std::string magic;
     int max = 0;
     in >> magic >> p.width >> p.height >> max;
     in.get();
     p.rgb.assign(std::istreambuf_iterator<char>(in), {});
-    if (magic != "P6" || p.rgb.size() < size_t(p.width) * p.height * 3) p = {};
-    unlink(ppm.c_str());
-    return p;
+    return magic == "P6" && p.rgb.size() >= size_t(p.width) * p.height * 3 ? p : TPicture{};
 }
 
 }  // namespace
