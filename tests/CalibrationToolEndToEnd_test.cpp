@@ -65,19 +65,21 @@ class CalibrationToolEndToEnd : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(m_run.Ready()); }
 
-    // The calibrator, once it holds the gestures.
-    pid_t StartCalibrator(const std::vector<std::string>& options) {
+    uint32_t Pixel(int x, int y) {
+        const std::string at = std::to_string(x) + "+" + std::to_string(y);
+        return m_run.Screenshot("", "1x1+" + at).At(0, 0);
+    }
+
+    // The calibrator, once it holds the gestures and (under X11) its target screen is up.
+    pid_t StartCalibrator(const std::vector<std::string>& options, bool x11 = true) {
         std::vector<std::string> argv{IRFRAME_CALIBRATE_PATH};
         argv.insert(argv.end(), options.begin(), options.end());
         const pid_t pid = m_run.StartWindow(argv, "calibrate.err", "calibrate.out");
         EXPECT_TRUE(WaitUntil([&] { return m_run.GesturesHeld() == true; }))
             << m_run.Log("calibrate.err");
+        EXPECT_TRUE(!x11 || WaitUntil([&] { return Pixel(1900, 1060) == 0xFFFFFF; }, 10'000))
+            << m_run.Log("calibrate.err");
         return pid;
-    }
-
-    uint32_t Pixel(int x, int y) {
-        const std::string at = std::to_string(x) + "+" + std::to_string(y);
-        return m_run.Screenshot(m_run.Path("pixel.png"), "1x1+" + at).At(0, 0);
     }
 
     // The whole run with --yes: the targets, the write, then the taps; checks every tap.
@@ -85,12 +87,8 @@ protected:
         const pid_t driver =
             m_run.StartDriver(Script({3.0, 1.06, 0.95, 40, -30}, kTargets.size(), true),
                               HoldAfterTargets(kTargets.size()));
-        const pid_t calibrator = StartCalibrator({"--yes"});
-        if (x11) {
-            ASSERT_TRUE(WaitUntil([&] { return Pixel(1900, 1060) == 0xFFFFFF; }, 10'000))
-                << m_run.Log("calibrate.err");
-            m_run.Screenshot(kShots + "calibration-targets.png");
-        }
+        const pid_t calibrator = StartCalibrator({"--yes"}, x11);
+        if (x11) m_run.Screenshot(kShots + "calibration-targets.png");
         m_run.WriteConfig(m_run.ReadConfig());  // the script touches the targets now
         EXPECT_EQ(m_run.Wait(calibrator, 120), 0) << m_run.Log("calibrate.err");
         const std::string said = m_run.Log("calibrate.out");

@@ -60,8 +60,8 @@ protected:
         kill(pid, SIGTERM);
         m_run.Wait(pid, 30);
         EXPECT_TRUE(WaitUntil([&] {
-            const TPicture p = m_run.Screenshot(m_run.Path("gone.png"));
-            return p.width > 0 && p.At(600, 400) == 0;
+            const TPicture p = m_run.Screenshot("", "1x1+600+400");
+            return p.width > 0 && p.At(0, 0) == 0;
         }));
     }
 

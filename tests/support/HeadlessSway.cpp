@@ -33,9 +33,9 @@ constexpr const char* kDriver = "org.irframe.Driver1";
 constexpr const char* kFrame = "/org/irframe/Driver1/frame1";
 constexpr const char* kFrameInterface = "org.irframe.Driver1.Frame";
 
-// The PNG at `png` through ImageMagick; empty when it cannot be read.
-TPicture ReadPicture(const std::string& png) {
-    std::istringstream in(Run("convert " + png + " -depth 8 ppm:- 2>/dev/null"));
+// The picture an ImageMagick `command` writes as PPM; empty when it writes none.
+TPicture ReadPicture(const std::string& command) {
+    std::istringstream in(Run(command + " -depth 8 ppm:- 2>/dev/null"));
     TPicture p;
     std::string magic;
     int max = 0;
@@ -262,10 +262,13 @@ void CDesktopRun::WriteConfig(const std::string& json) {
 }
 
 TPicture CDesktopRun::Screenshot(const std::string& png, const std::string& crop) {
+    const std::string x11 =
+        "import -window root " + (crop.empty() ? "" : "-crop " + crop + " +repage ");
+    if (png.empty() && !m_weston) return ReadPicture(x11);  // one process: quick to poll
     std::filesystem::create_directories(std::filesystem::path(png).parent_path());
     const std::string shot =
         m_weston ? "cd " + Path("run") + " && weston-screenshooter && mv wayland-screenshot*.png "
-                 : "import -window root " + (crop.empty() ? "" : "-crop " + crop + " +repage ");
+                 : x11;
     if (std::system(("(" + shot + png + ") >/dev/null 2>&1").c_str()) != 0) return {};
-    return ReadPicture(png);
+    return ReadPicture("convert " + png);
 }

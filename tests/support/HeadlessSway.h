@@ -91,8 +91,8 @@ public:
     std::optional<bool> GesturesHeld();
     std::string ReadConfig();  // frame 1's configuration, as JSON
     void WriteConfig(const std::string& json);
-    // The screen saved at `png` and read back: under X11 the `crop` (ImageMagick's geometry,
-    // empty for all of it), under weston all of it.
+    // The screen saved at `png` (empty: not saved) and read back: under X11 the `crop`
+    // (ImageMagick's geometry, empty for all of it), under weston all of it.
     TPicture Screenshot(const std::string& png, const std::string& crop = "");
 
 private:
