@@ -1,9 +1,6 @@
-// irframe-calibrate end to end: a private session bus, irframed playing an emulated frame whose
-// touches land where a planted mis-calibration puts them, and the calibrator's window under Xvfb
-// and under a headless Wayland compositor (weston). After the calibrator's write the script taps
-// other points; each posted click must be within 2 px of its point. The X11 run saves the target
-// and check screens as PNG pictures. Every wait is for a state (a bus property, a process's end,
-// a painted pixel), bounded only against a hang.
+// irframe-calibrate end to end: irframed's emulated frame touches the targets where a planted
+// mis-calibration puts them, the calibrator runs under Xvfb or weston, and every tap after its
+// write must post within 2 px of its point. Every wait is for a state, bounded only against a hang.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,10 +1,7 @@
-// irframe-settings end to end: a private session bus, irframed on an emulated frame whose
-// configuration (two areas and a button panel) is written through the bus first, then the
-// window under Xvfb. Three fingers held in the two areas and the panel must be drawn in their
-// colours where the script put them; the pages are saved as PNG pictures. The drop-in the
-// window's model writes must reach the driver through Reload and change the chord it posts,
-// with a hand-written irframe.toml left byte for byte. Every wait is for a state (a bus
-// property, a painted pixel, a process's end), bounded only against a hang.
+// irframe-settings end to end: irframed on an emulated frame with two areas and a button panel
+// written through a private bus, and the window under Xvfb and weston: each finger's dot in its
+// place's colour, the pages saved as pictures, a chosen shortcut reaching the driver through its
+// drop-in and Reload. Every wait is for a state, bounded only against a hang.
 #include <signal.h>
 
 #include <gtest/gtest.h>
