@@ -150,7 +150,8 @@ TEST_F(CalibrationToolEndToEnd, CheckScreenAndEscape) {
 // and that no touch at all ends it with 5 after its time-out.
 TEST_F(CalibrationToolEndToEnd, FrameUnpluggedAndTimeOut) {
     ASSERT_TRUE(m_run.StartXvfb());
-    const pid_t driver = m_run.StartDriver(Script({0, 1, 1, 0, 0}, 2, false), {"--fault", "hold:1@0"});
+    const pid_t driver =
+        m_run.StartDriver(Script({0, 1, 1, 0, 0}, 2, false), {"--fault", "hold:1@0"});
     pid_t calibrator = StartCalibrator({});
     m_run.WriteConfig(m_run.ReadConfig());  // two targets, then the frame is gone
     EXPECT_EQ(m_run.Wait(calibrator, 60), 1);

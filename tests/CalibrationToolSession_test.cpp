@@ -23,7 +23,9 @@ TMonitoredFrame Frame(const TStep& s) {
     TMonitoredFrame f;
     f.timeStamp = (100 + s.ms / 1000) * 4'000'000LL + (s.ms % 1000) * 1000LL;
     for (const auto& [id, status, x, y] : s.contacts) {
-        f.contacts.push_back({.id = uint8_t(id), .status = uint8_t(status), .rawX = uint16_t(x),
+        f.contacts.push_back({.id = uint8_t(id),
+                              .status = uint8_t(status),
+                              .rawX = uint16_t(x),
                               .rawY = uint16_t(y)});
     }
     return f;

@@ -18,12 +18,33 @@ TEST(LinuxScreen, ParsesTheScreenOption) {
     for (const auto& [text, placement] : placements) {
         EXPECT_EQ(ParseScreenPlacement(text), placement) << text;
     }
-    for (const char* text :
-         {"0x1080", "65536x10", "1920X1080", "1920x", "x1080", "1920*1080", "-1920x1080",
-          "+1920x1080", "1920x1080x2", " 1920x1080", "", "99999999999x1", "1920x1080+",
-          "1920x1080+10", "1920x1080+10+", "1920x1080++10", "1920x1080+-1+0", "1920x1080-10+0",
-          "1920x1080+0-10", "1920x1080+1+2+3", "1920x1080+65536+0", "1920x1080+0+0 ",
-          "1920x+0+0", "+0+0"}) {
+    const char* const refused[] = {
+        "0x1080",
+        "65536x10",
+        "1920X1080",
+        "1920x",
+        "x1080",
+        "1920*1080",
+        "-1920x1080",
+        "+1920x1080",
+        "1920x1080x2",
+        " 1920x1080",
+        "",
+        "99999999999x1",
+        "1920x1080+",
+        "1920x1080+10",
+        "1920x1080+10+",
+        "1920x1080++10",
+        "1920x1080+-1+0",
+        "1920x1080-10+0",
+        "1920x1080+0-10",
+        "1920x1080+1+2+3",
+        "1920x1080+65536+0",
+        "1920x1080+0+0 ",
+        "1920x+0+0",
+        "+0+0",
+    };
+    for (const char* text : refused) {
         EXPECT_EQ(ParseScreenPlacement(text), std::nullopt) << "'" << text << "'";
     }
 }
@@ -69,7 +90,8 @@ TEST(LinuxScreen, ChoosesTheScreen) {
         {{{kLeft, kRight}}, {"hdmi-1", std::nullopt},
          "no XRandR output named 'hdmi-1'; the outputs are: eDP-1 1920x1080+0+0 (primary), "
          "HDMI-1 2560x1440+1920+0"},
-        {{{}}, {"HDMI-2", std::nullopt}, "no XRandR output named 'HDMI-2'; the X server reports no lit output"},
+        {{{}}, {"HDMI-2", std::nullopt},
+         "no XRandR output named 'HDMI-2'; the X server reports no lit output"},
         {std::nullopt, {"", TScreenPlacement{800, 600, 0, 0}},
          "0,0 800x600 of 800x600: --screen (no X)"},
         {std::nullopt, {"", right},

@@ -116,7 +116,8 @@ TEST_F(SettingsWindowEndToEnd, PagesUnderXvfb) {
     const std::string settings = "Touch frame settings", restore = "Restore a configuration";
     for (const auto& [options, picture, title] :
          {std::tuple{std::vector<std::string>{"--page", "frames"}, "settings-frames.png", settings},
-          std::tuple{std::vector<std::string>{"--page", "touch"}, "settings-shortcuts.png", settings},
+          std::tuple{std::vector<std::string>{"--page", "touch"}, "settings-shortcuts.png",
+                     settings},
           std::tuple{std::vector<std::string>{"--page", "backups", "--restore", saved},
                      "settings-restore.png", restore}}) {
         window = StartWindow(options);

@@ -83,7 +83,7 @@ HeadlessSway::~HeadlessSway() {
 }
 
 bool HeadlessSway::WaitReady() {
-    return WaitUntil([&] {
+    const auto readyOrGone = [&] {
         for (const auto& entry : std::filesystem::directory_iterator(m_dir)) {
             const std::string name = entry.path().filename();
             if (name.rfind("sway-ipc.", 0) == 0) m_ipc = entry.path();
@@ -93,7 +93,8 @@ bool HeadlessSway::WaitReady() {
         }
         if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;
         return m_pid < 0 || (!m_ipc.empty() && !m_wayland.empty());
-    }) && m_pid > 0;
+    };
+    return WaitUntil(readyOrGone) && m_pid > 0;
 }
 
 std::string HeadlessSway::Msg(const std::string& arguments) {
@@ -216,7 +217,8 @@ pid_t CDesktopRun::StartDriver(const std::string& script, const std::vector<std:
 
 pid_t CDesktopRun::StartWindow(const std::vector<std::string>& argv, const std::string& log,
                                const std::string& out) {
-    std::vector<std::string> withEnv{"/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0:abort_on_error=1"};
+    std::vector<std::string> withEnv{"/usr/bin/env",
+                                     "ASAN_OPTIONS=detect_leaks=0:abort_on_error=1"};
     withEnv.insert(withEnv.end(), argv.begin(), argv.end());
     return Start(withEnv, log, out);
 }
