@@ -61,46 +61,22 @@ private:
     bool m_ok = false;
 };
 
-// ----- Mutter's GetCurrentState
-
-struct TLitMonitor {
-    const char* connector;
-    int modeWidth, modeHeight;
-    int x, y;
-    double scale;
-    unsigned transform;
-    bool primary;
-};
-
-// `lit` monitors, and HDMI-1 plugged in but not lit.
-TReplyWriter MutterState(std::vector<TLitMonitor> lit, unsigned layoutMode) {
-    return [lit, layoutMode](sd_bus_message* r) {
-        sd_bus_message_append(r, "u", 7u);
-        sd_bus_message_open_container(r, 'a', "((ssss)a(siiddada{sv})a{sv})");
-        for (const TLitMonitor& monitor : lit) {
-            // A mode that is not current comes first: only "is-current" chooses.
-            sd_bus_message_append(r, "((ssss)a(siiddada{sv})a{sv})", monitor.connector, "GSM", "LG",
-                                  "0x01", 2, "640x480@60", 640, 480, 60.0, 1.0, 1, 1.0, 0,
-                                  "current", monitor.modeWidth, monitor.modeHeight, 60.0, 1.0, 1,
-                                  1.0, 1, "is-current", "b", 1, 1, "display-name", "s", "Monitor");
-        }
-        sd_bus_message_append(r, "((ssss)a(siiddada{sv})a{sv})", "HDMI-1", "DEL", "U2", "7", 0, 0);
-        sd_bus_message_close_container(r);
-        sd_bus_message_open_container(r, 'a', "(iiduba(ssss)a{sv})");
-        for (const TLitMonitor& monitor : lit) {
-            sd_bus_message_append(r, "(iiduba(ssss)a{sv})", monitor.x, monitor.y, monitor.scale,
-                                  monitor.transform, monitor.primary, 1, monitor.connector,
-                                  "GSM", "LG", "0x01", 0);
-        }
-        sd_bus_message_close_container(r);
-        sd_bus_message_append(r, "a{sv}", 1, "layout-mode", "u", layoutMode);
+// ----- Mutter's GetCurrentState: eDP-1 at scale 2, the primary; DP-3 right of it, turned a
+// quarter; HDMI-1 plugged in but not lit. Each lit monitor has a mode that is not current first:
+// only "is-current" chooses.
+TReplyWriter MutterState(unsigned layoutMode) {
+    return [layoutMode](sd_bus_message* r) {
+        sd_bus_message_append(
+            r, "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}", 7u, 3u, "eDP-1", "GSM",
+            "LG", "0x01", 2u, "640x480@60", 640, 480, 60.0, 1.0, 1u, 1.0, 0u, "current", 2880,
+            1800, 60.0, 1.0, 1u, 1.0, 1u, "is-current", "b", 1, 1u, "display-name", "s", "Monitor",
+            "DP-3", "GSM", "LG", "0x01", 2u, "640x480@60", 640, 480, 60.0, 1.0, 1u, 1.0, 0u,
+            "current", 1920, 1080, 60.0, 1.0, 1u, 1.0, 1u, "is-current", "b", 1, 1u,
+            "display-name", "s", "Monitor", "HDMI-1", "DEL", "U2", "7", 0u, 0u, 2u, 0, 0, 2.0, 0u,
+            1, 1u, "eDP-1", "GSM", "LG", "0x01", 0u, 1440, 0, 1.0, 1u, 0, 1u, "DP-3", "GSM", "LG",
+            "0x01", 0u, 1u, "layout-mode", "u", layoutMode);
     };
 }
-
-const std::vector<TLitMonitor> kGnomeMonitors = {
-    {"eDP-1", 2880, 1800, 0, 0, 2.0, 0, true},
-    {"DP-3", 1920, 1080, 1440, 0, 1.0, 1, false},  // turned a quarter
-};
 
 // ----- KScreen's getConfig: Qt's JSON-shaped maps, its numbers as doubles
 
@@ -179,11 +155,11 @@ TEST_F(DesktopDisplayServices, LayoutOfEachDesktop) {
         std::string layout;                 // empty: refused
         std::vector<const char*> why = {};  // when refused
     } cases[] = {
-        {"GNOME", MutterState(kGnomeMonitors, 1), nullptr,
+        {"GNOME", MutterState(1), nullptr,
          "GNOME (Mutter): eDP-1 0,0 1440x900 primary DP-3 1440,0 1080x1920 in 2520x1920"},
-        {"GNOME", MutterState(kGnomeMonitors, 2), nullptr,
+        {"GNOME", MutterState(2), nullptr,
          "GNOME (Mutter): eDP-1 0,0 2880x1800 primary DP-3 1440,0 1080x1920 in 2880x1920"},
-        {"KDE", MutterState(kGnomeMonitors, 1), KscreenConfig(kKdeOutputs),
+        {"KDE", MutterState(1), KscreenConfig(kKdeOutputs),
          "KDE (KScreen): DP-1 0,0 1280x720 primary 600x340mm HDMI-A-1 1280,0 1080x1920 "
          "600x340mm in 2360x1920"},
         {"GNOME", nullptr, nullptr, "", {"org.gnome.Mutter.DisplayConfig", "org.kde.KScreen"}},
@@ -204,7 +180,7 @@ TEST_F(DesktopDisplayServices, LayoutOfEachDesktop) {
 
 // GNOME's monitor list keeps the unlit monitor, with the names irframectl map writes.
 TEST_F(DesktopDisplayServices, GnomeMonitorsIncludeUnlitOnes) {
-    CDisplayServices services(m_bus, MutterState(kGnomeMonitors, 1), nullptr);
+    CDisplayServices services(m_bus, MutterState(1), nullptr);
     ASSERT_TRUE(services.Ok());
     std::string why;
     const std::optional<TMutterState> state = QueryMutterState(m_client, &why);
