@@ -95,6 +95,12 @@ struct TWorkerRig {
                                       &why))
             << why;
     }
+    // At poll `at`, `request` handed to the frame as the main thread would.
+    void SubmitAt(uint64_t at, TFrameRequest request) {
+        Then([this, at, request = std::move(request)](uint64_t n) {
+            if (n == at) Submit(request);
+        });
+    }
     void FailNext(uint8_t command, int count, int skip = 0) {
         // Each fault counts the skipped messages itself, so the failures come in a row.
         for (int i = 0; i < count; ++i) {
