@@ -15,11 +15,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::unique_ptr<_HARDWARE_DEV_CONFIG> Filled(int fill) {
-    auto c = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    std::memset(static_cast<void*>(c.get()), fill, sizeof(*c));
-    return c;
-}
+using cfgtest::FilledConfig;
 
 template <class Owner>
 void SetText(Owner& owner, const std::u16string& text) {
@@ -45,7 +41,7 @@ _HARDWARE_KEY_CONFIG Key(uint8_t type, const std::u16string& text, uint32_t seed
 // Every field in use with values at the edges of their types; every key kind; a text outside
 // the basic plane and one that is not well-formed UTF-16.
 std::unique_ptr<_HARDWARE_DEV_CONFIG> RichRecord() {
-    auto c = Filled(0);
+    auto c = FilledConfig(0);
     DefaultDevConfig('s', 0, c.get());
     SetText(*c, u"Lobby \u00e9cran \U0001F600");
     c->textValue1 = 0xFFFFFFFFu;
@@ -72,17 +68,7 @@ std::unique_ptr<_HARDWARE_DEV_CONFIG> RichRecord() {
     }
     c->panelCount = 2;
     _HBRECT_CONFIG_FILE& p = c->panels[0];
-    p.id = 1;
-    p.reserved1 = 0xAA;
-    p.rows = 2;
-    p.columns = 3;
-    p.reserved4[0] = 0xDE;
-    p.reserved4[3] = 0xEF;
-    p.width = 400;
-    p.height = 60;
-    p.center = {100, -100};
-    p.axisH = {-16384, 0};
-    p.axisV = {0, 16384};
+    std::memcpy(&p, cfgtest::PanelHead(1, 2, 3, 400, 60).data(), HBRECT_HEAD_BYTES);
     p.keys[0] = Key(KEY_TYPE_CODE, u"", 1);
     p.keys[1] = Key(KEY_TYPE_TEXT2, u"Volume +", 2);
     p.keys[2] = Key(KEY_TYPE_TEXT3, u"0123456789012345678901234567890", 3);  // 31 units
@@ -112,7 +98,7 @@ std::string Mutated(const std::string& text, const std::string& pointer,
 TEST(DevConfigJson, RichRecordSurvivesDumpRestoreDumpAndTheBlock) {
     const auto original = RichRecord();
     const std::string first = DevConfigToJson(*original);
-    auto restored = Filled(0x5A);
+    auto restored = FilledConfig(0x5A);
     std::string error;
     ASSERT_TRUE(DevConfigFromJson(first, restored.get(), &error)) << error;
     EXPECT_EQ(DevConfigToJson(*restored), first);
@@ -137,10 +123,10 @@ TEST(DevConfigJson, RichRecordSurvivesDumpRestoreDumpAndTheBlock) {
 }
 
 TEST(DevConfigJson, SlotsNotInUseLeaveNoTrace) {
-    auto clean = Filled(0);
+    auto clean = FilledConfig(0);
     DefaultDevConfig(0, 0, clean.get());
     DefaultDevCalConfig(0, 0, clean.get());
-    auto stale = Filled(0x77);  // every slot beyond the counts holds leftovers
+    auto stale = FilledConfig(0x77);  // every slot beyond the counts holds leftovers
     DefaultDevConfig(0, 0, stale.get());
     std::memset(static_cast<void*>(&stale->areas[1]), 0x77, sizeof(stale->areas) -
                                                                  sizeof(stale->areas[0]));
@@ -196,8 +182,8 @@ TEST(DevConfigJson, RefusesEachFaultWithItsPathAndChangesNothing) {
     };
     for (const TFaultCase& c : cases) {
         SCOPED_TRACE(c.pointer);
-        auto target = Filled(0x5A);
-        const auto before = Filled(0x5A);
+        auto target = FilledConfig(0x5A);
+        const auto before = FilledConfig(0x5A);
         std::string error;
         EXPECT_FALSE(DevConfigFromJson(Mutated(good, c.pointer, c.value), target.get(), &error));
         EXPECT_EQ(error, c.message);
@@ -219,7 +205,7 @@ TEST(DevConfigJson, RefusesMoreSlotsThanTheRecordHolds) {
     for (const auto& c : cases) {
         Json j = good;
         while (j[c.member].size() < c.count) j[c.member].push_back(good[c.member][0]);
-        auto target = Filled(0);
+        auto target = FilledConfig(0);
         std::string error;
         EXPECT_FALSE(DevConfigFromJson(j.dump(), target.get(), &error));
         EXPECT_EQ(error, c.message);
@@ -246,7 +232,7 @@ TEST(DevConfigJson, RefusesDocumentsThatAreNotPlainJson) {
                            "unexpected '}'; expected '[', '{', or a literal"},
     };
     for (const auto& c : cases) {
-        auto target = Filled(0);
+        auto target = FilledConfig(0);
         std::string error;
         EXPECT_FALSE(DevConfigFromJson(c.text, target.get(), &error));
         EXPECT_EQ(error, c.message);
@@ -296,7 +282,7 @@ TEST(DevConfigJson, DifferencesNameEachChangedValue) {
 }
 
 TEST(DevConfigJson, SummaryCountsWhatIsInUse) {
-    auto c = Filled(0);
+    auto c = FilledConfig(0);
     EXPECT_EQ(DevConfigSummary(*c), "0 areas, 0 panels");
     c->areaCount = 1;
     c->panelCount = 1;

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -30,7 +29,8 @@ bool Parse(const std::string& text, TDriverConfig* config, std::string* error) {
     return ParseDriverConfig(text, "irframe.toml", Checks(), config, error);
 }
 
-// Verify that a file that says everything gives every field, in one spelling per chord.
+// Verify that a file that says everything gives every field, in one spelling per chord, and that
+// a file that says nothing is the defaults: the safe profile at level info.
 TEST(DriverConfig, ReadsEverySection) {
     TDriverConfig config = DefaultDriverConfig(Checks());
     std::string error;
@@ -67,21 +67,16 @@ TEST(DriverConfig, ReadsEverySection) {
     const auto chords = EffectiveShortcuts(config, Checks());
     EXPECT_EQ(chords[Index(TGestureShortcut::RotateClockwise)], "ctrl+alt+left");
     EXPECT_EQ(chords[Index(TGestureShortcut::RotateAnticlockwise)], "ctrl+shift+r");  // desktop's
-}
 
-// Verify that an empty file is the defaults: the default profile, level info, nothing else set.
-TEST(DriverConfig, EmptyFileIsTheDefaults) {
-    TDriverConfig config = DefaultDriverConfig(Checks());
-    std::string error;
-    ASSERT_TRUE(Parse("# nothing\n", &config, &error)) << error;
-    EXPECT_EQ(config, DefaultDriverConfig(Checks()));
-    EXPECT_EQ(config.keyProfile, "safe");
-    EXPECT_EQ(config.logLevel, "info");
+    TDriverConfig empty = DefaultDriverConfig(Checks());
+    ASSERT_TRUE(Parse("# nothing\n", &empty, &error)) << error;
+    EXPECT_EQ(empty, DefaultDriverConfig(Checks()));
+    EXPECT_EQ(empty.keyProfile + " " + empty.logLevel, "safe info");
 }
 
 struct TErrorCase {
     std::string text;
-    std::string message;  // the whole line; "..." stands for any text
+    std::string message;  // the whole line after "irframe.toml:"; "..." stands for any text
 };
 
 // Whether `text` is `pattern` with each "..." standing for any text.
@@ -109,92 +104,72 @@ TEST_P(ConfigError, NamesPlaceAndRemedy) {
     const TDriverConfig before = config;
     std::string error;
     EXPECT_FALSE(Parse(c.text, &config, &error));
-    EXPECT_TRUE(Matches(error, c.message)) << error << "\n" << c.message;
+    EXPECT_TRUE(Matches(error, "irframe.toml:" + c.message)) << error << "\n" << c.message;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
     EXPECT_EQ(config, before);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryKind, ConfigError,
-    testing::Values(
-        TErrorCase{"loglevel = \"info\"\n",
-                   "irframe.toml:1:1: unknown key \"loglevel\"; valid keys: log_level, [screen], "
-                   "[gestures], [keys], [shortcuts], [output]"},
-        TErrorCase{"[screen]\nsise = \"1x1\"\n",
-                   "irframe.toml:2:1: unknown key \"sise\" in [screen]; valid keys: size, output"},
-        TErrorCase{"[display]\nname = \"x\"\n",
-                   "irframe.toml:1:2: unknown key \"display\"; valid keys: log_level, [screen], "
-                   "[gestures], [keys], [shortcuts], [output]"},
-        TErrorCase{"[screen.extra]\n",
-                   "irframe.toml:1:9: unknown key \"extra\" in [screen]; valid keys: size, "
-                   "output"},
-        TErrorCase{"[shortcuts]\nrotate = \"none\"\n",
-                   "irframe.toml:2:1: unknown key \"rotate\" in [shortcuts]; valid keys: "
-                   "rotate-clockwise, rotate-anticlockwise, swipe-left, swipe-right, "
-                   "border-swipe, pinch, spread, zoom-toggle-first, zoom-toggle-second, "
-                   "four-finger-left, four-finger-right, four-finger-up, four-finger-down, "
-                   "four-finger-pinch, four-finger-spread"},
-        TErrorCase{"log_level = 3\n",
-                   "irframe.toml:1:13: log_level: must be a string, not an integer"},
-        TErrorCase{"log_level = \"loud\"\n",
-                   "irframe.toml:1:13: log_level: \"loud\" is not valid; use \"error\", "
-                   "\"warning\", \"info\" or \"debug\""},
-        TErrorCase{"[keys]\nprofile = \"emacs\"\n",
-                   "irframe.toml:2:11: keys.profile: \"emacs\" is not valid; use \"safe\", "
-                   "\"literal\" or \"desktop\""},
-        TErrorCase{"[keys]\nprofile = [\"safe\"]\n",
-                   "irframe.toml:2:11: keys.profile: must be a string, not an array"},
-        TErrorCase{"[shortcuts]\npinch = \"ctrl+plus\"\n",
-                   "irframe.toml:2:9: shortcuts.pinch: unknown key name 'plus' in 'ctrl+plus'; "
-                   "valid names: ctrl, rightctrl, alt, ..."},
-        TErrorCase{"[shortcuts]\nspread = \"a+ctrl\"\n",
-                   "irframe.toml:2:10: shortcuts.spread: only the last key of 'a+ctrl' may be "
-                   "..."},
-        TErrorCase{"[shortcuts]\nswipe-left = true\n",
-                   "irframe.toml:2:14: shortcuts.swipe-left: must be a string, not a boolean"},
-        TErrorCase{"screen = \"big\"\n",
-                   "irframe.toml:1:10: screen must be a table ([screen]), not a string"},
-        TErrorCase{"[[screen]]\nsize = \"1x1\"\n",
-                   "irframe.toml:1:1: screen must be a table ([screen]), not an array"},
-        TErrorCase{"[screen]\nsize = \"wide\"\n",
-                   "irframe.toml:2:8: screen.size: \"wide\" is not WIDTHxHEIGHT or "
-                   "WIDTHxHEIGHT+X+Y (such as \"1920x1080\" or \"2560x1440+1920+0\")"},
-        TErrorCase{"[screen]\noutput = \"HDMI 1\"\n",
-                   "irframe.toml:2:10: screen.output: \"HDMI 1\" is not an output name: ..."},
-        TErrorCase{"[output]\ntouchscreen = \"yes\"\n",
-                   "irframe.toml:2:15: output.touchscreen: \"yes\" is not valid; use "
-                   "\"per-frame\" or \"per-area\""},
-        TErrorCase{"[output]\ntouchscreen = 1\n",
-                   "irframe.toml:2:15: output.touchscreen: must be true, false or \"per-area\", "
-                   "not an integer"},
-        TErrorCase{"[output]\nwidth_mm = 30000\n",
-                   "irframe.toml:2:12: output.width_mm: 30000 is out of range 0..20000"},
-        TErrorCase{"[output.tuio]\ntarget = \"localhost:0\"\n",
-                   "irframe.toml:2:10: output.tuio.target: ..."},
-        TErrorCase{"[output.tuio.areas]\n32 = \"3333\"\n",
-                   "irframe.toml:2:1: unknown key \"32\" in [output.tuio.areas]; valid keys: ..."},
-        TErrorCase{"log_level = \n", "irframe.toml:1:13: not valid TOML: ..."},
-        TErrorCase{"log_level = \"info\"\nlog_level = \"debug\"\n",
-                   "irframe.toml:2:13: not valid TOML: ... cannot redefine existing string "
-                   "'log_level'"},
-        TErrorCase{"log_level = \"info\"\n# caf\xe9\n",
-                   "irframe.toml:2:6: not UTF-8 text (byte 0xE9); save the file as UTF-8"},
-        TErrorCase{"# \xed\xa0\x80 is a surrogate\n",
-                   "irframe.toml:1:3: not UTF-8 text (byte 0xED); save the file as UTF-8"},
-        TErrorCase{"log_level = \"info\" \xc3\xa9\n",
-                   "irframe.toml:1:20: a character outside ASCII (byte 0xC3); only comments may "
-                   "hold one"},
-        TErrorCase{"[keys]\nprofile = \"\"\"\\\n  \xc2\xa7\"\"\"\n",
-                   "irframe.toml:3:3: a character outside ASCII (byte 0xC2); only comments may "
-                   "hold one"},
-        TErrorCase{"[screen]\noutput = \"\xc3\x89" "cran\"  # \xc3\x89" "cran\n",
-                   "irframe.toml:2:11: a character outside ASCII (byte 0xC3); only comments may "
-                   "hold one"},
-        TErrorCase{"a = 1\"x\" # \"\xce\x94\"\n",
-                   "irframe.toml:1:...: not valid TOML: ..."},
-        TErrorCase{"log_level =i\n", "irframe.toml:1:...: not valid TOML: ...'i\\n'"},
-        TErrorCase{std::string("log_level = \"in\0fo\"\n", 20),
-                   "irframe.toml:1:16: not valid TOML: ..."}));
+const std::string kTopKeys = "valid keys: log_level, [screen], [gestures], [keys], [shortcuts], "
+                             "[output]";
+const std::string kNotAscii = "only comments may hold one";
+
+const TErrorCase kErrors[] = {
+    {"loglevel = \"info\"\n", "1:1: unknown key \"loglevel\"; " + kTopKeys},
+    {"[screen]\nsise = \"1x1\"\n",
+     "2:1: unknown key \"sise\" in [screen]; valid keys: size, output"},
+    {"[display]\nname = \"x\"\n", "1:2: unknown key \"display\"; " + kTopKeys},
+    {"[screen.extra]\n", "1:9: unknown key \"extra\" in [screen]; valid keys: size, output"},
+    {"[shortcuts]\nrotate = \"none\"\n",
+     "2:1: unknown key \"rotate\" in [shortcuts]; valid keys: rotate-clockwise, "
+     "rotate-anticlockwise, swipe-left, swipe-right, border-swipe, pinch, spread, "
+     "zoom-toggle-first, zoom-toggle-second, four-finger-left, four-finger-right, "
+     "four-finger-up, four-finger-down, four-finger-pinch, four-finger-spread"},
+    {"log_level = 3\n", "1:13: log_level: must be a string, not an integer"},
+    {"log_level = \"loud\"\n",
+     "1:13: log_level: \"loud\" is not valid; use \"error\", \"warning\", \"info\" or \"debug\""},
+    {"[keys]\nprofile = \"emacs\"\n",
+     "2:11: keys.profile: \"emacs\" is not valid; use \"safe\", \"literal\" or \"desktop\""},
+    {"[keys]\nprofile = [\"safe\"]\n", "2:11: keys.profile: must be a string, not an array"},
+    {"[shortcuts]\npinch = \"ctrl+plus\"\n",
+     "2:9: shortcuts.pinch: unknown key name 'plus' in 'ctrl+plus'; valid names: ctrl, "
+     "rightctrl, alt, ..."},
+    {"[shortcuts]\nspread = \"a+ctrl\"\n",
+     "2:10: shortcuts.spread: only the last key of 'a+ctrl' may be ..."},
+    {"[shortcuts]\nswipe-left = true\n",
+     "2:14: shortcuts.swipe-left: must be a string, not a boolean"},
+    {"screen = \"big\"\n", "1:10: screen must be a table ([screen]), not a string"},
+    {"[[screen]]\nsize = \"1x1\"\n", "1:1: screen must be a table ([screen]), not an array"},
+    {"[screen]\nsize = \"wide\"\n",
+     "2:8: screen.size: \"wide\" is not WIDTHxHEIGHT or WIDTHxHEIGHT+X+Y (such as "
+     "\"1920x1080\" or \"2560x1440+1920+0\")"},
+    {"[screen]\noutput = \"HDMI 1\"\n",
+     "2:10: screen.output: \"HDMI 1\" is not an output name: ..."},
+    {"[output]\ntouchscreen = \"yes\"\n",
+     "2:15: output.touchscreen: \"yes\" is not valid; use \"per-frame\" or \"per-area\""},
+    {"[output]\ntouchscreen = 1\n",
+     "2:15: output.touchscreen: must be true, false or \"per-area\", not an integer"},
+    {"[output]\nwidth_mm = 30000\n", "2:12: output.width_mm: 30000 is out of range 0..20000"},
+    {"[output.tuio]\ntarget = \"localhost:0\"\n", "2:10: output.tuio.target: ..."},
+    {"[output.tuio.areas]\n32 = \"3333\"\n",
+     "2:1: unknown key \"32\" in [output.tuio.areas]; valid keys: ..."},
+    {"log_level = \n", "1:13: not valid TOML: ..."},
+    {"log_level = \"info\"\nlog_level = \"debug\"\n",
+     "2:13: not valid TOML: ... cannot redefine existing string 'log_level'"},
+    {"log_level = \"info\"\n# caf\xe9\n",
+     "2:6: not UTF-8 text (byte 0xE9); save the file as UTF-8"},
+    {"# \xed\xa0\x80 is a surrogate\n", "1:3: not UTF-8 text (byte 0xED); save the file as UTF-8"},
+    {"log_level = \"info\" \xc3\xa9\n",
+     "1:20: a character outside ASCII (byte 0xC3); " + kNotAscii},
+    {"[keys]\nprofile = \"\"\"\\\n  \xc2\xa7\"\"\"\n",
+     "3:3: a character outside ASCII (byte 0xC2); " + kNotAscii},
+    {"[screen]\noutput = \"\xc3\x89" "cran\"  # \xc3\x89" "cran\n",
+     "2:11: a character outside ASCII (byte 0xC3); " + kNotAscii},
+    {"a = 1\"x\" # \"\xce\x94\"\n", "1:...: not valid TOML: ..."},
+    {"log_level =i\n", "1:...: not valid TOML: ...'i\\n'"},
+    {std::string("log_level = \"in\0fo\"\n", 20), "1:16: not valid TOML: ..."},
+};
+
+INSTANTIATE_TEST_SUITE_P(EveryKind, ConfigError, testing::ValuesIn(kErrors));
 
 // Verify that the long value of a bad key is cut in the message.
 TEST(DriverConfig, LongValuesAreCutInMessages) {
@@ -228,12 +203,10 @@ TEST(DriverConfig, PrintReadsBack) {
         TDriverConfig back = DefaultDriverConfig(Checks());
         std::string error;
         ASSERT_TRUE(Parse(printed, &back, &error)) << error << "\n" << printed;
+        EXPECT_EQ(PrintConfig(back, Checks()), printed);
         EXPECT_EQ(EffectiveShortcuts(back, Checks()), EffectiveShortcuts(original, Checks()));
         back.shortcuts = original.shortcuts;  // every chord is written out; compared above
         EXPECT_EQ(back, original);
-        TDriverConfig again = DefaultDriverConfig(Checks());
-        ASSERT_TRUE(Parse(printed, &again, &error));
-        EXPECT_EQ(PrintConfig(again, Checks()), printed);
     }
     const std::string printed = PrintConfig(custom, Checks());
     EXPECT_THAT(printed, HasSubstr("\n[keys]\n"));
@@ -246,22 +219,24 @@ TEST(DriverConfig, PrintReadsBack) {
 // ---------------------------------------------------------------------------------------------
 // Files
 
+// A temporary directory (removed with everything in it), the environment looking there.
 class ConfigFile : public testing::Test {
 protected:
     void SetUp() override {
         char dir[] = "/tmp/driverconfig_test.XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
         m_dir = dir;
+        m_environment = ProcessConfigEnvironment("");
+        m_environment.xdgConfigHome = m_dir + "/user";
+        m_environment.systemDir = m_dir + "/etc";
     }
-    void TearDown() override {
-        for (const std::string& path : m_made) std::remove(path.c_str());
-        rmdir(m_dir.c_str());
-    }
-    std::string File(const std::string& name, const std::string& text) {
-        const std::string path = m_dir + "/" + name;
-        std::ofstream(path, std::ios::binary) << text;
-        m_made.push_back(path);
-        return path;
+    void TearDown() override { std::filesystem::remove_all(m_dir); }
+    // Writes `text` at `path` under the directory, making the directories on the way.
+    std::string Write(const std::string& path, const std::string& text) {
+        const std::filesystem::path full = m_dir + "/" + path;
+        std::filesystem::create_directories(full.parent_path());
+        std::ofstream(full, std::ios::binary) << text;
+        return full;
     }
     // The error of loading `path`, or "" when it loads; `status` as expected.
     static std::string LoadError(const std::string& path,
@@ -276,7 +251,7 @@ protected:
     }
 
     std::string m_dir;
-    std::vector<std::string> m_made;
+    TConfigEnvironment m_environment;
 };
 
 // Verify one clear line for each file that cannot be a configuration.
@@ -288,30 +263,29 @@ TEST_F(ConfigFile, RefusesWhatIsNotAConfigurationFile) {
     EXPECT_EQ(LoadError("/dev/null"), "configuration /dev/null is not a regular file");
     const std::string fifo = m_dir + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    m_made.push_back(fifo);
     EXPECT_EQ(LoadError(fifo), "configuration " + fifo + " is not a regular file");
 
     std::string huge = "log_level = \"info\"\n";
     huge += "#" + std::string(kMaxConfigBytes, 'x') + "\n";
-    EXPECT_EQ(LoadError(File("huge.toml", huge)),
+    EXPECT_EQ(LoadError(Write("huge.toml", huge)),
               "configuration " + m_dir + "/huge.toml is larger than 1 MiB; a configuration file "
               "holds a few lines");
-    const std::string justFits = File("fits.toml", "#" + std::string(kMaxConfigBytes - 2, 'x') +
-                                                       "\n");
-    EXPECT_EQ(LoadError(justFits), "");
-    const std::string oddName = File("odd\nname.toml", "log_level = 1\n");
+    EXPECT_EQ(LoadError(Write("fits.toml", "#" + std::string(kMaxConfigBytes - 2, 'x') + "\n")),
+              "");
+    const std::string oddName = Write("odd\nname.toml", "log_level = 1\n");
     EXPECT_THAT(LoadError(oddName, TConfigStatus::Invalid),
                 StartsWith(m_dir + "/odd\\nname.toml:1:13: log_level: "));
 
-    const std::string binary = File("binary.toml", std::string("\x7f" "ELF\x02\x01\x01\0", 8));
+    const std::string binary = Write("binary.toml", std::string("\x7f" "ELF\x02\x01\x01\0", 8));
     EXPECT_THAT(LoadError(binary, TConfigStatus::Invalid),
                 StartsWith(binary + ":1:1: not valid TOML: "));
-    const std::string bad = File("bad.toml", "[keys]\nprofile = \"x\"\n");
+    const std::string bad = Write("bad.toml", "[keys]\nprofile = \"x\"\n");
     EXPECT_THAT(LoadError(bad, TConfigStatus::Invalid), StartsWith(bad + ":2:11: keys.profile: "));
 
     // The system's own reason, whatever it is (root reads a file of mode 0 anyway).
-    const std::string underAFile = File("plain.toml", "") + "/irframe.toml";
-    EXPECT_EQ(LoadError(underAFile), "cannot read configuration " + underAFile + ": Not a directory");
+    const std::string underAFile = Write("plain.toml", "") + "/irframe.toml";
+    EXPECT_EQ(LoadError(underAFile),
+              "cannot read configuration " + underAFile + ": Not a directory");
 }
 
 struct TLookupCase {
@@ -357,31 +331,6 @@ INSTANTIATE_TEST_SUITE_P(
                     kSystemFile},
         TLookupCase{"none: built-in defaults", "", "/x", "/home/u", {}, ""}));
 
-// Verify that the whole road reads the file found, and names no file without one.
-TEST_F(ConfigFile, LoadsTheFileFound) {
-    ASSERT_EQ(mkdir((m_dir + "/irframe").c_str(), 0700), 0);
-    const std::string path = File("irframe/irframe.toml", "[keys]\nprofile = \"desktop\"\n");
-    TConfigEnvironment environment = ProcessConfigEnvironment("");
-    environment.xdgConfigHome = m_dir;
-    TDriverConfig config = DefaultDriverConfig(Checks());
-    std::string source, error;
-    ASSERT_EQ(LoadDriverConfig(environment, Checks(), &config, &source, &error),
-              TConfigStatus::Ok)
-        << error;
-    EXPECT_EQ(source, path);
-    EXPECT_EQ(config.keyProfile, "desktop");
-
-    std::remove(path.c_str());
-    rmdir((m_dir + "/irframe").c_str());
-    environment.systemDir = m_dir;
-    config = DefaultDriverConfig(Checks());
-    ASSERT_EQ(LoadDriverConfig(environment, Checks(), &config, &source, &error),
-              TConfigStatus::Ok)
-        << error;
-    EXPECT_EQ(source, "");
-    EXPECT_EQ(config, DefaultDriverConfig(Checks()));
-}
-
 // ---------------------------------------------------------------------------------------------
 // Drop-in directories
 
@@ -394,24 +343,7 @@ struct TDropInCase {
     size_t skipped = 0;
 };
 
-class ConfigDropIns : public testing::TestWithParam<TDropInCase> {
-protected:
-    void SetUp() override {
-        char dir[] = "/tmp/driverconfig_dropins.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-        m_environment = ProcessConfigEnvironment("");
-        m_environment.xdgConfigHome = m_dir + "/user";
-        m_environment.systemDir = m_dir + "/etc";
-    }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
-    void Write(const std::string& path, const std::string& text) {
-        std::filesystem::create_directories(std::filesystem::path(m_dir + "/" + path).parent_path());
-        std::ofstream(m_dir + "/" + path, std::ios::binary) << text;
-    }
-    std::string m_dir;
-    TConfigEnvironment m_environment;
-};
+class ConfigDropIns : public ConfigFile, public testing::WithParamInterface<TDropInCase> {};
 
 const std::string kDesktop = "[keys]\nprofile = \"desktop\"\n";
 const std::string kLiteral = "[keys]\nprofile = \"literal\"\n";
@@ -441,6 +373,11 @@ TEST_P(ConfigDropIns, ReadsTheLevelsInOrder) {
     EXPECT_EQ(config.logLevel, c.logLevel) << c.what;
     EXPECT_EQ(sources.skipped.size(), c.skipped) << c.what;
     for (const std::string& line : sources.skipped) EXPECT_EQ(line.find('\n'), std::string::npos);
+    // The same files, named in one line.
+    std::string source = "left over", joined;
+    for (const std::string& path : expected) joined += (joined.empty() ? "" : ", ") + path;
+    ASSERT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &source, &error), TConfigStatus::Ok);
+    EXPECT_EQ(source, joined) << c.what;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -477,7 +414,8 @@ INSTANTIATE_TEST_SUITE_P(
                      {"user/irframe/irframe.d/50.toml.dpkg-old", kDesktop},
                      {"user/irframe/irframe.d/60.toml", "<dir>"},
                      {"user/irframe/irframe.d/70.toml", kDebug}},
-                    {"user/irframe/irframe.d/70.toml"}, "safe", "debug", 1}));
+                    {"user/irframe/irframe.d/70.toml"}, "safe", "debug", 1},
+        TDropInCase{"none: the built-in defaults", {}, {}, "safe", "info"}));
 
 // Verify that a drop-in that cannot be read, or has a mistake, stops the reading with its own
 // name and place, and leaves the configuration as it was.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -27,9 +28,7 @@ std::string ManPage() {
     const std::filesystem::path page =
         std::filesystem::path(__FILE__).parent_path().parent_path() / "packaging/man/irframed.1.scd";
     std::ifstream in(page);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Every name in the option column of --help ("  -n,--dry-run   Print ...").

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <random>
 #include <sstream>
 #include <string>
@@ -19,29 +20,21 @@ int64_t Stamp(int64_t micros) {
     return (1'700'000'000 + micros / 1'000'000) * kSecond + micros % 1'000'000;
 }
 
-TMonitoredContact Contact(uint8_t id, uint8_t status, int32_t x, int32_t y, bool retired = false) {
-    TMonitoredContact c;
-    c.id = id;
-    c.status = status;
-    c.x = x;
-    c.y = y;
-    c.retired = retired;
-    c.rawX = 1;  // not written: the player makes its own
-    return c;
+// rawX is not written: the player makes its own.
+TMonitoredContact C(int id, int status, int32_t x, int32_t y, bool retired = false) {
+    return {.id = static_cast<uint8_t>(id), .status = static_cast<uint8_t>(status),
+            .retired = retired, .x = x, .y = y, .rawX = 1};
 }
 
-std::string Record(const std::vector<TMonitoredFrame>& frames) {
+std::string Record(const std::vector<TMonitoredFrame>& frames, const std::string& header = "") {
     std::ostringstream out;
-    CGestureRecorder recorder(out, "");
+    CGestureRecorder recorder(out, header);
     for (const TMonitoredFrame& f : frames) recorder.Add(f);
     recorder.Finish();
     return out.str();
 }
 
-TEST(IrframectlGestureRecorder, WritesFramesTimesAndEmptyRuns) {
-    const auto C = [](int id, int status, int32_t x, int32_t y, bool retired = false) {
-        return Contact(static_cast<uint8_t>(id), static_cast<uint8_t>(status), x, y, retired);
-    };
+TEST(IrframectlGestureRecorder, WritesHeaderFramesTimesAndEmptyRuns) {
     struct {
         const char* name;
         std::vector<TMonitoredFrame> frames;
@@ -67,16 +60,8 @@ TEST(IrframectlGestureRecorder, WritesFramesTimesAndEmptyRuns) {
          {{Stamp(1'000'000), {}}, {Stamp(999'995), {}}, {Stamp(7'300'999'995), {}}},
          "hold 1\nwait 0us\nhold 1\nwait 3600000000us\nwait 3600000000us\nwait 100000000us\nhold 1\n"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Record(c.frames), c.script) << c.name;
-    }
-}
-
-TEST(IrframectlGestureRecorder, HeaderLinesAreComments) {
-    std::ostringstream out;
-    CGestureRecorder recorder(out, "from frame 1\nsecond line");
-    recorder.Finish();
-    EXPECT_EQ(out.str(), "# from frame 1\n# second line\n");
+    for (const auto& c : cases) EXPECT_EQ(Record(c.frames), c.script) << c.name;
+    EXPECT_EQ(Record({}, "from frame 1\nsecond line"), "# from frame 1\n# second line\n");
 }
 
 // Whatever is recorded plays back to the same contacts at the same times within the second
@@ -90,9 +75,9 @@ TEST(IrframectlGestureRecorder, PlaysBackToTheRecordedFrames) {
         f.timeStamp = Stamp(t);
         const int n = static_cast<int>(random() % 4);
         for (int k = 0; k < n; ++k) {
-            f.contacts.push_back(Contact(static_cast<uint8_t>(k * 7), static_cast<uint8_t>(random() % 4),
-                                         static_cast<int32_t>(1 + random() % 32766),
-                                         static_cast<int32_t>(1 + random() % 32766)));
+            f.contacts.push_back(C(k * 7, static_cast<int>(random() % 4),
+                                   static_cast<int32_t>(1 + random() % 32766),
+                                   static_cast<int32_t>(1 + random() % 32766)));
         }
         frames.push_back(f);
         t += random() % 3 == 0 ? 10'000 : static_cast<int64_t>(random() % 40'000);
@@ -111,16 +96,12 @@ TEST(IrframectlGestureRecorder, PlaysBackToTheRecordedFrames) {
         const int64_t playedMicros = (now.tv_sec - 1'700'000'000) * 1'000'000 + now.tv_usec;
         EXPECT_EQ(playedMicros, StampToMicros(frames[i].timeStamp) - 1'700'000'000'000'000)
             << "frame " << i;
-        size_t k = 0;
-        for (const _HARDWARE_SDK_POINT* p = played->points; p != nullptr; p = p->next, ++k) {
-            ASSERT_LT(k, frames[i].contacts.size());
-            const TMonitoredContact& want = frames[i].contacts[k];
-            EXPECT_EQ(p->id, want.id);
-            EXPECT_EQ(p->status, want.status);
-            EXPECT_EQ(p->x, want.x);
-            EXPECT_EQ(p->y, want.y);
+        std::vector<std::array<int32_t, 4>> seen, want;
+        for (const _HARDWARE_SDK_POINT* p = played->points; p != nullptr; p = p->next) {
+            seen.push_back({p->id, p->status, p->x, p->y});
         }
-        EXPECT_EQ(k, frames[i].contacts.size()) << "frame " << i;
+        for (const TMonitoredContact& c : frames[i].contacts) want.push_back({c.id, c.status, c.x, c.y});
+        EXPECT_EQ(seen, want) << "frame " << i;
     }
     EXPECT_EQ(player.NextFrame(), nullptr);
 }

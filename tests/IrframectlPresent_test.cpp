@@ -1,16 +1,14 @@
 #include "Present.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "Commands.h"
+#include "support/ChildProcess.h"
 
 namespace {
 
@@ -22,37 +20,31 @@ TFrameEntry Frame(int number, const std::string& node, const std::string& serial
     return d;
 }
 
+// The number of the frame picked, or minus the exit code of the error.
+int Picked(const std::vector<TFrameEntry>& frames, const std::string& wanted) {
+    try {
+        return PickFrame(frames, wanted).number;
+    } catch (const CToolError& e) {
+        return -e.ExitCode();
+    }
+}
+
 TEST(IrframectlPresent, PickFrameByNumberNodeOrSerial) {
     const std::vector<TFrameEntry> frames = {Frame(1, "/dev/hidraw3", "A1"),
-                                                   Frame(2, "/dev/hidraw12", "7"),
-                                                   Frame(3, "usb:001:004", "7")};
+                                             Frame(2, "/dev/hidraw12", "7"),
+                                             Frame(3, "usb:001:004", "7")};
     struct {
         const char* wanted;
-        int number;     // the frame picked, or 0
-        int exitCode;   // else the error's exit code
+        int picked;
     } const cases[] = {
-        {"2", 2, 0},           {"/dev/hidraw12", 2, 0}, {"hidraw3", 1, 0},
-        {"A1", 1, 0},          {"usb:001:004", 3, 0},   {"4", 0, kCtlNoFrame},
-        {"hidraw", 0, kCtlNoFrame}, {"/dev/hidraw", 0, kCtlNoFrame},
-        {"", 0, kCtlUsage},   // several frames, none named
-        {"7", 0, kCtlUsage},  // number 7 is no frame, serial 7 is two
+        {"2", 2},  {"/dev/hidraw12", 2}, {"hidraw3", 1}, {"usb:001:004", 3}, {"4", -kCtlNoFrame},
+        {"A1", 1}, {"hidraw", -kCtlNoFrame}, {"/dev/hidraw", -kCtlNoFrame},
+        {"", -kCtlUsage},   // several frames, none named
+        {"7", -kCtlUsage},  // number 7 is no frame, serial 7 is two
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.wanted);
-        try {
-            EXPECT_EQ(PickFrame(frames, c.wanted).number, c.number);
-            EXPECT_EQ(c.exitCode, 0);
-        } catch (const CToolError& e) {
-            EXPECT_EQ(e.ExitCode(), c.exitCode) << e.what();
-        }
-    }
-    EXPECT_EQ(PickFrame({Frame(5, "/dev/hidraw0", "")}, "").number, 5);
-    try {
-        PickFrame({}, "");
-        ADD_FAILURE() << "no frame picked from none";
-    } catch (const CToolError& e) {
-        EXPECT_EQ(e.ExitCode(), kCtlNoFrame);
-    }
+    for (const auto& c : cases) EXPECT_EQ(Picked(frames, c.wanted), c.picked) << c.wanted;
+    EXPECT_EQ(Picked({Frame(5, "/dev/hidraw0", "")}, ""), 5);
+    EXPECT_EQ(Picked({}, ""), -kCtlNoFrame);
 }
 
 TEST(IrframectlPresent, PlaceOfAContact) {
@@ -83,18 +75,9 @@ TEST(IrframectlPresent, PlaceOfAContact) {
 TEST(IrframectlPresent, ContactJsonCarriesEveryField) {
     auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
     std::memset(static_cast<void*>(config.get()), 0, sizeof *config);
-    TMonitoredContact c;
-    c.id = 4;
-    c.status = 2;
-    c.retired = true;
-    c.x = 100;
-    c.y = 32766;
-    c.width = 7;
-    c.height = 8;
-    c.rawX = 65535;
-    c.rawY = 3;
-    c.cellGroup = 0xFF;
-    c.cellIndex = 1;
+    const TMonitoredContact c{.id = 4, .status = 2, .retired = true, .x = 100, .y = 32766,
+                              .width = 7, .height = 8, .rawX = 65535, .rawY = 3, .cellGroup = 0xFF,
+                              .cellIndex = 1};
     EXPECT_EQ(ContactJson(2, c, 6800000004010000, *config),
               R"({"frame":2,"timeStamp":6800000004010000,"id":4,"status":2,"retired":true,)"
               R"("x":100,"y":32766,"width":7,"height":8,"rawX":65535,"rawY":3,"cell":[255,1],)"
@@ -118,17 +101,14 @@ TEST(IrframectlPresent, ProgressWithoutTerminalIsOneLinePerPercent) {
 }
 
 TEST(IrframectlPresent, BackupNameNeverReplacesAnExistingFile) {
-    char dir[] = "/tmp/irframectl_present.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string file = std::string(dir) + "/lobby.json";
-    const std::string first = BackupPathFor(file, "20260101-120000");
-    EXPECT_EQ(first, std::string(dir) + "/lobby.replaced-20260101-120000.json");
+    const CScratchDir scratch("irframectl_present");
+    const std::string dir = scratch.Dir();
+    const std::string first = BackupPathFor(dir + "/lobby.json", "20260101-120000");
+    EXPECT_EQ(first, dir + "/lobby.replaced-20260101-120000.json");
     std::ofstream(first) << "{}";
-    const std::string second = BackupPathFor(file, "20260101-120000");
-    EXPECT_EQ(second, std::string(dir) + "/lobby.replaced-20260101-120000-2.json");
-    EXPECT_EQ(BackupPathFor(std::string(dir) + "/x", "s"), std::string(dir) + "/x.replaced-s.json");
-    std::remove(first.c_str());
-    rmdir(dir);
+    EXPECT_EQ(BackupPathFor(dir + "/lobby.json", "20260101-120000"),
+              dir + "/lobby.replaced-20260101-120000-2.json");
+    EXPECT_EQ(BackupPathFor(dir + "/x", "s"), dir + "/x.replaced-s.json");
 }
 
 }  // namespace

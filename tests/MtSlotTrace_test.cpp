@@ -41,37 +41,27 @@ TEST(MtSlotTrace, FollowsSlotsAcrossReports) {
     EXPECT_EQ(CompareMtStates(expected, TraceMtReports(reports), 0), "");
 }
 
-struct TCompareCase {
-    const char* name;
-    TMtState seen;
-    const char* difference;  // empty: matches
-};
-
-class MtStateCompare : public testing::TestWithParam<TCompareCase> {};
-
-TEST_P(MtStateCompare, FirstDifference) {
+// Verify that the comparison names the first thing a reader saw differently.
+TEST(MtSlotTrace, FirstDifference) {
     const TMtState want = State({{0, 4, 1000, 2000}}, true, 1000, 2000);
-    const std::string diff = CompareMtStates({want}, {GetParam().seen}, 1);
-    if (*GetParam().difference == 0) {
-        EXPECT_EQ(diff, "");
-    } else {
-        EXPECT_NE(diff.find(GetParam().difference), std::string::npos) << diff;
+    const std::pair<TMtState, const char*> cases[] = {
+        {State({{0, 4, 1001, 1999}}, true, 999, 2001), ""},  // within the tolerance
+        {State({{0, 4, 1002, 2000}}, true, 1000, 2000),
+         "saw {slot 0 id 4 (1002, 2000); BTN_TOUCH 1 at (1000, 2000)}"},
+        {State({{0, 5, 1000, 2000}}, true, 1000, 2000), "id 5"},
+        {State({{1, 4, 1000, 2000}}, true, 1000, 2000), "slot 1"},
+        {State({{0, 4, 1000, 2000}}, false, 1000, 2000), "BTN_TOUCH 0"},
+        {State({{0, 4, 1000, 2000}}, true, 5, 2000), "at (5, 2000)"},
+    };
+    for (const auto& [seen, difference] : cases) {
+        const std::string diff = CompareMtStates({want}, {seen}, 1);
+        if (*difference == 0) {
+            EXPECT_EQ(diff, "");
+        } else {
+            EXPECT_NE(diff.find(difference), std::string::npos) << diff;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, MtStateCompare,
-    testing::Values(
-        TCompareCase{"WithinTolerance", State({{0, 4, 1001, 1999}}, true, 999, 2001), ""},
-        TCompareCase{"PositionOff", State({{0, 4, 1002, 2000}}, true, 1000, 2000),
-                     "saw {slot 0 id 4 (1002, 2000); BTN_TOUCH 1 at (1000, 2000)}"},
-        TCompareCase{"OtherTrackingId", State({{0, 5, 1000, 2000}}, true, 1000, 2000), "id 5"},
-        TCompareCase{"OtherSlot", State({{1, 4, 1000, 2000}}, true, 1000, 2000), "slot 1"},
-        TCompareCase{"NotTouching", State({{0, 4, 1000, 2000}}, false, 1000, 2000),
-                     "BTN_TOUCH 0"},
-        TCompareCase{"PointerElsewhere", State({{0, 4, 1000, 2000}}, true, 5, 2000),
-                     "at (5, 2000)"}),
-    [](const testing::TestParamInfo<TCompareCase>& info) { return info.param.name; });
 
 TEST(MtSlotTrace, CountsReports) {
     const TMtState none;

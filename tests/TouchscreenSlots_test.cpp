@@ -6,24 +6,22 @@
 #include <string>
 #include <vector>
 
+// Events as (type code value) in failure messages.
+void PrintTo(const TEvdevEvent& e, std::ostream* out) {
+    *out << "(" << e.type << " " << e.code << " " << e.value << ")";
+}
+
 namespace {
 
 TContact Touch(uint8_t id, uint8_t status, int32_t x, int32_t y) {
-    TContact c;
-    c.id = id;
-    c.status = status;
-    c.x = x;
-    c.y = y;
-    return c;
+    return TContact{.id = id, .status = status, .x = x, .y = y};
 }
 TContact Down(uint8_t id, int32_t x, int32_t y) { return Touch(id, kContactDown, x, y); }
 TContact Move(uint8_t id, int32_t x, int32_t y) { return Touch(id, kContactMoving, x, y); }
 TContact Lift(uint8_t id, int32_t x, int32_t y) { return Touch(id, kContactLifted, x, y); }
 TContact Gone(uint8_t id) { return Touch(id, 3, 0, 0); }
 TContact Retired(uint8_t id) {
-    TContact c = Touch(id, kContactMoving, 9, 9);
-    c.retired = true;
-    return c;
+    return TContact{.id = id, .status = kContactMoving, .retired = true, .x = 9, .y = 9};
 }
 TContact Sized(TContact c, int32_t width, int32_t height) {
     c.hasSize = true;
@@ -58,15 +56,6 @@ struct TSlotCase {
     std::vector<TStep> steps;
 };
 
-std::string Describe(const std::vector<TEvdevEvent>& events) {
-    std::string s;
-    for (const TEvdevEvent& e : events) {
-        s += "(" + std::to_string(e.type) + " " + std::to_string(e.code) + " " +
-             std::to_string(e.value) + ") ";
-    }
-    return s;
-}
-
 class TouchscreenSlots : public testing::TestWithParam<TSlotCase> {};
 
 TEST_P(TouchscreenSlots, FramesToEvents) {
@@ -82,7 +71,7 @@ TEST_P(TouchscreenSlots, FramesToEvents) {
             frame.contacts = step.contacts;
             slots.Update(frame, &out);
         }
-        EXPECT_EQ(out, step.events) << Describe(out);
+        EXPECT_EQ(out, step.events);
         EXPECT_EQ(slots.TakeWarnings(), step.warnings);
     }
 }

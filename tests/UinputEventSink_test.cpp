@@ -1,7 +1,9 @@
 #include "UinputEventSink.h"
 
 #include "CTouchPointDeal.h"
+#include "support/GestureHarness.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
@@ -10,11 +12,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
 #include <limits>
 #include <thread>
+#include <tuple>
 
 namespace {
+
+using testing::HasSubstr;
 
 TDisplayGeometry Screen(double width, double height) {
     TDisplayGeometry g;
@@ -26,8 +30,7 @@ TDisplayGeometry Screen(double width, double height) {
 
 constexpr TEvdevEvent kSyn{EV_SYN, SYN_REPORT, 0};
 
-// Verify the absolute axis: screen points scaled to 0..32767, rounded, clamped, and offset by
-// the main screen's place when the desktop is wider.
+// Verify the absolute axis: screen points scaled to 0..32767, rounded and clamped.
 TEST(EvdevTranslator, AbsoluteAxes) {
     CEvdevTranslator one(Screen(1920, 1080), TKeyProfile::Literal);
     EXPECT_EQ(one.AbsoluteX(0), 0);
@@ -38,14 +41,6 @@ TEST(EvdevTranslator, AbsoluteAxes) {
     EXPECT_EQ(one.AbsoluteX(16000), 32767);  // events posted at unscaled device coordinates
     EXPECT_EQ(one.AbsoluteX(std::numeric_limits<double>::quiet_NaN()), 0);
     EXPECT_EQ(one.AbsoluteX(std::numeric_limits<double>::infinity()), 0);
-
-    TDisplayGeometry wide = Screen(1920, 1080);
-    wide.main.x = 1920;  // the main screen is the right half of a 3840-wide desktop
-    wide.desktopWidth = 3840;
-    CEvdevTranslator two(wide, TKeyProfile::Literal);
-    EXPECT_EQ(two.AbsoluteX(0), 16384);
-    EXPECT_EQ(two.AbsoluteX(1920), 32767);
-
     CEvdevTranslator none(Screen(0, 0), TKeyProfile::Literal);
     EXPECT_EQ(none.AbsoluteX(100), 0);
 }
@@ -81,46 +76,40 @@ TEST(EvdevTranslator, PointerOnTheChosenOutput) {
     }
 }
 
-struct TMouseCase {
-    TInputEventType type;
-    TMouseButton button;
-    std::vector<TEvdevEvent> buttons;  // between the position and the report
-};
-
-class MouseEvent : public testing::TestWithParam<TMouseCase> {};
-
 // Verify that each mouse event moves the pointer and changes exactly its button.
-TEST_P(MouseEvent, PositionThenButton) {
-    const TMouseCase& c = GetParam();
+TEST(EvdevTranslator, MouseEventsMoveThenChangeTheirButton) {
+    const std::tuple<TInputEventType, TMouseButton, std::vector<TEvdevEvent>> cases[] = {
+        {TInputEventType::MouseMoved, TMouseButton::Left, {}},
+        {TInputEventType::LeftMouseDragged, TMouseButton::Left, {}},
+        {TInputEventType::LeftMouseDown, TMouseButton::Left, {{EV_KEY, BTN_LEFT, 1}}},
+        {TInputEventType::LeftMouseUp, TMouseButton::Left, {{EV_KEY, BTN_LEFT, 0}}},
+        {TInputEventType::RightMouseDown, TMouseButton::Right, {{EV_KEY, BTN_RIGHT, 1}}},
+        {TInputEventType::RightMouseUp, TMouseButton::Right, {{EV_KEY, BTN_RIGHT, 0}}},
+    };
     CEvdevTranslator t(Screen(1000, 500), TKeyProfile::Literal);
-    std::vector<TEvdevEvent> expected = {{EV_ABS, ABS_X, 8192}, {EV_ABS, ABS_Y, 16384}};
-    expected.insert(expected.end(), c.buttons.begin(), c.buttons.end());
-    expected.push_back(kSyn);
-    EXPECT_EQ(t.Translate(TInputEvent::Mouse(c.type, 250, 250, 0x800000, 2, c.button)), expected);
+    for (const auto& [type, button, buttons] : cases) {
+        SCOPED_TRACE(static_cast<int>(type));
+        std::vector<TEvdevEvent> expected = {{EV_ABS, ABS_X, 8192}, {EV_ABS, ABS_Y, 16384}};
+        expected.insert(expected.end(), buttons.begin(), buttons.end());
+        expected.push_back(kSyn);
+        EXPECT_EQ(t.Translate(TInputEvent::Mouse(type, 250, 250, 0x800000, 2, button)), expected);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryMouseType, MouseEvent,
-    testing::Values(
-        TMouseCase{TInputEventType::MouseMoved, TMouseButton::Left, {}},
-        TMouseCase{TInputEventType::LeftMouseDragged, TMouseButton::Left, {}},
-        TMouseCase{TInputEventType::LeftMouseDown, TMouseButton::Left, {{EV_KEY, BTN_LEFT, 1}}},
-        TMouseCase{TInputEventType::LeftMouseUp, TMouseButton::Left, {{EV_KEY, BTN_LEFT, 0}}},
-        TMouseCase{TInputEventType::RightMouseDown, TMouseButton::Right,
-                   {{EV_KEY, BTN_RIGHT, 1}}},
-        TMouseCase{TInputEventType::RightMouseUp, TMouseButton::Right,
-                   {{EV_KEY, BTN_RIGHT, 0}}}),
-    [](const testing::TestParamInfo<TMouseCase>& info) -> std::string {
-        switch (info.param.type) {
-            case TInputEventType::MouseMoved: return "MouseMoved";
-            case TInputEventType::LeftMouseDragged: return "LeftMouseDragged";
-            case TInputEventType::LeftMouseDown: return "LeftMouseDown";
-            case TInputEventType::LeftMouseUp: return "LeftMouseUp";
-            case TInputEventType::RightMouseDown: return "RightMouseDown";
-            case TInputEventType::RightMouseUp: return "RightMouseUp";
-            default: return "Other" + std::to_string(info.index);
-        }
-    });
+// Verify that a button held when its contact goes away (the frame is unplugged or stops
+// answering, or the driver stops) is released where the finger was: the release comes at the
+// origin and lifts only the button, so the pointer stays at the drag's last point.
+TEST(EvdevTranslator, ReleaseWithoutContactLeavesThePointer) {
+    CGestureHarness h;
+    h.Play("down 1 8000 8000\nmove 1 16000 12000 in 4\n");
+    ASSERT_EQ(h.TakeEvents().back().type, TInputEventType::LeftMouseDragged);
+    h.container.releaseClick();  // as the driver does when the frame goes away or it stops
+    const TInputEvent release =
+        TInputEvent::Mouse(TInputEventType::LeftMouseUp, 0, 0, EVENT_FLAG_SECONDARY_FN);
+    EXPECT_EQ(h.TakeEvents(), std::vector<TInputEvent>{release});
+    CEvdevTranslator t(Screen(1920, 1080), TKeyProfile::Literal);
+    EXPECT_EQ(t.Translate(release), (std::vector<TEvdevEvent>{{EV_KEY, BTN_LEFT, 0}, kSyn}));
+}
 
 // Verify a shortcut: modifiers then key, one report each, and released in reverse.
 TEST(EvdevTranslator, ShortcutDownAndUp) {
@@ -176,31 +165,26 @@ TEST(EvdevTranslator, PressesWhatTheDryRunShows) {
                                         "KEY_F13"}));
 }
 
+TEvdevEvent Rel(uint16_t code, int32_t value) { return {EV_REL, code, value}; }
+
 // Verify the wheel: hi-res units for every scroll, a whole detent once 120 of them added up,
 // the remainder dropped when the direction turns.
 TEST(EvdevTranslator, WheelDetents) {
+    const std::tuple<int32_t, int32_t, std::vector<TEvdevEvent>> steps[] = {
+        {50, 0, {Rel(REL_WHEEL_HI_RES, 120), Rel(REL_WHEEL, 1), kSyn}},  // 50 pixels: a detent
+        {30, 0, {Rel(REL_WHEEL_HI_RES, 72), kSyn}},                     // no detent yet
+        {30, 0, {Rel(REL_WHEEL_HI_RES, 72), Rel(REL_WHEEL, 1), kSyn}},  // 144: 24 left
+        // Turning: the 24 left over do not cancel part of the downward scroll.
+        {-50, 0, {Rel(REL_WHEEL_HI_RES, -120), Rel(REL_WHEEL, -1), kSyn}},
+        {-125, 0, {Rel(REL_WHEEL_HI_RES, -300), Rel(REL_WHEEL, -2), kSyn}},
+        {0, 0, {}},
+        {0, 50, {Rel(REL_HWHEEL_HI_RES, 120), Rel(REL_HWHEEL, 1), kSyn}},
+    };
     CEvdevTranslator t(Screen(1920, 1080), TKeyProfile::Literal);
-    // 50 pixels = one detent.
-    EXPECT_EQ(t.Translate(TInputEvent::Scroll(50)),
-              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, 120}, {EV_REL, REL_WHEEL, 1},
-                                        kSyn}));
-    // 30 pixels = 72 units: no detent yet; another 30 make 144: one detent, 24 left.
-    EXPECT_EQ(t.Translate(TInputEvent::Scroll(30)),
-              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, 72}, kSyn}));
-    EXPECT_EQ(t.Translate(TInputEvent::Scroll(30)),
-              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, 72}, {EV_REL, REL_WHEEL, 1},
-                                        kSyn}));
-    // Turning: the 24 left over do not cancel part of the downward scroll.
-    EXPECT_EQ(t.Translate(TInputEvent::Scroll(-50)),
-              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, -120},
-                                        {EV_REL, REL_WHEEL, -1}, kSyn}));
-    EXPECT_EQ(t.Translate(TInputEvent::Scroll(-125)),
-              (std::vector<TEvdevEvent>{{EV_REL, REL_WHEEL_HI_RES, -300},
-                                        {EV_REL, REL_WHEEL, -2}, kSyn}));
-    EXPECT_TRUE(t.Translate(TInputEvent::Scroll(0)).empty());
-    EXPECT_EQ(t.Translate(TInputEvent::Scroll(0, 50)),
-              (std::vector<TEvdevEvent>{{EV_REL, REL_HWHEEL_HI_RES, 120},
-                                        {EV_REL, REL_HWHEEL, 1}, kSyn}));
+    for (const auto& [wheel1, wheel2, events] : steps) {
+        SCOPED_TRACE(testing::Message() << wheel1 << " " << wheel2);
+        EXPECT_EQ(t.Translate(TInputEvent::Scroll(wheel1, wheel2)), events);
+    }
     // Extreme amounts do not overflow.
     const auto huge = t.Translate(TInputEvent::Scroll(std::numeric_limits<int32_t>::max()));
     ASSERT_EQ(huge.size(), 3u);
@@ -208,32 +192,22 @@ TEST(EvdevTranslator, WheelDetents) {
     EXPECT_GT(huge[1].value, 0);
 }
 
-// Verify the advice given when the virtual device cannot be made.
+// Verify the one-line advice given when the virtual device cannot be made, end to end for a
+// missing node and for a node that is not uinput.
 TEST(UinputEventSink, ErrorAdvice) {
-    EXPECT_NE(DescribeUinputError("/dev/uinput", "open", ENOENT).find("modprobe uinput"),
-              std::string::npos);
-    EXPECT_NE(DescribeUinputError("/dev/uinput", "open", ENODEV).find("modprobe uinput"),
-              std::string::npos);
+    EXPECT_THAT(DescribeUinputError("/dev/uinput", "open", ENODEV), HasSubstr("modprobe uinput"));
     const std::string denied = DescribeUinputError("/dev/uinput", "open", EACCES);
-    EXPECT_NE(denied.find("/dev/uinput (Permission denied)"), std::string::npos);
-    EXPECT_NE(denied.find("packaging/70-irframe.rules"), std::string::npos);
-    EXPECT_NE(DescribeUinputError("/dev/null", "create", ENOTTY).find("not a uinput device"),
-              std::string::npos);
-}
-
-// Verify the error path end to end: a missing node and a node that is not uinput.
-TEST(UinputEventSink, CreateFailsWithOneLine) {
-    std::string error;
-    EXPECT_EQ(CUinputEventSink::Create("/nonexistent/uinput", Screen(1920, 1080),
-                                       TKeyProfile::Literal, &error),
-              nullptr);
-    EXPECT_NE(error.find("modprobe uinput"), std::string::npos) << error;
-    EXPECT_EQ(error.find('\n'), std::string::npos);
-    error.clear();
-    EXPECT_EQ(CUinputEventSink::Create("/dev/null", Screen(1920, 1080), TKeyProfile::Literal,
-                                       &error),
-              nullptr);
-    EXPECT_NE(error.find("not a uinput device"), std::string::npos) << error;
+    EXPECT_THAT(denied, HasSubstr("/dev/uinput (Permission denied)"));
+    EXPECT_THAT(denied, HasSubstr("packaging/70-irframe.rules"));
+    for (const auto& [node, advice] : {std::pair{"/nonexistent/uinput", "modprobe uinput"},
+                                       std::pair{"/dev/null", "not a uinput device"}}) {
+        std::string error;
+        EXPECT_EQ(
+            CUinputEventSink::Create(node, Screen(1920, 1080), TKeyProfile::Literal, &error),
+            nullptr);
+        EXPECT_THAT(error, HasSubstr(advice));
+        EXPECT_EQ(error.find('\n'), std::string::npos);
+    }
 }
 
 // What one write carries, read back through a datagram socket that keeps write boundaries.

@@ -1,5 +1,6 @@
 #include "support/ConfigBlockBuilder.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace cfgtest {
@@ -26,25 +27,14 @@ std::vector<uint8_t> Units(std::u16string_view text) {
 
 PanelHeadBytes PanelHead(uint8_t id, uint8_t rows, uint8_t columns, uint16_t width,
                          uint16_t height) {
-    PanelHeadBytes h{};
-    h[0] = id;
-    h[1] = 0xA1;  // carried
-    h[2] = rows;
-    h[3] = columns;
-    h[4] = 0xA4;  // bytes 4..7 carried
-    h[5] = 0xA5;
-    h[6] = 0xA6;
-    h[7] = 0xA7;
-    h[8] = static_cast<uint8_t>(width);
-    h[9] = static_cast<uint8_t>(width >> 8);
-    h[10] = static_cast<uint8_t>(height);
-    h[11] = static_cast<uint8_t>(height >> 8);
-    const int16_t geometry[6] = {16000, 17000, -8000, 10, -20, 9000};  // center, axisH, axisV
-    for (int i = 0; i < 6; ++i) {
-        h[12 + 2 * i] = static_cast<uint8_t>(geometry[i]);
-        h[13 + 2 * i] = static_cast<uint8_t>(static_cast<uint16_t>(geometry[i]) >> 8);
-    }
-    return h;
+    // Bytes 1 and 4..7 are carried as they are; the geometry is center, axisH, axisV.
+    const int16_t geometry[6] = {16000, 17000, -8000, 10, -20, 9000};
+    std::vector<uint8_t> h = {id, 0xA1, rows, columns, 0xA4, 0xA5, 0xA6, 0xA7};
+    for (const uint16_t v : {width, height}) Append16(h, v);
+    for (const int16_t v : geometry) Append16(h, static_cast<uint16_t>(v));
+    PanelHeadBytes head;
+    std::copy(h.begin(), h.end(), head.begin());
+    return head;
 }
 
 KeyEntry CodeKey(uint8_t code0, uint8_t code1, uint8_t code2, _HK_RECT16 rect) {
@@ -75,14 +65,10 @@ PanelRecordBuilder& PanelRecordBuilder::Panel(const PanelHeadBytes& head) {
 
 PanelRecordBuilder& PanelRecordBuilder::Key(const KeyEntry& key) {
     auto& p = m_panels.back();
-    p.push_back(key.type);
-    p.push_back(key.byte1);
-    p.push_back(key.byte2);
-    p.push_back(key.byte3);
-    Append16(p, key.rect.x);
-    Append16(p, key.rect.y);
-    Append16(p, key.rect.width);
-    Append16(p, key.rect.height);
+    p.insert(p.end(), {key.type, key.byte1, key.byte2, key.byte3});
+    for (const uint16_t v : {key.rect.x, key.rect.y, key.rect.width, key.rect.height}) {
+        Append16(p, v);
+    }
     return *this;
 }
 
@@ -128,12 +114,12 @@ std::vector<uint8_t> PanelRecordBuilder::Content() const {
     return out;
 }
 
-ConfigBlockBuilder::ConfigBlockBuilder() : m_head(DEV_CONFIG_HEADER_BYTES, 0) {
-    m_head[2] = DEV_CONFIG_BLOCK_TAG;
+ConfigBlockBuilder::ConfigBlockBuilder() : m_bytes(DEV_CONFIG_HEADER_BYTES, 0) {
+    m_bytes[2] = DEV_CONFIG_BLOCK_TAG;
 }
 
 ConfigBlockBuilder& ConfigBlockBuilder::Set8(size_t offset, uint8_t value) {
-    m_head.at(offset) = value;
+    m_bytes.at(offset) = value;
     return *this;
 }
 
@@ -147,28 +133,16 @@ ConfigBlockBuilder& ConfigBlockBuilder::Set32(size_t offset, uint32_t value) {
     return Set16(offset + 2, static_cast<uint16_t>(value >> 16));
 }
 
-ConfigBlockBuilder& ConfigBlockBuilder::AreaCount(uint8_t n) {
-    m_areaCount = n;
-    return *this;
-}
-
-ConfigBlockBuilder& ConfigBlockBuilder::ExtraCount(uint8_t n) {
-    m_extraCount = n;
-    return *this;
-}
-
-ConfigBlockBuilder& ConfigBlockBuilder::PanelCount(uint8_t n) { return Set8(27, n); }
-
 ConfigBlockBuilder& ConfigBlockBuilder::Area(const _HCRECT_CONFIG_FILE& area) {
+    ++m_bytes[25];
     const auto* bytes = reinterpret_cast<const uint8_t*>(&area);
-    m_areas.insert(m_areas.end(), bytes, bytes + sizeof(area));
-    return *this;
+    return Raw({bytes, bytes + sizeof(area)});
 }
 
 ConfigBlockBuilder& ConfigBlockBuilder::Extra(
     const std::array<uint8_t, DEV_CONFIG_EXTRA_BYTES>& extra) {
-    m_extras.insert(m_extras.end(), extra.begin(), extra.end());
-    return *this;
+    ++m_bytes[26];
+    return Raw({extra.begin(), extra.end()});
 }
 
 ConfigBlockBuilder& ConfigBlockBuilder::Record(uint8_t tag, const std::vector<uint8_t>& content) {
@@ -177,28 +151,22 @@ ConfigBlockBuilder& ConfigBlockBuilder::Record(uint8_t tag, const std::vector<ui
 
 ConfigBlockBuilder& ConfigBlockBuilder::RecordWithLength(uint8_t tag, uint16_t length,
                                                          const std::vector<uint8_t>& content) {
-    m_tail.push_back(tag);
+    m_bytes.push_back(tag);
     if (tag < 0x80) {
-        m_tail.push_back(static_cast<uint8_t>(length));
+        m_bytes.push_back(static_cast<uint8_t>(length));
     } else {
-        Append16(m_tail, length);
+        Append16(m_bytes, length);
     }
-    m_tail.insert(m_tail.end(), content.begin(), content.end());
-    return *this;
+    return Raw(content);
 }
 
 ConfigBlockBuilder& ConfigBlockBuilder::Raw(const std::vector<uint8_t>& bytes) {
-    m_tail.insert(m_tail.end(), bytes.begin(), bytes.end());
+    m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
     return *this;
 }
 
 std::vector<uint8_t> ConfigBlockBuilder::Build() const {
-    std::vector<uint8_t> out = m_head;
-    out[25] = m_areaCount.value_or(static_cast<uint8_t>(m_areas.size() / sizeof(_HCRECT_CONFIG_FILE)));
-    out[26] = m_extraCount.value_or(static_cast<uint8_t>(m_extras.size() / DEV_CONFIG_EXTRA_BYTES));
-    out.insert(out.end(), m_areas.begin(), m_areas.end());
-    out.insert(out.end(), m_extras.begin(), m_extras.end());
-    out.insert(out.end(), m_tail.begin(), m_tail.end());
+    std::vector<uint8_t> out = m_bytes;
     const auto total = static_cast<uint16_t>(out.size());
     out[0] = static_cast<uint8_t>(total);
     out[1] = static_cast<uint8_t>(total >> 8);
@@ -224,6 +192,12 @@ _HCRECT_CONFIG_FILE SampleArea(uint8_t seed) {
     a.axisH = {static_cast<int16_t>(-16384 + seed), static_cast<int16_t>(seed)};
     a.axisV = {static_cast<int16_t>(-seed), static_cast<int16_t>(16384 - seed)};
     return a;
+}
+
+std::unique_ptr<_HARDWARE_DEV_CONFIG> FilledConfig(int fill) {
+    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
+    std::memset(static_cast<void*>(config.get()), fill, sizeof(*config));
+    return config;
 }
 
 }  // namespace cfgtest

@@ -1,22 +1,13 @@
 // Test helper: assembles configuration blocks byte by byte, including blocks that the encoder
 // would never write (lengths that lie, offsets out of range, counts too big). Nothing here calls
-// the codec, so a block built here is an independent statement of the format.
+// the codec, so a block built here is an independent statement of the format:
 //
 //   cfgtest::PanelRecordBuilder panels;
-//   const uint16_t ok = panels.Text(u"OK");              // into the shared text area
-//   panels.Panel(cfgtest::PanelHead(/*id*/ 1, /*rows*/ 1, /*columns*/ 2))
-//         .Key(cfgtest::CodeKey(0x10, 0x20, 0x30))
-//         .Key(cfgtest::TextKey(KEY_TYPE_TEXT2, ok, /*text bytes*/ 6))
-//         .Numbers({7, 8});                              // keyValue1, keyValue2 of the text key
-//   std::vector<uint8_t> block = cfgtest::ConfigBlockBuilder()
-//         .Area(someArea)
-//         .Record(0x02, {0x10, 0x00})
-//         .Record(0x80, panels.Content())
-//         .PanelCount(1)
-//         .Build();                                      // bytes 0..1 = the block's size
-//
-// Counts (header bytes 25..27) follow the areas and extras added unless set explicitly; the
-// total length (bytes 0..1) is the block's size.
+//   const uint16_t ok = panels.Text(u"OK");  // into the shared text area
+//   panels.Panel(cfgtest::PanelHead(1, 1, 1)).Key(cfgtest::TextKey(KEY_TYPE_TEXT2, ok, 6))
+//         .Numbers({7, 8});                 // keyValue1, keyValue2 of the text key
+//   const auto block = cfgtest::ConfigBlockBuilder().Area(someArea).PanelCount(1)
+//                          .Record(0x80, panels.Content()).Build();
 #pragma once
 
 #include "MtDevConfig.h"
@@ -24,6 +15,7 @@
 #include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -80,18 +72,20 @@ private:
     std::vector<std::pair<int, std::pair<uint16_t, uint16_t>>> m_indexOverrides;
 };
 
+// A block: the header, then areas, extras, records and raw bytes in the order they are added.
+// Bytes 0..1 are the block's size; Area and Extra add one to their header count.
 class ConfigBlockBuilder {
 public:
-    ConfigBlockBuilder();  // tag 0xB2, every header field 0
+    ConfigBlockBuilder();  // tag 0xB2, every other header byte 0
 
     // Header fields by offset (see the block's header table in docs/configuration.md).
     ConfigBlockBuilder& Set8(size_t offset, uint8_t value);
     ConfigBlockBuilder& Set16(size_t offset, uint16_t value);
     ConfigBlockBuilder& Set32(size_t offset, uint32_t value);
     ConfigBlockBuilder& Flags(uint32_t flags) { return Set32(4, flags); }
-    ConfigBlockBuilder& AreaCount(uint8_t n);
-    ConfigBlockBuilder& ExtraCount(uint8_t n);
-    ConfigBlockBuilder& PanelCount(uint8_t n);
+    ConfigBlockBuilder& AreaCount(uint8_t n) { return Set8(25, n); }
+    ConfigBlockBuilder& ExtraCount(uint8_t n) { return Set8(26, n); }
+    ConfigBlockBuilder& PanelCount(uint8_t n) { return Set8(27, n); }
 
     ConfigBlockBuilder& Area(const _HCRECT_CONFIG_FILE& area);
     ConfigBlockBuilder& Extra(const std::array<uint8_t, DEV_CONFIG_EXTRA_BYTES>& extra);
@@ -100,19 +94,18 @@ public:
     // A record whose length field says `length` whatever the content's size.
     ConfigBlockBuilder& RecordWithLength(uint8_t tag, uint16_t length,
                                          const std::vector<uint8_t>& content);
-    ConfigBlockBuilder& Raw(const std::vector<uint8_t>& bytes);  // appended after the records
+    ConfigBlockBuilder& Raw(const std::vector<uint8_t>& bytes);
 
     std::vector<uint8_t> Build() const;
 
 private:
-    std::vector<uint8_t> m_head;
-    std::vector<uint8_t> m_areas;
-    std::vector<uint8_t> m_extras;
-    std::vector<uint8_t> m_tail;
-    std::optional<uint8_t> m_areaCount, m_extraCount;
+    std::vector<uint8_t> m_bytes;
 };
 
 // A calibration area with every field set to a value derived from `seed`.
 _HCRECT_CONFIG_FILE SampleArea(uint8_t seed);
+
+// A record on the heap (it is large) with every byte `fill`.
+std::unique_ptr<_HARDWARE_DEV_CONFIG> FilledConfig(int fill);
 
 }  // namespace cfgtest
