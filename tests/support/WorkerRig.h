@@ -32,11 +32,12 @@ private:
     TVirtualClock m_inner{1'000'000'000};
 };
 
+// A screen of a fixed size, or none.
 class CFixedScreen final : public IScreen {
 public:
-    std::optional<TScreenRect> MainScreenFrame() const override {
-        return TScreenRect{0, 0, 1920, 1080};
-    }
+    explicit CFixedScreen(std::optional<TScreenRect> r = TScreenRect{0, 0, 1920, 1080}) : rect(r) {}
+    std::optional<TScreenRect> MainScreenFrame() const override { return rect; }
+    std::optional<TScreenRect> rect;
 };
 
 struct TWorkerRig {
