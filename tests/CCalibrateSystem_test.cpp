@@ -134,45 +134,57 @@ TEST_F(CalibrateSystemTest, GeometryBelowOneIsRefusedAndWidthsDerived) {
     EXPECT_FALSE(cal.InitCalibrateSys(nullptr, nullptr));
 
     ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &geometry));
-    EXPECT_EQ(cal.Edge(), 60);    // 32767 * 15 / 8191
-    EXPECT_EQ(cal.Blend(), 708);  // 32767 * 177 / 8191
-    EXPECT_EQ(cal.HalfWidth(), 16383);
-    EXPECT_EQ(cal.HalfHeight(), 16383);
+    // Edge 32767 * 15 / 8191, blend 32767 * 177 / 8191.
+    EXPECT_EQ(std::make_tuple(cal.Edge(), cal.Blend(), cal.HalfWidth(), cal.HalfHeight()),
+              std::make_tuple(60, 708, 16383, 16383));
     EXPECT_TRUE(cal.KeepOutside());
     EXPECT_EQ(cal.Areas(), nullptr);
     EXPECT_EQ(cal.Buttons(), nullptr);
 }
 
 // The default area, hand-built and from the product defaults (their block round trip is the
-// codec's test): raw (16384, 16384) lands on (960, 540); raw X growing makes output X shrink;
-// the span is that of the contact's corners (rawX 15884 / 16884, rawY 16084 / 16684).
-TEST_F(CalibrateSystemTest, DefaultAreaMapsCentreAndMirrorsX) {
+// codec's test): raw (16384, 16384) lands on (960, 540); raw X growing makes output X shrink.
+// Raw positions are signed 16-bit values: a frame reports a contact just beyond its low edge as
+// 0xFFFF (-1), which stays on that side. The span is that of the contact's signed corners.
+TEST_F(CalibrateSystemTest, DefaultAreaMapsCentreMirrorsXAndWidensWithSign) {
     auto handBuilt = WithAreas(kAreasKeep, {DefaultArea(9, 3)});
     auto defaults = std::make_unique<_HARDWARE_DEV_CONFIG>();
     DefaultDevConfig(0, 0, defaults.get());
     DefaultDevCalConfig(0, 0, defaults.get());
     const std::pair<const _HARDWARE_DEV_CONFIG*, std::pair<int, int>> cases[] = {
         {handBuilt.get(), {3, 9}}, {defaults.get(), {0, 0}}};
+    const std::vector<Contact> contacts = {
+        {1, 2, 16384, 16384, 1000, 600},  {2, 2, 20000, 16384, 1000, 600},
+        {3, 2, 24000, 16384, 1000, 600},  {4, 2, 0xFFFF, 16384, 1000, 600},
+        {5, 2, 16384, 0xFFFF, 1000, 600}, {6, 2, 0x8000, 0x8000, 1000, 600},
+        {7, 2, 0xFFFF, 0xFFFF, 1000, 600}};
+    // 960 * 32767 / 1920 = 16383.5; low raw X maps to high output X.
+    const std::pair<int, int> expected[] = {
+        {16383, 16383}, {}, {}, {32766, 16383}, {16383, 1}, {32766, 1}, {32766, 1}};
     for (const auto& [config, cell] : cases) {
         CCalibrateSystem system;
         ASSERT_TRUE(system.InitCalibrateSys(config, &geometry));
         EXPECT_TRUE(system.KeepOutside());
         EXPECT_EQ(system.Buttons(), nullptr);
         ASSERT_EQ(Count(system.Areas()), 1);
-        Frame frame({{1, 2, 16384, 16384, 1000, 600}, {2, 2, 20000, 16384}, {3, 2, 24000, 16384}});
+        Frame frame(contacts);
         Run(system, frame);
-        EXPECT_EQ(system.Slot(1)->x, 960.0f);
-        EXPECT_EQ(system.Slot(1)->y, 540.0f);
-        EXPECT_EQ(Xy(frame[0]), std::make_pair(16383, 16383));  // 960 * 32767 / 1920 = 16383.5
+        EXPECT_EQ(std::make_pair(system.Slot(1)->x, system.Slot(1)->y),
+                  std::make_pair(960.0f, 540.0f));
         EXPECT_EQ(Cell(frame[0]), cell);
         EXPECT_LT(frame[1].x, frame[0].x);
         EXPECT_LT(frame[2].x, frame[1].x);
         EXPECT_EQ(frame[2].y, frame[0].y);
-        auto hid = [&](int x, int y) { return Through(DefaultArea(), system.Blend(), x, y); };
-        EXPECT_EQ(frame[0].width, hid(15884, 16084).hidX - hid(16884, 16084).hidX);
-        EXPECT_EQ(frame[0].height, hid(15884, 16684).hidY - hid(15884, 16084).hidY);
         EXPECT_GT(frame[0].width, 900);
         EXPECT_GT(frame[0].height, 500);
+        auto hid = [&](int x, int y) { return Through(DefaultArea(), system.Blend(), x, y); };
+        for (size_t i : {0, 3, 4, 5, 6}) {
+            SCOPED_TRACE(i);
+            EXPECT_EQ(Xy(frame[i]), expected[i]);
+            const int x0 = int16_t(contacts[i].x) - 500, y0 = int16_t(contacts[i].y) - 300;
+            EXPECT_EQ(frame[i].width, hid(x0, y0).hidX - hid(x0 + 1000, y0).hidX);
+            EXPECT_EQ(frame[i].height, hid(x0, y0 + 600).hidY - hid(x0, y0).hidY);
+        }
     }
 }
 
@@ -373,37 +385,52 @@ TEST_F(CalibrateSystemTest, SlotsSweptOneFrameAfterTheContactLeaves) {
     EXPECT_EQ(ActiveIds(cal), (std::vector<int>{2}));
 }
 
-// Without areas. halfWidth 16383, edge 60: below the centre v = d * 16583 / c, above it
-// t * 16384 / c + 16383; X mirrored.
-TEST_F(CalibrateSystemTest, DefaultHidCoords) {
+// Without areas, every output form of one raw value on both axes: the default mapping (X
+// mirrored; halfWidth 16383, edge 60; below the centre d * 16583 / c, above it t * 16384 / c +
+// 16383: a step of 200) in HID units and in fractions, the desktop form's own scale (1366 - r *
+// 1366 / 32767, r * 768 / 32767), and the device's own units. Raw values are signed: 0xFFFF is
+// -1, beyond the low edge and not the high one.
+TEST_F(CalibrateSystemTest, WithoutAreasEveryForm) {
     struct Case {
-        _CS_CONFIG g;
         uint16_t raw;
-        int32_t x, y;
+        int32_t x, y;  // HID
+        float fx, fy;
+        int32_t desktopX, desktopY;
     };
-    const _CS_CONFIG tiny{8191, 8191, 1, 1};  // halfWidth 0: 16383 at raw 0, 32766 above
     const Case cases[] = {
-        {geometry, 0, 32766, 1},           // d <= 0 at the low edge
-        {geometry, 16383, 16384, 16383},   // at half width
-        {geometry, 16382, 16186, 16581},   // one below: the step of 200
-        {geometry, 8192, 32767 - 8262, 8262},
-        {geometry, 24000, 32767 - 24027, 24027},
-        {geometry, 32767, 1, 32766},       // t >= c at the high edge
-        {geometry, 0xFFFF, 32766, 1},      // raw -1: beyond the low edge, not the high one
-        {geometry, 0x8000, 32766, 1},      // raw -32768
-        {tiny, 0, 32767 - 16383, 16383},
-        {tiny, 1, 1, 32766},
+        {0, 32766, 1, 1.0f, 0.0f, 1366, 0},  // d <= 0 at the low edge
+        {8192, 32767 - 8262, 8262, 0.750869811f, 0.249130189f, 1025, 192},
+        {16382, 16186, 16581, 0.500030518f, 0.499969482f, 684, 383},  // one below half width
+        {16383, 16384, 16383, 0.5f, 0.5f, 684, 383},                   // at half width
+        {24000, 32767 - 24027, 24027, 0.266709387f, 0.733290613f, 366, 562},
+        {32767, 1, 32766, 0.0f, 1.0f, 0, 768},  // t >= c at the high edge
+        {0xFFFF, 32766, 1, 1.0f, 0.0f, 1366, 0},
+        {0x8000, 32766, 1, 1.0f, 0.0f, 2732, -768},
     };
+    ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &geometry));
     for (const Case& c : cases) {
         SCOPED_TRACE(c.raw);
-        ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &c.g));
         Frame frame({{1, 2, c.raw, c.raw, 100, -50}});
         Run(frame);
         EXPECT_EQ(Xy(frame[0]), std::make_pair(c.x, c.y));
         EXPECT_EQ(Cell(frame[0]), std::make_pair(0, 0));
-        EXPECT_EQ(frame[0].width, 100 * 32767 / c.g.rawWidth);
-        EXPECT_EQ(frame[0].height, -50 * 32767 / c.g.rawHeight);
+        EXPECT_EQ(std::make_pair(frame[0].width, frame[0].height), std::make_pair(100, -50));
+        cal.GetTuioCoords(frame.get());
+        EXPECT_EQ(std::make_pair(SdkPointFloat(frame[0].x), SdkPointFloat(frame[0].y)),
+                  std::make_pair(c.fx, c.fy));
+        cal.GetDesktopCoords(frame.get());
+        EXPECT_EQ(Xy(frame[0]), std::make_pair(c.desktopX, c.desktopY));
+        cal.GetSDKCoords(frame.get());
+        EXPECT_EQ(Xy(frame[0]), std::make_pair(int(int16_t(c.raw)), int(int16_t(c.raw))));
     }
+
+    const _CS_CONFIG tiny{8191, 8191, 1, 1};  // halfWidth 0: 16383 at raw 0, 32766 above
+    ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &tiny));
+    Frame frame({{1, 2, 0, 0, 1, 1}, {2, 2, 1, 1}});
+    Run(frame);
+    EXPECT_EQ(Xy(frame[0]), std::make_pair(32767 - 16383, 16383));
+    EXPECT_EQ(Xy(frame[1]), std::make_pair(1, 32766));
+    EXPECT_EQ(std::make_pair(frame[0].width, frame[0].height), std::make_pair(32767, 32767));
 
     const _CS_CONFIG huge{1, 1, 32767, 32767};  // edge = 491505: products wrap
     ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &huge));
@@ -443,78 +470,6 @@ TEST_F(CalibrateSystemTest, FloatDesktopAndSdkForms) {
     EXPECT_EQ(frame[2].width, 30);
     EXPECT_EQ(frame[2].height, -20);
     EXPECT_EQ(Cell(frame[2]), std::make_pair(2, 4));
-
-    // Without areas: the default mapping in fractions, X mirrored; the desktop's own scale.
-    ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &geometry));
-    Frame unmapped({{1, 2, 0, 0}, {2, 2, 16383, 16383}, {3, 2, 32767, 32767}, {4, 2, 8192, 8192}});
-    cal.CalFramePoint(unmapped.get());
-    cal.GetTuioCoords(unmapped.get());
-    const std::pair<float, float> expected[] = {{1.0f, 0.0f}, {0.5f, 0.5f}, {0.0f, 1.0f}};
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(SdkPointFloat(unmapped[i].x), expected[i].first) << i;
-        EXPECT_EQ(SdkPointFloat(unmapped[i].y), expected[i].second) << i;
-    }
-    // rawX 8192: t = 16443 * 8191 / 16383 = 8220, d = 8163.
-    EXPECT_EQ(SdkPointFloat(unmapped[3].y), static_cast<float>(8163 * 0.5 / 16383));
-    EXPECT_EQ(SdkPointFloat(unmapped[3].x), 1.0f - static_cast<float>(8163 * 0.5 / 16383));
-    cal.GetDesktopCoords(unmapped.get());
-    EXPECT_EQ(Xy(unmapped[1]), std::make_pair(1366 - 16383 * 1366 / 32767, 16383 * 768 / 32767));
-}
-
-// Raw positions are signed 16-bit values: a frame reports a contact just beyond its low edge
-// as 0xFFFF (-1). Through an area, the contact and the corners of its rectangle stay on that
-// side; the span is that of the signed corners.
-TEST_F(CalibrateSystemTest, RawPositionsWidenedWithSignThroughAnArea) {
-    auto config = WithAreas(kAreasKeep, {DefaultArea()});
-    ASSERT_TRUE(cal.InitCalibrateSys(config.get(), &geometry));
-    struct Case {
-        uint16_t rawX, rawY;
-        int x, y;  // low raw X maps to high output X
-    };
-    const Case cases[] = {
-        {0xFFFF, 16384, 32766, 16383},
-        {16384, 0xFFFF, 16383, 1},
-        {0x8000, 0x8000, 32766, 1},
-        {0xFFFF, 0xFFFF, 32766, 1},
-    };
-    constexpr int16_t kW = 1000, kH = 600;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << std::hex << c.rawX << " " << c.rawY);
-        Frame frame({{1, 2, c.rawX, c.rawY, kW, kH}});
-        Run(frame);
-        EXPECT_EQ(Xy(frame[0]), std::make_pair(c.x, c.y));
-        const int x0 = int16_t(c.rawX) - kW / 2, y0 = int16_t(c.rawY) - kH / 2;
-        auto hid = [&](int x, int y) { return Through(DefaultArea(), cal.Blend(), x, y); };
-        EXPECT_EQ(frame[0].width, hid(x0, y0).hidX - hid(x0 + kW, y0).hidX);
-        EXPECT_EQ(frame[0].height, hid(x0, y0 + kH).hidY - hid(x0, y0).hidY);
-    }
-}
-
-// The same values without areas, in every other form that reads raw positions.
-TEST_F(CalibrateSystemTest, RawPositionsWidenedWithSignWithoutAreas) {
-    ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &geometry));
-    struct Case {
-        uint16_t raw;
-        float fx, fy;                      // fractions, X mirrored
-        std::pair<int, int> desktop, sdk;  // 1366 - r * 1366 / 32767, r * 768 / 32767; r
-    };
-    const Case cases[] = {
-        {0xFFFF, 1.0f, 0.0f, {1366, 0}, {-1, -1}},
-        {0x8000, 1.0f, 0.0f, {2732, -768}, {-32768, -32768}},
-        {0x7FFF, 0.0f, 1.0f, {0, 768}, {32767, 32767}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.raw);
-        Frame frame({{1, 2, c.raw, c.raw}});
-        cal.CalFramePoint(frame.get());
-        cal.GetTuioCoords(frame.get());
-        EXPECT_EQ(SdkPointFloat(frame[0].x), c.fx);
-        EXPECT_EQ(SdkPointFloat(frame[0].y), c.fy);
-        cal.GetDesktopCoords(frame.get());
-        EXPECT_EQ(Xy(frame[0]), c.desktop);
-        cal.GetSDKCoords(frame.get());
-        EXPECT_EQ(Xy(frame[0]), c.sdk);
-    }
 }
 
 TEST(CalibrateSystem, WarningBits) {

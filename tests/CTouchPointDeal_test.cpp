@@ -10,27 +10,21 @@
 
 namespace {
 
-struct Bearing {
-    float x1, y1, x2, y2;
-    int angle;
-};
-
-class BearingTable : public testing::TestWithParam<Bearing> {};
-
-// Verify bearings between two points, the 1.57/3.14 skew included.
-TEST_P(BearingTable, Angle) {
-    const Bearing& b = GetParam();
-    EXPECT_EQ(CTouchPointDeal::GetAngle(b.x1, b.x2, b.y1, b.y2), b.angle);
+// Verify bearings between two points, the 1.57/3.14 skew included. Equal points give 0, not
+// NaN; (-1, -10000) gives 360 and (-1000, 1) 269.
+TEST(CTouchPointDeal, Bearings) {
+    const struct {
+        float x1, y1, x2, y2;
+        int angle;
+    } cases[] = {{5, 5, 5, 5, 0},          {0, 0, 10, 0, 90},        {0, 0, 0, 10, 180},
+                 {0, 0, -10, 0, 270},      {0, 0, 0, -10, 0},        {0, 0, 100, -100, 44},
+                 {0, 0, -100, 100, 224},   {0, 0, -100, -100, 315},  {0, 0, -1, -10000, 360},
+                 {0, 0, -1000, 1, 269},    {100, 200, 103, 204, 143}};
+    for (const auto& b : cases) {
+        EXPECT_EQ(CTouchPointDeal::GetAngle(b.x1, b.x2, b.y1, b.y2), b.angle)
+            << b.x2 << ", " << b.y2;
+    }
 }
-
-// Equal points give 0, not NaN; (-1, -10000) gives 360 and (-1000, 1) 269.
-INSTANTIATE_TEST_SUITE_P(
-    All, BearingTable,
-    testing::Values(Bearing{5, 5, 5, 5, 0}, Bearing{0, 0, 10, 0, 90}, Bearing{0, 0, 0, 10, 180},
-                    Bearing{0, 0, -10, 0, 270}, Bearing{0, 0, 0, -10, 0},
-                    Bearing{0, 0, 100, -100, 44}, Bearing{0, 0, -100, 100, 224},
-                    Bearing{0, 0, -100, -100, 315}, Bearing{0, 0, -1, -10000, 360},
-                    Bearing{0, 0, -1000, 1, 269}, Bearing{100, 200, 103, 204, 143}));
 
 // Verify distance (x-first argument order), the bounding-box area of four points, and the
 // processor-style conversion used where a float bearing may be NaN.
@@ -53,96 +47,58 @@ TEST(CTouchPointDeal, DistanceAreaTruncate) {
     EXPECT_EQ(TruncateToInt(2147483647.0), INT_MAX);
 }
 
-struct Sector {
-    int bearing;
-    int code;
-    int direction4;
-};
-
-class SectorTable : public testing::TestWithParam<Sector> {};
-
-// Verify the eight sectors and their boundaries, and how they pair into four directions.
-TEST_P(SectorTable, Code) {
-    EXPECT_EQ(CTouchPointDeal::OneFignerMovingDirection(GetParam().bearing), GetParam().code);
-    EXPECT_EQ(CTouchPointDeal::Direction4(GetParam().bearing), GetParam().direction4);
+// Verify the eight half-open sectors, the catch-all 6, and how they pair into four directions.
+TEST(CTouchPointDeal, Sectors) {
+    constexpr int kUp = DIRECTION_UP, kRight = DIRECTION_RIGHT, kDown = DIRECTION_DOWN;
+    constexpr int kLeft = DIRECTION_LEFT;
+    const int cases[][3] = {
+        {0, 7, kUp},         {44, 7, kUp},       {45, 8, kRight},    {89, 8, kRight},
+        {90, 9, kRight},     {134, 9, kRight},   {135, 10, kDown},   {179, 10, kDown},
+        {180, 11, kDown},    {224, 11, kDown},   {225, 12, kLeft},   {269, 12, kLeft},
+        {270, 13, kLeft},    {314, 13, kLeft},   {315, 6, kUp},      {359, 6, kUp},
+        {360, 6, kUp},       {1000, 6, kUp},     {-1, 6, kUp},       {INT_MIN, 6, kUp}};
+    for (const auto& [bearing, code, direction4] : cases) {
+        EXPECT_EQ(CTouchPointDeal::OneFignerMovingDirection(bearing), code) << bearing;
+        EXPECT_EQ(CTouchPointDeal::Direction4(bearing), direction4) << bearing;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, SectorTable,
-    testing::Values(Sector{0, 7, DIRECTION_UP}, Sector{44, 7, DIRECTION_UP},
-                    Sector{45, 8, DIRECTION_RIGHT}, Sector{90, 9, DIRECTION_RIGHT},
-                    Sector{134, 9, DIRECTION_RIGHT}, Sector{135, 10, DIRECTION_DOWN},
-                    Sector{180, 11, DIRECTION_DOWN}, Sector{224, 11, DIRECTION_DOWN},
-                    Sector{225, 12, DIRECTION_LEFT}, Sector{270, 13, DIRECTION_LEFT},
-                    Sector{314, 13, DIRECTION_LEFT}, Sector{315, 6, DIRECTION_UP},
-                    Sector{359, 6, DIRECTION_UP}, Sector{-1, 6, DIRECTION_UP},
-                    Sector{INT_MIN, 6, DIRECTION_UP}));
-
-struct AngleDifference {
-    int a, b, difference;
-};
-
-class CompareWithAngleTable : public testing::TestWithParam<AngleDifference> {};
 
 // Verify the folded angular difference.
-TEST_P(CompareWithAngleTable, Folded) {
-    EXPECT_EQ(CTouchPointDeal::CompareWithAngle(GetParam().a, GetParam().b),
-              GetParam().difference);
+TEST(CTouchPointDeal, CompareWithAngle) {
+    const int64_t cases[][3] = {{10, 350, 20}, {350, 10, 20}, {0, 180, 180}, {0, 181, 179},
+                                {90, 90, 0},   {0, 360, 0},   {-10, 10, 20},
+                                {INT_MIN, 90, 360 - 2147483738LL}};
+    for (const auto& [a, b, difference] : cases) {
+        EXPECT_EQ(CTouchPointDeal::CompareWithAngle(int(a), int(b)), difference) << a << " " << b;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, CompareWithAngleTable,
-    testing::Values(AngleDifference{10, 350, 20}, AngleDifference{350, 10, 20},
-                    AngleDifference{0, 180, 180}, AngleDifference{0, 181, 179},
-                    AngleDifference{90, 90, 0}, AngleDifference{0, 360, 0},
-                    AngleDifference{-10, 10, 20},
-                    AngleDifference{INT_MIN, 90, 360 - 2147483738LL}));
-
-struct Trend {
-    const char* name;
-    std::vector<CTouchPoint> path;
-    TELO_FINGER_STATUS trend;
-};
 
 CTouchPoint P(float dx, float dy) { return CTouchPoint(10000.0f + dx, 10000.0f + dy, 0); }
 
-class TrendTable : public testing::TestWithParam<Trend> {};
-
-// Verify the rotation sense from the sectors of bearings taken from the first sample.
-TEST_P(TrendTable, Trend) {
-    const std::vector<CTouchPoint>& path = GetParam().path;
-    EXPECT_EQ(CTouchPointDeal::FingerMovementTrend(CTouchPointPath(path)), GetParam().trend);
+// Verify the rotation sense from the sectors of bearings taken from the first sample. Sectors
+// seen from the origin: (-1000, 300) 12, (-1000, -300) 13, (-300, 1000) 11, (-100, -1000) 6,
+// (1000, 0) 9.
+TEST(CTouchPointDeal, FingerMovementTrend) {
+    constexpr TELO_FINGER_STATUS kCw = TFS_TWO_FINGERS_ROTATE_CLOCKWISE;
+    constexpr TELO_FINGER_STATUS kAcw = TFS_TWO_FINGERS_ROTATE_ACLOCKWISE;
+    const std::pair<std::vector<CTouchPoint>, TELO_FINGER_STATUS> cases[] = {
+        {{P(0, 0), P(-1000, 300), P(-1000, 300)}, TFS_NONE},  // three samples
+        {{P(0, 0), P(-500, 150), P(-1000, 300), P(-2000, 600)}, TFS_NONE},  // straight
+        {{P(0, 0), P(-1000, 300), P(-1000, 300), P(-1000, -300)}, kCw},     // 12 to 13
+        {{P(0, 0), P(-1000, 300), P(-1000, 300), P(-300, 1000)}, kAcw},     // 12 to 11
+        {{P(0, 0), P(0, 0), P(-100, -1000), P(-1000, -300)}, kAcw},         // 6 to 13
+        {{P(0, 0), P(0, 0), P(-1000, -300), P(-100, -1000)}, kCw},          // 13 to 6
+        // A jump across is no rotation; the first neighbouring sector decides.
+        {{P(0, 0), P(0, 0), P(-1000, 300), P(1000, 0), P(-100, -1000)}, TFS_NONE},
+        {{P(0, 0), P(0, 0), P(-1000, 300), P(1000, 0), P(-300, 1000), P(-1000, -300)}, kAcw},
+        // Sample 1 is ignored.
+        {{P(0, 0), P(-1000, -300), P(-1000, 300), P(-2000, 600)}, TFS_NONE},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto& [path, trend] = cases[i];
+        EXPECT_EQ(CTouchPointDeal::FingerMovementTrend(CTouchPointPath(path)), trend) << i;
+    }
 }
-
-// Sectors seen from the origin: (-1000, 300) 12, (-1000, -300) 13, (-300, 1000) 11,
-// (-100, -1000) 6, (1000, 0) 9.
-INSTANTIATE_TEST_SUITE_P(
-    All, TrendTable,
-    testing::Values(
-        Trend{"ThreeSamples", {P(0, 0), P(-1000, 300), P(-1000, 300)}, TFS_NONE},
-        Trend{"Straight", {P(0, 0), P(-500, 150), P(-1000, 300), P(-2000, 600)}, TFS_NONE},
-        Trend{"TwelveToThirteen",
-              {P(0, 0), P(-1000, 300), P(-1000, 300), P(-1000, -300)},
-              TFS_TWO_FINGERS_ROTATE_CLOCKWISE},
-        Trend{"TwelveToEleven",
-              {P(0, 0), P(-1000, 300), P(-1000, 300), P(-300, 1000)},
-              TFS_TWO_FINGERS_ROTATE_ACLOCKWISE},
-        Trend{"SixToThirteen",
-              {P(0, 0), P(0, 0), P(-100, -1000), P(-1000, -300)},
-              TFS_TWO_FINGERS_ROTATE_ACLOCKWISE},
-        Trend{"ThirteenToSix",
-              {P(0, 0), P(0, 0), P(-1000, -300), P(-100, -1000)},
-              TFS_TWO_FINGERS_ROTATE_CLOCKWISE},
-        Trend{"JumpAcrossIsNotRotation",
-              {P(0, 0), P(0, 0), P(-1000, 300), P(1000, 0), P(-100, -1000)},
-              TFS_NONE},
-        Trend{"FirstNeighbourDecides",
-              {P(0, 0), P(0, 0), P(-1000, 300), P(1000, 0), P(-300, 1000), P(-1000, -300)},
-              TFS_TWO_FINGERS_ROTATE_ACLOCKWISE},
-        Trend{"SampleOneIsIgnored",
-              {P(0, 0), P(-1000, -300), P(-1000, 300), P(-2000, 600)},
-              TFS_NONE}),
-    [](const testing::TestParamInfo<Trend>& info) { return std::string(info.param.name); });
 
 struct KeyEntry {
     const char* name;

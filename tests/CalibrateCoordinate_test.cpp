@@ -87,6 +87,13 @@ TEST(CalibrateCoordinate, DefaultAreaMapping) {
     const float left = right->x.AsFloat();
     TranslateCalCoords(20000, 16384, right.get());
     EXPECT_GT(right->x.AsFloat(), left);
+    // Both axes along one line make the two sides of the orientation test equal: the lengths
+    // keep their sign, so raw Y past the line lands on the plus-Y side.
+    area.axisV = {16384, 0};
+    auto line = Make(area);
+    EXPECT_EQ(std::make_pair(line->lengthH, line->lengthV), std::make_pair(32768, 32768));
+    TranslateCalCoords(16384, 20000, line.get());
+    EXPECT_GT(line->y.AsFloat(), 540.0f);
 }
 
 // In the default area dV = rawX - 16384 and dH = rawY - 16384. The margin is halved with

@@ -53,40 +53,28 @@ TEST(ContactMatching, FindAndRemoveTouchPoint) {
     EXPECT_EQ(Ids(tracked.list), (std::vector<int>{7, 4, 9}));
 }
 
-struct CheckCase {
-    const char* name;
-    std::vector<int> tracked;
-    std::vector<int> frame;
-    bool nullFrame;
-    std::vector<int> after;
-};
-
-class CheckTouchPoint : public testing::TestWithParam<CheckCase> {};
-
 // Verify retirement of ids missing from the frame, with the deliberate skip of the entry that
 // slides into a freed slot.
-TEST_P(CheckTouchPoint, Retires) {
-    const CheckCase& c = GetParam();
-    OwnedList tracked(c.tracked);
-    std::vector<_HARDWARE_SDK_POINT> points(c.frame.size());
-    for (size_t i = 0; i < points.size(); ++i) {
-        points[i] = _HARDWARE_SDK_POINT{};
-        points[i].id = static_cast<uint8_t>(c.frame[i]);
-        if (i > 0) points[i - 1].next = &points[i];
+TEST(ContactMatching, CheckTouchPointRetires) {
+    const struct {
+        std::vector<int> tracked, frame;  // an empty frame: no frame record
+        std::vector<int> after;
+    } cases[] = {
+        {{1, 2, 3}, {3}, {2, 3}},       {{1, 2, 3, 4}, {}, {2, 4}}, {{1, 2, 3}, {3, 1, 2}, {1, 2, 3}},
+        {{1, 2, 3}, {1, 2}, {1, 2}},    {{255, 0}, {255}, {255}},   {{}, {1}, {}},
+    };
+    for (const auto& c : cases) {
+        OwnedList tracked(c.tracked);
+        std::vector<_HARDWARE_SDK_POINT> points(c.frame.size());
+        for (size_t i = 0; i < points.size(); ++i) {
+            points[i] = _HARDWARE_SDK_POINT{};
+            points[i].id = static_cast<uint8_t>(c.frame[i]);
+            if (i > 0) points[i - 1].next = &points[i];
+        }
+        checkTouchPoint(points.empty() ? nullptr : &points[0], &tracked.list);
+        EXPECT_EQ(Ids(tracked.list), c.after) << testing::PrintToString(c.tracked);
     }
-    checkTouchPoint(c.nullFrame || points.empty() ? nullptr : &points[0], &tracked.list);
-    EXPECT_EQ(Ids(tracked.list), c.after);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, CheckTouchPoint,
-    testing::Values(CheckCase{"OnlyThreeListed", {1, 2, 3}, {3}, false, {2, 3}},
-                    CheckCase{"NullFrame", {1, 2, 3, 4}, {}, true, {2, 4}},
-                    CheckCase{"AllListed", {1, 2, 3}, {3, 1, 2}, false, {1, 2, 3}},
-                    CheckCase{"LastMissing", {1, 2, 3}, {1, 2}, false, {1, 2}},
-                    CheckCase{"IdWidenedToInt", {255, 0}, {255}, false, {255}},
-                    CheckCase{"EmptyList", {}, {1}, false, {}}),
-    [](const testing::TestParamInfo<CheckCase>& info) { return std::string(info.param.name); });
 
 // Verify the frame stamp unit: seconds times 4,000,000 plus microseconds.
 TEST(ContactMatching, FrameTimeStamp) {
@@ -99,76 +87,62 @@ TEST(ContactMatching, FrameTimeStamp) {
     EXPECT_EQ(CurrentFrameTimeStamp(), 12'000'250);
 }
 
-struct FrameCase {
-    const char* name;
-    std::string before;        // frames played first
-    std::string frames;        // the frames judged
-    std::vector<int> tracked;  // ids tracked after them
-    int ones = -1, twos = -1;  // dispatches for one and for two contacts (-1: not judged)
-    int added = -1;            // "new point add" lines (-1: not judged)
-};
-
-class ContactTrackerFrames : public testing::TestWithParam<FrameCase> {};
-
-// Verify what the per-frame update keeps tracked and how often it deals.
-TEST_P(ContactTrackerFrames, TracksAndDeals) {
-    const FrameCase& c = GetParam();
-    CGestureHarness h;
-    if (!c.before.empty()) h.Play(c.before);
-    h.TakeLogs();
-    h.Play(c.frames);
-    EXPECT_EQ(Ids(h.tracker.Tracked()), c.tracked);
-    std::vector<std::string> out, system;
-    for (const TLoggedLine& l : h.TakeLogs()) {
-        (l.channel == TLogChannel::Stdout ? out : system).push_back(l.text);
-    }
-    const auto judge = [](int expected, long actual, const char* what) {
-        if (expected >= 0) {
-            EXPECT_EQ(actual, expected) << what;
-        }
-    };
-    judge(c.ones, Dispatches(out, 1), "one-contact dispatches");
-    judge(c.twos, Dispatches(out, 2), "two-contact dispatches");
-    judge(c.added, std::count(system.begin(), system.end(), "new point add"), "added");
-}
-
 const std::string kOne = "down 1 1000 1000\n";
 const std::string kTwo = "down 2 5000 5000, 1 1000 1000\n";  // 2 updated before 1 lifts
 const std::string kThree = "down 1 1000 1000, 2 2000 2000, 3 3000 3000\n";
 const std::string kSettle = "down 1 1000 1000\nwait 3000us\ndown 2 5000 5000\n";
 
-INSTANTIATE_TEST_SUITE_P(
-    Frames, ContactTrackerFrames,
-    testing::Values(
+// Verify what the per-frame update keeps tracked and how often it deals.
+TEST(ContactTracker, TracksAndDeals) {
+    const struct {
+        std::string before;        // frames played first
+        std::string frames;        // the frames judged
+        std::vector<int> tracked;  // ids tracked after them
+        int ones = -1, twos = -1;  // dispatches for one and for two contacts (-1: not judged)
+        int added = -1;            // "new point add" lines (-1: not judged)
+    } cases[] = {
         // Two new contacts in one frame are both appended, and only the first deals.
-        FrameCase{"TwoNewContactsDealOnce", "", "down 1 1000 1000, 2 5000 5000\n", {1, 2}, 1, 0,
-                  2},
+        {"", "down 1 1000 1000, 2 5000 5000\n", {1, 2}, 1, 0, 2},
         // A frame whose only contact is new drops every tracked contact and deals once.
-        FrameCase{"LoneNewContactClearsTheList",
-                  "down 1 1000 1000, 2 5000 5000\nhold 1\nvanish 1, 2\n", "down 3 9000 9000\n", {3},
-                  1, 0, 1},
+        {"down 1 1000 1000, 2 5000 5000\nhold 1\nvanish 1, 2\n", "down 3 9000 9000\n", {3}, 1, 0, 1},
         // A continuing or lifting contact with an unknown id is appended without a "new point
         // add" line (6 is appended, then removed).
-        FrameCase{"UnknownIdContinuing", "", "raw 5 1 1000 1000\n", {5}, -1, -1, 0},
-        FrameCase{"UnknownIdLifting", "raw 5 1 1000 1000\n", "raw 5 1 1000 1000, 6 2 2000 2000\n",
-                  {5}, -1, -1, 0},
+        {"", "raw 5 1 1000 1000\n", {5}, -1, -1, 0},
+        {"raw 5 1 1000 1000\n", "raw 5 1 1000 1000, 6 2 2000 2000\n", {5}, -1, -1, 0},
         // One continuing contact deals once its samples span 4000 units.
-        FrameCase{"OneSpans3999", kOne, "wait 3999us\nhold 1\n", {1}, 0},
-        FrameCase{"OneSpans4000", kOne, "wait 4000us\nhold 1\n", {1}, 1},
+        {kOne, "wait 3999us\nhold 1\n", {1}, 0},
+        {kOne, "wait 4000us\nhold 1\n", {1}, 1},
         // A lift among two contacts deals only once both span 30000; the lifted one goes.
-        FrameCase{"LiftOfTwoSpans29999", kTwo, "wait 29999us\nup 1\n", {2}, -1, 0},
-        FrameCase{"LiftOfTwoSpans30000", kTwo, "wait 30000us\nup 1\n", {2}, -1, 1},
+        {kTwo, "wait 29999us\nup 1\n", {2}, -1, 0},
+        {kTwo, "wait 30000us\nup 1\n", {2}, -1, 1},
         // Two contacts deal only when both span 4000: contact 1 spans 4000 after the first
         // frame, contact 2 only 1000; in the next, contact 1 is updated first (contact 2 still
         // spans 0 units) and contact 2 then reaches 4000: one deal.
-        FrameCase{"TwoSettleNot", kSettle, "wait 1000us\nhold 1\n", {1, 2}, -1, 0},
-        FrameCase{"TwoSettle", kSettle + "wait 1000us\nhold 1\n", "wait 3000us\nhold 1\n",
-                  {1, 2}, -1, 1},
+        {kSettle, "wait 1000us\nhold 1\n", {1, 2}, -1, 0},
+        {kSettle + "wait 1000us\nhold 1\n", "wait 3000us\nhold 1\n", {1, 2}, -1, 1},
         // The skip of checkTouchPoint: with 1, 2, 3 tracked and only 3 reported, 2 survives one
         // frame longer.
-        FrameCase{"CheckSkip", kThree, "vanish 1, 2\nhold 1\n", {2, 3}},
-        FrameCase{"CheckSkipNextFrame", kThree + "vanish 1, 2\nhold 1\n", "hold 1\n", {3}}),
-    [](const testing::TestParamInfo<FrameCase>& info) { return info.param.name; });
+        {kThree, "vanish 1, 2\nhold 1\n", {2, 3}},
+        {kThree + "vanish 1, 2\nhold 1\n", "hold 1\n", {3}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.before + "--\n" + c.frames);
+        CGestureHarness h;
+        if (!c.before.empty()) h.Play(c.before);
+        h.TakeLogs();
+        h.Play(c.frames);
+        EXPECT_EQ(Ids(h.tracker.Tracked()), c.tracked);
+        std::vector<std::string> out, system;
+        for (const TLoggedLine& l : h.TakeLogs()) {
+            (l.channel == TLogChannel::Stdout ? out : system).push_back(l.text);
+        }
+        const auto judged = [](int expected, long actual) { return expected < 0 ? -1 : actual; };
+        const long added = std::count(system.begin(), system.end(), "new point add");
+        EXPECT_EQ(std::make_tuple(judged(c.ones, Dispatches(out, 1)),
+                                  judged(c.twos, Dispatches(out, 2)), judged(c.added, added)),
+                  std::make_tuple(long{c.ones}, long{c.twos}, long{c.added}));
+    }
+}
 
 // Verify that a span across a second boundary counts 3,000,000 extra units: one millisecond
 // over the boundary is enough to deal.

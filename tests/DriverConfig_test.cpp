@@ -297,39 +297,29 @@ struct TLookupCase {
     std::string found;
 };
 
-class ConfigLookup : public testing::TestWithParam<TLookupCase> {};
-
 // Verify the order: --config, then the user's file, then the system's, then none.
-TEST_P(ConfigLookup, FindsTheFirstThatExists) {
-    const TLookupCase& c = GetParam();
-    TConfigEnvironment environment;
-    environment.explicitPath = c.explicitPath;
-    environment.xdgConfigHome = c.xdg;
-    environment.home = c.home;
-    environment.exists = [&](const std::string& path) { return c.present.count(path) != 0; };
-    EXPECT_EQ(FindConfigFile(environment), c.found) << c.what;
+TEST(ConfigLookup, FindsTheFirstThatExists) {
+    const std::string xdg = "/x/irframe/irframe.toml";
+    const std::string home = "/home/u/.config/irframe/irframe.toml";
+    const std::string etc = "/etc/irframe/irframe.toml";
+    const TLookupCase cases[] = {
+        {"--config wins, even when missing", "my.toml", "/x", "/home/u", {xdg, etc}, "my.toml"},
+        {"XDG_CONFIG_HOME first", "", "/x", "/home/u", {xdg, home, etc}, xdg},
+        {"XDG_CONFIG_HOME replaces ~/.config", "", "/x", "/home/u", {home, etc}, etc},
+        {"~/.config without XDG_CONFIG_HOME", "", std::nullopt, "/home/u", {home, etc}, home},
+        {"a relative XDG_CONFIG_HOME is ignored", "", "x", "/home/u", {home}, home},
+        {"the system's file", "", std::nullopt, std::nullopt, {etc}, etc},
+        {"none: built-in defaults", "", "/x", "/home/u", {}, ""},
+    };
+    for (const TLookupCase& c : cases) {
+        TConfigEnvironment environment;
+        environment.explicitPath = c.explicitPath;
+        environment.xdgConfigHome = c.xdg;
+        environment.home = c.home;
+        environment.exists = [&](const std::string& path) { return c.present.count(path) != 0; };
+        EXPECT_EQ(FindConfigFile(environment), c.found) << c.what;
+    }
 }
-
-const std::string kXdgFile = "/x/irframe/irframe.toml";
-const std::string kHomeFile = "/home/u/.config/irframe/irframe.toml";
-const std::string kSystemFile = "/etc/irframe/irframe.toml";
-
-INSTANTIATE_TEST_SUITE_P(
-    Order, ConfigLookup,
-    testing::Values(
-        TLookupCase{"--config wins, even when missing", "my.toml", "/x", "/home/u",
-                    {kXdgFile, kSystemFile}, "my.toml"},
-        TLookupCase{"XDG_CONFIG_HOME first", "", "/x", "/home/u",
-                    {kXdgFile, kHomeFile, kSystemFile}, kXdgFile},
-        TLookupCase{"XDG_CONFIG_HOME replaces ~/.config", "", "/x", "/home/u",
-                    {kHomeFile, kSystemFile}, kSystemFile},
-        TLookupCase{"~/.config without XDG_CONFIG_HOME", "", std::nullopt, "/home/u",
-                    {kHomeFile, kSystemFile}, kHomeFile},
-        TLookupCase{"a relative XDG_CONFIG_HOME is ignored", "", "x", "/home/u", {kHomeFile},
-                    kHomeFile},
-        TLookupCase{"the system's file", "", std::nullopt, std::nullopt, {kSystemFile},
-                    kSystemFile},
-        TLookupCase{"none: built-in defaults", "", "/x", "/home/u", {}, ""}));
 
 // ---------------------------------------------------------------------------------------------
 // Drop-in directories
@@ -376,45 +366,48 @@ TEST_P(ConfigDropIns, ReadsTheLevelsInOrder) {
     // The same files, named in one line.
     std::string source = "left over", joined;
     for (const std::string& path : expected) joined += (joined.empty() ? "" : ", ") + path;
-    ASSERT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &source, &error), TConfigStatus::Ok);
+    ASSERT_EQ(LoadDriverConfig(m_environment, Checks(), &config, &source, &error),
+              TConfigStatus::Ok);
     EXPECT_EQ(source, joined) << c.what;
 }
+
+const std::string kSys = "etc/irframe/";
+const std::string kUser = "user/irframe/";
 
 INSTANTIATE_TEST_SUITE_P(
     Order, ConfigDropIns,
     testing::Values(
         TDropInCase{"the user's file replaces the system's level, drop-ins included",
-                    {{"etc/irframe/irframe.toml", kDebug},
-                     {"etc/irframe/irframe.d/10.toml", kLiteral},
-                     {"user/irframe/irframe.toml", kDesktop}},
-                    {"user/irframe/irframe.toml"}, "desktop", "info"},
+                    {{kSys + "irframe.toml", kDebug},
+                     {kSys + "irframe.d/10.toml", kLiteral},
+                     {kUser + "irframe.toml", kDesktop}},
+                    {kUser + "irframe.toml"}, "desktop", "info"},
         TDropInCase{"the system's file then its drop-ins in name order",
-                    {{"etc/irframe/irframe.toml", kDebug},
-                     {"etc/irframe/irframe.d/20-b.toml", kDesktop},
-                     {"etc/irframe/irframe.d/10-a.toml", kLiteral}},
-                    {"etc/irframe/irframe.toml", "etc/irframe/irframe.d/10-a.toml",
-                     "etc/irframe/irframe.d/20-b.toml"},
+                    {{kSys + "irframe.toml", kDebug},
+                     {kSys + "irframe.d/20-b.toml", kDesktop},
+                     {kSys + "irframe.d/10-a.toml", kLiteral}},
+                    {kSys + "irframe.toml", kSys + "irframe.d/10-a.toml",
+                     kSys + "irframe.d/20-b.toml"},
                     "desktop", "debug"},
         TDropInCase{"the user's drop-ins over the system's level",
-                    {{"etc/irframe/irframe.toml", kDebug + kDesktop},
-                     {"user/irframe/irframe.d/40-map.toml", kLiteral}},
-                    {"etc/irframe/irframe.toml", "user/irframe/irframe.d/40-map.toml"},
-                    "literal", "debug"},
+                    {{kSys + "irframe.toml", kDebug + kDesktop},
+                     {kUser + "irframe.d/40-map.toml", kLiteral}},
+                    {kSys + "irframe.toml", kUser + "irframe.d/40-map.toml"}, "literal", "debug"},
         TDropInCase{"the user's file then the user's drop-ins",
-                    {{"user/irframe/irframe.toml", kDebug + kLiteral},
-                     {"user/irframe/irframe.d/50-settings.toml", kDesktop},
-                     {"user/irframe/irframe.d/40-map.toml", "log_level = \"error\"\n"}},
-                    {"user/irframe/irframe.toml", "user/irframe/irframe.d/40-map.toml",
-                     "user/irframe/irframe.d/50-settings.toml"},
+                    {{kUser + "irframe.toml", kDebug + kLiteral},
+                     {kUser + "irframe.d/50-settings.toml", kDesktop},
+                     {kUser + "irframe.d/40-map.toml", "log_level = \"error\"\n"}},
+                    {kUser + "irframe.toml", kUser + "irframe.d/40-map.toml",
+                     kUser + "irframe.d/50-settings.toml"},
                     "desktop", "error"},
         TDropInCase{"hidden files and other names are passed over in silence, a directory "
                     "with a message",
-                    {{"user/irframe/irframe.d/.50.toml", kDesktop},
-                     {"user/irframe/irframe.d/50.toml~", kDesktop},
-                     {"user/irframe/irframe.d/50.toml.dpkg-old", kDesktop},
-                     {"user/irframe/irframe.d/60.toml", "<dir>"},
-                     {"user/irframe/irframe.d/70.toml", kDebug}},
-                    {"user/irframe/irframe.d/70.toml"}, "safe", "debug", 1},
+                    {{kUser + "irframe.d/.50.toml", kDesktop},
+                     {kUser + "irframe.d/50.toml~", kDesktop},
+                     {kUser + "irframe.d/50.toml.dpkg-old", kDesktop},
+                     {kUser + "irframe.d/60.toml", "<dir>"},
+                     {kUser + "irframe.d/70.toml", kDebug}},
+                    {kUser + "irframe.d/70.toml"}, "safe", "debug", 1},
         TDropInCase{"none: the built-in defaults", {}, {}, "safe", "info"}));
 
 // Verify that a drop-in that cannot be read, or has a mistake, stops the reading with its own

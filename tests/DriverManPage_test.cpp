@@ -31,27 +31,13 @@ std::string ManPage() {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Every name in the option column of --help ("  -n,--dry-run   Print ...").
-std::set<std::string> HelpOptions(const std::string& help) {
+// The first group of each match of `name` in the lines that start with `start`.
+std::set<std::string> Names(const std::string& text, const std::string& start,
+                            const std::regex& name) {
     std::set<std::string> names;
-    std::istringstream lines(help);
-    const std::regex row(R"(^  (-[^ ]+))");
+    std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
-        if (!std::regex_search(line, m, row)) continue;
-        std::istringstream split(m[1].str());
-        for (std::string name; std::getline(split, name, ',');) names.insert(name);
-    }
-    return names;
-}
-
-// Every name in the page's option headings ("*-n*, *--dry-run*").
-std::set<std::string> PageOptions(const std::string& page) {
-    std::set<std::string> names;
-    std::istringstream lines(page);
-    const std::regex name(R"(\*(--?[A-Za-z][A-Za-z-]*)\*)");
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("*-", 0) != 0) continue;
+        if (line.rfind(start, 0) != 0) continue;
         for (std::sregex_iterator it(line.begin(), line.end(), name), end; it != end; ++it) {
             names.insert((*it)[1].str());
         }
@@ -62,9 +48,11 @@ std::set<std::string> PageOptions(const std::string& page) {
 TEST(DriverManPage, NamesTheOptionsOfHelp) {
     const std::string help = HelpText();
     ASSERT_NE(help.find("Options:"), std::string::npos) << help;
-    const std::set<std::string> fromHelp = HelpOptions(help);
+    // The option column of --help ("  -n,--dry-run   Print ..."), the page's option headings
+    // ("*-n*, *--dry-run*").
+    const std::set<std::string> fromHelp = Names(help, "  -", std::regex(R"((?:^  |,)(-[^ ,]+))"));
     EXPECT_GT(fromHelp.size(), 20u);
-    EXPECT_EQ(PageOptions(ManPage()), fromHelp);
+    EXPECT_EQ(Names(ManPage(), "*-", std::regex(R"(\*(--?[A-Za-z][A-Za-z-]*)\*)")), fromHelp);
 }
 
 TEST(DriverManPage, NamesEveryFaultKind) {

@@ -53,6 +53,21 @@ std::vector<uint8_t> Filled(size_t n, uint8_t first) {
     return v;
 }
 
+using TRead = std::pair<int, std::vector<uint8_t>>;
+
+// A HID read into an 80-byte buffer filled with `fill`: its result and the buffer after it.
+TRead ReadHid(CMtDevCommunicator& com, unsigned timeoutMs, uint8_t fill = 0xEE) {
+    std::vector<uint8_t> buffer(80, fill);
+    const int result = com.ReadHidDevCom(buffer.data(), timeoutMs);
+    return {result, buffer};
+}
+
+// What that read gives when `bytes` came (none: a time-out).
+TRead Got(std::vector<uint8_t> bytes, uint8_t fill = 0xEE) {
+    bytes.resize(80, fill);
+    return {64, bytes};
+}
+
 // ---------------------------------------------------------------------------------------------
 // HID path over the real hidraw port
 
@@ -76,8 +91,7 @@ protected:
     int m_fds = 0;
 };
 
-// Verify that each packet goes out as one report of its own first byte's length, behind the
-// report-number byte 0 that hidraw expects.
+// Verify each packet goes out as a report of its first byte's length, behind report number 0.
 TEST_F(HidPath, WriteSendsReportOfFirstByteLengthBehindReportNumber) {
     ASSERT_TRUE(Com().OpenHidDevCom(&Peer().path));
     for (uint8_t length : {17, 27, 37, 64, 4}) {
@@ -92,54 +106,36 @@ TEST_F(HidPath, WriteSendsReportOfFirstByteLengthBehindReportNumber) {
     }
 }
 
-// Verify that reports that came together are handed out oldest first, that a
-// report longer than 64 bytes is cut to 64 and a short one copies only its own bytes; and the
-// time-out: 64 all the same, buffer untouched, one "timeout_callback" line. A device going away
-// ends a wait at once the same way, without the time-out and without the line.
+// Verify queued reports come oldest first, cut to 64 bytes or copying only their own; a time-out
+// gives 64 with the buffer untouched and one "timeout_callback" line; a vanished device, no line.
 TEST_F(HidPath, QueueCutTimeOutAndVanishing) {
     ASSERT_TRUE(Com().OpenHidDevCom(&Peer().path));
     Peer().Send(Filled(80, 1));
     Peer().Send(Filled(64, 100));
     Peer().Send(Filled(10, 200));
     CLogCapture log;
-    std::array<uint8_t, 80> buffer;
-    buffer.fill(0xEE);
-    ASSERT_EQ(Com().ReadHidDevCom(buffer.data(), 1000), 64);
-    EXPECT_EQ(buffer[63], 64);
-    EXPECT_EQ(buffer[64], 0xEE);
-    EXPECT_EQ(buffer[79], 0xEE);
-    ASSERT_EQ(Com().ReadHidDevCom(buffer.data(), 0), 64);
-    EXPECT_EQ(buffer[0], 100);
-    EXPECT_EQ(buffer[63], 163);
-    buffer.fill(0xEE);
-    ASSERT_EQ(Com().ReadHidDevCom(buffer.data(), 0), 64);
-    EXPECT_EQ(buffer[9], 209);
-    EXPECT_EQ(buffer[10], 0xEE);
+    EXPECT_EQ(ReadHid(Com(), 1000), Got(Filled(64, 1)));
+    EXPECT_EQ(ReadHid(Com(), 0), Got(Filled(64, 100)));
+    EXPECT_EQ(ReadHid(Com(), 0), Got(Filled(10, 200)));
     EXPECT_TRUE(Com().LastHidReadDelivered());
     EXPECT_EQ(Com().HidQueuedReports(), 0u);
     EXPECT_EQ(log.Count(TLogChannel::System, "timeout_callback"), 0);
 
-    buffer.fill(37);
-    EXPECT_EQ(Com().ReadHidDevCom(buffer.data(), kShortMs), 64);
+    EXPECT_EQ(ReadHid(Com(), kShortMs, 37), Got({}, 37));
     EXPECT_FALSE(Com().LastHidReadDelivered());
-    for (uint8_t b : buffer) ASSERT_EQ(b, 37);
     EXPECT_EQ(log.Count(TLogChannel::System, "timeout_callback"), 1);
     // A report arriving after the time-out waits in the queue for the next read.
     Peer().Send(Filled(64, 9));
-    EXPECT_EQ(Com().ReadHidDevCom(buffer.data(), 1000), 64);
-    EXPECT_EQ(buffer[0], 9);
+    EXPECT_EQ(ReadHid(Com(), 1000), Got(Filled(64, 9)));
 
     shutdown(Peer().peer, SHUT_RDWR);
-    buffer.fill(27);
-    EXPECT_EQ(Com().ReadHidDevCom(buffer.data(), 60000), 64);  // would hang for a minute
-    for (uint8_t b : buffer) ASSERT_EQ(b, 27);
+    EXPECT_EQ(ReadHid(Com(), 60000, 27), Got({}, 27));  // would hang for a minute
     EXPECT_EQ(log.Count(TLogChannel::System, "timeout_callback"), 1);
-    buffer[0] = 17;
-    EXPECT_EQ(Com().WriteHidDevCom(buffer.data(), 500), MTDEV_COM_WRITE);
+    const uint8_t packet[64] = {17};
+    EXPECT_EQ(Com().WriteHidDevCom(packet, 500), MTDEV_COM_WRITE);
 }
 
-// Verify the codes of a closed path and of null buffers, that a path without a device or one that
-// fails to open leaves the channel closed, and that a device can be opened again after a close.
+// Verify the codes of a closed path and null buffers, failed opens, and opening after a close.
 TEST_F(HidPath, CodesOpenFailureAndReopen) {
     std::array<uint8_t, 64> buffer{};
     buffer[0] = 17;
@@ -164,36 +160,29 @@ TEST_F(HidPath, CodesOpenFailureAndReopen) {
     Com().CloseDevCom();  // a second close does nothing
     ASSERT_TRUE(Com().OpenHidDevCom(&Peer().path));
     Peer().Send(Filled(64, 5));
-    EXPECT_EQ(Com().ReadHidDevCom(buffer.data(), 1000), 64);
-    EXPECT_EQ(buffer[0], 5);
+    EXPECT_EQ(ReadHid(Com(), 1000), Got(Filled(64, 5)));
     CMtDevCommunicator never;
     never.CloseDevCom();
     EXPECT_FALSE(never.IsHidOpen());
 }
 
-// Verify that waiting is per device: a report for one device neither wakes nor feeds another
-// device's reader.
+// Verify that a report for one device neither wakes nor feeds another device's reader.
 TEST(HidWaiting, ReportForOneDeviceNeverReachesAnother) {
     TPeerPort a, b;
     CMtDevCommunicator comA, comB;
     ASSERT_TRUE(comA.OpenHidDevCom(&a.path));
     ASSERT_TRUE(comB.OpenHidDevCom(&b.path));
     b.Send(Filled(64, 0x42));
-    std::array<uint8_t, 64> buffer;
-    buffer.fill(0);
-    EXPECT_EQ(comA.ReadHidDevCom(buffer.data(), kShortMs), 64);
+    EXPECT_EQ(ReadHid(comA, kShortMs), Got({}));
     EXPECT_FALSE(comA.LastHidReadDelivered());
-    EXPECT_EQ(buffer[0], 0);
-    EXPECT_EQ(comB.ReadHidDevCom(buffer.data(), 1000), 64);
-    EXPECT_EQ(buffer[0], 0x42);
+    EXPECT_EQ(ReadHid(comB, 1000), Got(Filled(64, 0x42)));
 }
 
 // ---------------------------------------------------------------------------------------------
 // What the input callback keeps (scripted device, which can lie about sender and result)
 
-// Verify that reports from another device, with an error result or empty are dropped and the good
-// one among them kept; that with only a foreign report the reader waits out its time-out; and that
-// the queue keeps any number of reports in order.
+// Verify foreign, failed and empty reports are dropped (a foreign one alone times out), and the
+// queue keeps any number of reports in order.
 TEST(HidInput, ForeignFailedAndEmptyReportsAreIgnoredAndOrderKept) {
     TVirtualClock clock;
     TScopedClock scoped(clock);
@@ -205,24 +194,19 @@ TEST(HidInput, ForeignFailedAndEmptyReportsAreIgnoredAndOrderKept) {
     device.QueueInput({Filled(64, 2), kMtHidError, false});
     device.QueueInput({{}, kMtHidSuccess, false});
     device.QueueInput({Filled(64, 3), kMtHidSuccess, false});
-    std::array<uint8_t, 64> buffer{};
-    EXPECT_EQ(com.ReadHidDevCom(buffer.data(), 500), 64);
-    EXPECT_EQ(buffer[0], 3);
+    EXPECT_EQ(ReadHid(com, 500), Got(Filled(64, 3)));
     EXPECT_EQ(com.HidQueuedReports(), 0u);
 
     device.QueueInput({Filled(64, 4), kMtHidSuccess, true});
-    buffer.fill(0);
     const unsigned long before = TGetTickCount();
-    EXPECT_EQ(com.ReadHidDevCom(buffer.data(), 500), 64);
+    EXPECT_EQ(ReadHid(com, 500), Got({}));
     EXPECT_FALSE(com.LastHidReadDelivered());
-    EXPECT_EQ(buffer[0], 0);
     EXPECT_EQ(TGetTickCount() - before, 500u);
 
     for (int round = 0, next = 0; round < 3; ++round, next += 11) {
         for (int i = 0; i < 11; ++i) device.QueueInput({Filled(64, static_cast<uint8_t>(next + i))});
         for (int i = 0; i < 11; ++i) {
-            ASSERT_EQ(com.ReadHidDevCom(buffer.data(), 500), 64);
-            ASSERT_EQ(buffer[0], static_cast<uint8_t>(next + i));
+            ASSERT_EQ(ReadHid(com, 500), Got(Filled(64, static_cast<uint8_t>(next + i))));
         }
     }
 }
@@ -344,13 +328,12 @@ protected:
     }
     uint64_t Elapsed(uint64_t since) { return m_clock.MonotonicNanos() - since; }
 
-    TBulkRig m_rig;
+    TRecordedBulkRig m_rig;
     CMtDevCommunicator m_com;
 };
 
-// Verify the stall recovery and its asymmetry. A read that fails asks the pipe status; only a
-// stall is cleared, and retried once after a 200 ms pause; another failure (a time-out) is not
-// retried. A write that fails clears the stall blindly and retries once at once.
+// Verify the stall recovery's asymmetry: a failed read asks the pipe status and only a stall is
+// cleared and retried after 200 ms; a failed write clears blindly and retries at once.
 TEST_F(BulkTransfer, StallRecoveryAndCodes) {
     const std::vector<std::string> readStalled{"ReadPipeTO 1", "GetPipeStatus 1",
                                                "ClearPipeStallBothEnds 1", "ReadPipeTO 1"};

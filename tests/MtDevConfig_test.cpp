@@ -210,7 +210,6 @@ struct RecordCase {
 
 using C = const _HARDWARE_DEV_CONFIG&;
 
-
 const RecordCase kRecordCases[] = {
     {"0x01 length 5", 0x01, {9, 0x34, 0x12, 0x78, 0x56},
      [](auto& c) { c.rec1Byte = 9, c.rec1Value0 = 0x1234, c.rec1Value1 = 0x5678; }},

@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
+#include <cstdio>
+#include <string>
 #include <vector>
 
 namespace {
@@ -17,42 +18,26 @@ struct RawContact {
     int16_t h = 0;
 };
 
-void Put16(std::vector<uint8_t>& out, uint16_t v) {
+void Put16(std::vector<uint8_t>& out, int v) {
     out.push_back(static_cast<uint8_t>(v & 0xFF));
-    out.push_back(static_cast<uint8_t>(v >> 8));
+    out.push_back(static_cast<uint8_t>((v >> 8) & 0xFF));
 }
 
-// A 63-byte payload (zero-padded) as a touch frame sends it.
-std::vector<uint8_t> Compact(uint8_t count, int16_t extentX, int16_t extentY,
+// A payload, zero-padded to `length`, as a touch frame sends it: the compact form has two
+// extents and contacts without a size, the extended form four extents and sized contacts.
+std::vector<uint8_t> Payload(bool extended, uint8_t count, const std::vector<int>& extents,
                              const std::vector<RawContact>& contacts, size_t length = 63) {
-    std::vector<uint8_t> p = {FRAME_TAG_COMPACT, count};
-    Put16(p, static_cast<uint16_t>(extentX));
-    Put16(p, static_cast<uint16_t>(extentY));
+    std::vector<uint8_t> p = {extended ? FRAME_TAG_EXTENDED : FRAME_TAG_COMPACT, count};
+    for (int extent : extents) Put16(p, extent);
     for (const auto& c : contacts) {
         p.push_back(c.id);
         p.push_back(c.status);
         Put16(p, c.x);
         Put16(p, c.y);
-    }
-    p.resize(length, 0);
-    return p;
-}
-
-std::vector<uint8_t> Extended(uint8_t count, int16_t logicalX, int16_t logicalY, uint16_t rawX,
-                              uint16_t rawY, const std::vector<RawContact>& contacts,
-                              size_t length = 63) {
-    std::vector<uint8_t> p = {FRAME_TAG_EXTENDED, count};
-    Put16(p, static_cast<uint16_t>(logicalX));
-    Put16(p, static_cast<uint16_t>(logicalY));
-    Put16(p, rawX);
-    Put16(p, rawY);
-    for (const auto& c : contacts) {
-        p.push_back(c.id);
-        p.push_back(c.status);
-        Put16(p, c.x);
-        Put16(p, c.y);
-        Put16(p, static_cast<uint16_t>(c.w));
-        Put16(p, static_cast<uint16_t>(c.h));
+        if (extended) {
+            Put16(p, c.w);
+            Put16(p, c.h);
+        }
     }
     p.resize(length, 0);
     return p;
@@ -79,19 +64,32 @@ protected:
         return DecodeFrameBuffer(payload.data(), static_cast<int>(payload.size()), &frame);
     }
 
-    std::vector<uint8_t> Ids() const {
-        std::vector<uint8_t> ids;
-        for (auto* p = frame.points; p != nullptr; p = p->next) ids.push_back(p->id);
-        return ids;
+    // The contacts in list order, each as "id status rawX rawY rawW rawH area".
+    std::vector<std::string> Points() const {
+        std::vector<std::string> out;
+        for (auto* p = frame.points; p != nullptr; p = p->next) {
+            char text[64];
+            std::snprintf(text, sizeof text, "%d %d %d %d %d %d %d", p->id, p->status, p->rawX,
+                          p->rawY, p->rawW, p->rawH, p->area);
+            out.push_back(text);
+        }
+        return out;
+    }
+
+    // Raw width and height, then logical width and height.
+    std::array<int, 4> Extents() const {
+        return {frame.rawWidth, frame.rawHeight, frame.logicalWidth, frame.logicalHeight};
     }
 
     alignas(_HARDWARE_SDK_POINT) std::array<uint8_t, FRAME_POINT_BUFFER_BYTES> storage{};
     _HARDWARE_FRAME_SDK frame{};
 };
 
+using TExtents = std::array<int, 4>;
+
 // Verify that every payload that is not a frame is refused and leaves no contacts behind.
 TEST_F(FrameDecode, RejectsNonFramesAndClearsTheList) {
-    ASSERT_TRUE(Decode(Compact(2, 1000, 800, Numbered(2))));
+    ASSERT_TRUE(Decode(Payload(false, 2, {1000, 800}, Numbered(2))));
     ASSERT_NE(frame.points, nullptr);
 
     struct Case {
@@ -110,57 +108,37 @@ TEST_F(FrameDecode, RejectsNonFramesAndClearsTheList) {
     }
 }
 
-// Verify that a header-only payload sets the extents and yields no contacts.
+// Verify that a header-only payload sets the extents and yields no contacts; so does count 0.
 TEST_F(FrameDecode, HeaderOnlyPayloadsAreFramesWithoutContacts) {
-    auto compact = Compact(3, 1000, 800, {}, 6);
-    EXPECT_TRUE(Decode(compact));
+    EXPECT_TRUE(Decode(Payload(false, 3, {1000, 800}, {}, 6)));
     EXPECT_EQ(frame.points, nullptr);
-    EXPECT_EQ(frame.rawWidth, 1000);
-    EXPECT_EQ(frame.rawHeight, 800);
-    EXPECT_EQ(frame.logicalWidth, 250);
-    EXPECT_EQ(frame.logicalHeight, 200);
-
-    auto extended = Extended(4, 300, 200, 4000, 3000, Numbered(1), 15);
-    EXPECT_TRUE(Decode(extended));
+    EXPECT_EQ(Extents(), (TExtents{1000, 800, 250, 200}));
+    EXPECT_TRUE(Decode(Payload(true, 4, {300, 200, 4000, 3000}, Numbered(1), 15)));
     EXPECT_EQ(frame.points, nullptr);
-    EXPECT_EQ(frame.logicalWidth, 300);
-    EXPECT_EQ(frame.logicalHeight, 200);
-    EXPECT_EQ(frame.rawWidth, 4000);
-    EXPECT_EQ(frame.rawHeight, 3000);
-
-    EXPECT_TRUE(Decode(Compact(0, 1000, 800, Numbered(2))));  // count 0
+    EXPECT_EQ(Extents(), (TExtents{4000, 3000, 300, 200}));
+    EXPECT_TRUE(Decode(Payload(false, 0, {1000, 800}, Numbered(2))));
     EXPECT_EQ(frame.points, nullptr);
 }
 
-// Verify the compact form's extent arithmetic: signed, divided by 4 toward zero.
-TEST_F(FrameDecode, CompactExtentsTruncateTowardZero) {
-    struct Case {
-        int16_t extent;
-        uint16_t raw;
-        int32_t logical;
-    } cases[] = {
-        {1000, 1000, 250}, {-6, 0xFFFA, -1}, {-5, 0xFFFB, -1}, {3, 3, 0},
-        {-32768, 0x8000, -8192}, {32767, 32767, 8191},
+// Verify the extent arithmetic: compact extents signed and divided by 4 toward zero; extended
+// logical extents keep their sign.
+TEST_F(FrameDecode, ExtentsAreSignedAndTruncateTowardZero) {
+    const std::pair<int, TExtents> cases[] = {
+        {1000, {1000, 1000, 250, 250}},        {-6, {0xFFFA, 0xFFFA, -1, -1}},
+        {-5, {0xFFFB, 0xFFFB, -1, -1}},        {3, {3, 3, 0, 0}},
+        {-32768, {0x8000, 0x8000, -8192, -8192}}, {32767, {32767, 32767, 8191, 8191}},
     };
-    for (const auto& c : cases) {
-        ASSERT_TRUE(Decode(Compact(0, c.extent, c.extent, {})));
-        EXPECT_EQ(frame.rawWidth, c.raw) << c.extent;
-        EXPECT_EQ(frame.logicalWidth, c.logical) << c.extent;
-        EXPECT_EQ(frame.logicalHeight, c.logical) << c.extent;
+    for (const auto& [extent, extents] : cases) {
+        ASSERT_TRUE(Decode(Payload(false, 0, {extent, extent}, {})));
+        EXPECT_EQ(Extents(), extents) << extent;
     }
-}
-
-// Verify that the extended form keeps a negative logical extent with its sign.
-TEST_F(FrameDecode, ExtendedLogicalExtentsAreSigned) {
-    ASSERT_TRUE(Decode(Extended(0, -20, -1, 0xFFFF, 0x8000, {})));
-    EXPECT_EQ(frame.logicalWidth, -20);
-    EXPECT_EQ(frame.logicalHeight, -1);
-    EXPECT_EQ(frame.rawWidth, 0xFFFF);
-    EXPECT_EQ(frame.rawHeight, 0x8000);
+    ASSERT_TRUE(Decode(Payload(true, 0, {-20, -1, 0xFFFF, 0x8000}, {})));
+    EXPECT_EQ(Extents(), (TExtents{0xFFFF, 0x8000, -20, -1}));
 }
 
 // Verify the count limits: the payload, the claimed count and the storage, whichever is first.
 TEST_F(FrameDecode, ContactCountIsBoundedByPayloadCountAndStorage) {
+    constexpr size_t kPoint = sizeof(_HARDWARE_SDK_POINT);
     struct Case {
         const char* what;
         bool extended;
@@ -178,42 +156,30 @@ TEST_F(FrameDecode, ContactCountIsBoundedByPayloadCountAndStorage) {
         {"compact, one byte short of 3", false, 9, 9, 23, FRAME_POINT_BUFFER_BYTES, 2},
         {"extended, one contact only", true, 5, 5, 29, FRAME_POINT_BUFFER_BYTES, 1},
         {"compact, no storage", false, 3, 3, 63, 0, 0},
-        {"compact, storage for 2", false, 9, 9, 63, 2 * sizeof(_HARDWARE_SDK_POINT), 2},
-        {"extended, storage for 2 and a bit", true, 5, 5, 63,
-         3 * sizeof(_HARDWARE_SDK_POINT) - 1, 2},
+        {"compact, storage for 2", false, 9, 9, 63, 2 * kPoint, 2},
+        {"extended, storage for 2 and a bit", true, 5, 5, 63, 3 * kPoint - 1, 2},
     };
     for (const auto& c : cases) {
         frame.pointBufferBytes = c.storageBytes;
-        auto contacts = Numbered(c.contactsInPayload);
-        auto payload = c.extended ? Extended(c.count, 100, 100, 400, 400, contacts, c.length)
-                                  : Compact(c.count, 400, 400, contacts, c.length);
-        EXPECT_TRUE(Decode(payload)) << c.what;
-        EXPECT_EQ(Ids().size(), c.expected) << c.what;
+        const std::vector<int> extents = c.extended ? std::vector<int>{100, 100, 400, 400}
+                                                    : std::vector<int>{400, 400};
+        EXPECT_TRUE(Decode(Payload(c.extended, c.count, extents, Numbered(c.contactsInPayload),
+                                   c.length)))
+            << c.what;
+        EXPECT_EQ(Points().size(), c.expected) << c.what;
     }
 }
 
 // Verify that the list runs in the reverse of the report's order, with every field decoded.
 TEST_F(FrameDecode, ListIsReversedAndFieldsAreDecoded) {
-    ASSERT_TRUE(Decode(Compact(3, 1000, 1000,
+    ASSERT_TRUE(Decode(Payload(false, 3, {1000, 1000},
                                {{1, 0, 10, 20}, {2, 1, 0xFFFF, 0x8001}, {3, 2, 30, 40}})));
-    EXPECT_EQ(Ids(), (std::vector<uint8_t>{3, 2, 1}));
-    const _HARDWARE_SDK_POINT* second = frame.points->next;
-    EXPECT_EQ(second->status, 1);
-    EXPECT_EQ(second->rawX, 0xFFFF);
-    EXPECT_EQ(second->rawY, 0x8001);
-    EXPECT_EQ(second->area, 0);
-    EXPECT_EQ(second->rawW, 0);
-    EXPECT_EQ(second->rawH, 0);
-    EXPECT_EQ(frame.points->next->next->next, nullptr);
-
-    ASSERT_TRUE(Decode(Extended(2, 100, 100, 400, 400,
-                                {{7, 1, 11, 12, 10, -3}, {9, 2, 21, 22, -32768, 2}})));
-    EXPECT_EQ(Ids(), (std::vector<uint8_t>{9, 7}));
-    const _HARDWARE_SDK_POINT* last = frame.points->next;
-    EXPECT_EQ(last->rawW, 10);
-    EXPECT_EQ(last->rawH, -3);
-    EXPECT_EQ(last->area, -30);
-    EXPECT_EQ(frame.points->area, -65536);
+    EXPECT_EQ(Points(), (std::vector<std::string>{"3 2 30 40 0 0 0", "2 1 65535 32769 0 0 0",
+                                                  "1 0 10 20 0 0 0"}));
+    ASSERT_TRUE(Decode(Payload(true, 2, {100, 100, 400, 400},
+                               {{7, 1, 11, 12, 10, -3}, {9, 2, 21, 22, -32768, 2}})));
+    EXPECT_EQ(Points(), (std::vector<std::string>{"9 2 21 22 -32768 2 -65536",
+                                                  "7 1 11 12 10 -3 -30"}));
 }
 
 // Verify that the decoder clears the consumer slot but leaves the calibration outputs alone.
@@ -222,7 +188,7 @@ TEST_F(FrameDecode, DecoderLeavesOutputFieldsAndClearsUser) {
     slot->z = 1234;
     slot->x = 55;
     slot->user = slot;
-    ASSERT_TRUE(Decode(Compact(1, 400, 400, Numbered(1))));
+    ASSERT_TRUE(Decode(Payload(false, 1, {400, 400}, Numbered(1))));
     ASSERT_EQ(frame.points, slot);
     EXPECT_EQ(slot->z, 1234);
     EXPECT_EQ(slot->x, 55);
@@ -231,12 +197,11 @@ TEST_F(FrameDecode, DecoderLeavesOutputFieldsAndClearsUser) {
 
 // Verify that a misaligned or missing contact storage never receives contacts.
 TEST_F(FrameDecode, UnusableStorageYieldsNoContacts) {
-    frame.pointBuffer = storage.data() + 1;
-    EXPECT_TRUE(Decode(Compact(2, 400, 400, Numbered(2))));
-    EXPECT_EQ(frame.points, nullptr);
-    frame.pointBuffer = nullptr;
-    EXPECT_TRUE(Decode(Compact(2, 400, 400, Numbered(2))));
-    EXPECT_EQ(frame.points, nullptr);
+    for (uint8_t* buffer : {storage.data() + 1, static_cast<uint8_t*>(nullptr)}) {
+        frame.pointBuffer = buffer;
+        EXPECT_TRUE(Decode(Payload(false, 2, {400, 400}, Numbered(2))));
+        EXPECT_EQ(frame.points, nullptr);
+    }
 }
 
 }  // namespace

@@ -24,8 +24,9 @@ unsigned int SpinUntilCancelled(void* flag) {
     return 0;
 }
 
-// Verify that a thread whose routine returns at once still reports itself as started.
-TEST(Thread, CreatedThreadIsStartedAndJoined) {
+// Verify that a thread whose routine returns at once still reports itself as started, and the
+// result codes of a thread object that was never started.
+TEST(Thread, StartedAndUnstartedThreads) {
     g_runs = 0;
     CkorFrameThread* thread = TCreateThread(&CountRun, nullptr);
     ASSERT_NE(thread, nullptr);
@@ -34,15 +35,12 @@ TEST(Thread, CreatedThreadIsStartedAndJoined) {
     EXPECT_EQ(g_runs.load(), 1);
     TCloseThread(thread);
     TCloseThread(nullptr);
-}
 
-// Verify the result codes of a thread object that was never started.
-TEST(Thread, UnstartedThreadResults) {
-    CkorFrameThread thread(&CountRun, nullptr);
-    EXPECT_FALSE(thread.IsStarted());
-    EXPECT_EQ(thread.Join(), 1);
-    EXPECT_EQ(thread.Wait(100), 0);
-    EXPECT_EQ(thread.JoinTo(100), 1);
+    CkorFrameThread unstarted(&CountRun, nullptr);
+    EXPECT_FALSE(unstarted.IsStarted());
+    EXPECT_EQ(unstarted.Join(), 1);
+    EXPECT_EQ(unstarted.Wait(100), 0);
+    EXPECT_EQ(unstarted.JoinTo(100), 1);
 }
 
 // Verify that JoinTo sleeps the whole time first and then cancels a thread that never ends.
@@ -83,12 +81,9 @@ TEST(Event, DeadlineCarriesNanosecondsIntoSeconds) {
         {100, 0, 0xFFFFFFFEul, 100 + 4294967, 294000000},
     };
     for (const auto& c : cases) {
-        timeval now{};
-        now.tv_sec = c.sec;
-        now.tv_usec = c.usec;
-        const timespec d = TEventDeadline(now, c.ms);
-        EXPECT_EQ(d.tv_sec, c.wantSec) << c.sec << "." << c.usec << " + " << c.ms;
-        EXPECT_EQ(d.tv_nsec, c.wantNsec) << c.sec << "." << c.usec << " + " << c.ms;
+        const timespec d = TEventDeadline(timeval{c.sec, c.usec}, c.ms);
+        EXPECT_EQ(std::make_pair(d.tv_sec, d.tv_nsec), std::make_pair(c.wantSec, c.wantNsec))
+            << c.sec << "." << c.usec << " + " << c.ms;
     }
 }
 
@@ -111,8 +106,9 @@ TEST(Event, AutoResetReleasesOneWait) {
     TCloseEvent(nullptr);
 }
 
-// Verify that a manual-reset event stays signalled for every waiter until it is reset.
-TEST(Event, ManualResetStaysSignalled) {
+// Verify that a manual-reset event stays signalled for every waiter until it is reset, and that
+// a set from another thread wakes a waiter blocked without limit.
+TEST(Event, ManualResetAndSetFromAnotherThread) {
     CkorFrameEvent event(false, true);
     ASSERT_TRUE(event.InitEvent());
     EXPECT_EQ(event.SetEvent(), TEVENT_OK);
@@ -121,16 +117,13 @@ TEST(Event, ManualResetStaysSignalled) {
     EXPECT_TRUE(event.IsSignalled());
     EXPECT_EQ(event.ResetEvent(), TEVENT_OK);
     EXPECT_EQ(event.WaitEvent(0), TEVENT_TIMEOUT);
-}
 
-// Verify that a set from another thread wakes a waiter blocked without limit.
-TEST(Event, SetFromAnotherThreadWakesWaiter) {
-    CkorFrameEvent* event = TCreateEvent(0);
-    ASSERT_NE(event, nullptr);
-    std::thread setter([event] { TSetEvent(event); });
-    EXPECT_EQ(TWaitForEvent(event, TEVENT_INFINITE), TEVENT_OK);
+    CkorFrameEvent* created = TCreateEvent(0);
+    ASSERT_NE(created, nullptr);
+    std::thread setter([created] { TSetEvent(created); });
+    EXPECT_EQ(TWaitForEvent(created, TEVENT_INFINITE), TEVENT_OK);
     setter.join();
-    TCloseEvent(event);
+    TCloseEvent(created);
 }
 
 // ---------------------------------------------------------------------------------------------

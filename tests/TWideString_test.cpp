@@ -39,17 +39,16 @@ TEST(TWideString, WideToUnitsKeepsLow16Bits) {
     unsigned short out[TWIDE_TEXT_CHARS];
     const wchar_t text[] = {L'A', wchar_t(0x1F600), wchar_t(0x263A), 0, L'Z'};
     EXPECT_EQ(TWcsToUnsignedShort(out, text, 5), 3);
-    EXPECT_EQ(out[0], 'A');
-    EXPECT_EQ(out[1], 0xF600);
-    EXPECT_EQ(out[2], 0x263A);
-    EXPECT_EQ(out[3], 0);
+    EXPECT_EQ(std::vector<unsigned short>(out, out + 4),
+              (std::vector<unsigned short>{'A', 0xF600, 0x263A, 0}));
 
     const std::wstring longText(50, L'q');  // no zero within 32 elements of a text
     std::vector<unsigned short> wide(TWIDE_TEXT_CHARS + 8, 0xAAAA);
     EXPECT_EQ(TWcsToUnsignedShort(wide.data(), longText.data(), 50), 31);
-    EXPECT_EQ(wide[30], 'q');
-    EXPECT_EQ(wide[31], 0);
-    EXPECT_EQ(wide[32], 0xAAAA) << "nothing beyond the zero";
+    std::vector<unsigned short> expected(31, 'q');
+    expected.push_back(0);
+    expected.resize(wide.size(), 0xAAAA);  // nothing beyond the zero
+    EXPECT_EQ(wide, expected);
     EXPECT_EQ(TWcsToUnsignedShort(out, longText.data(), 2), 2);
 }
 

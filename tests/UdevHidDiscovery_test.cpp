@@ -4,53 +4,43 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
 namespace {
 
-struct THidIdCase {
-    const char* text;
-    bool valid;
-    THidId id;
-};
-
-class HidIdParse : public testing::TestWithParam<THidIdCase> {};
-
 // Verify the HID_ID parser on the kernel's own format and on malformed values.
-TEST_P(HidIdParse, ParsesOrRejects) {
-    const THidIdCase& c = GetParam();
-    const auto parsed = ParseHidId(c.text);
-    ASSERT_EQ(parsed.has_value(), c.valid) << '"' << c.text << '"';
-    if (c.valid) {
-        EXPECT_EQ(parsed->bus, c.id.bus);
-        EXPECT_EQ(parsed->vendor, c.id.vendor);
-        EXPECT_EQ(parsed->product, c.id.product);
+TEST(HidIdParse, ParsesOrRejects) {
+    const std::pair<const char*, std::optional<std::array<uint32_t, 3>>> cases[] = {
+        {"0003:0000AAEC:0000C020", {{0x3, 0xAAEC, 0xC020}}},
+        {"0003:0000AAEC:0000C021", {{0x3, 0xAAEC, 0xC021}}},
+        {"0005:0000202E:00000006", {{0x5, 0x202E, 0x0006}}},  // Bluetooth
+        {"0018:0000aaec:0000c020", {{0x18, 0xAAEC, 0xC020}}},  // lower case, I2C
+        {"3:AAEC:C020", {{0x3, 0xAAEC, 0xC020}}},
+        {"FFFFFFFF:FFFFFFFF:FFFFFFFF", {{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF}}},
+        {"", std::nullopt},
+        {"0003:0000AAEC", std::nullopt},
+        {"0003:0000AAEC:0000C020:0001", std::nullopt},
+        {"0003::0000C020", std::nullopt},
+        {"0003:0000AAEC:", std::nullopt},
+        {"0x03:0000AAEC:0000C020", std::nullopt},
+        {"0003:0000AAEC:0000C02G", std::nullopt},
+        {"0003:100000AAEC:0000C020", std::nullopt},  // nine digits
+        {"0003:0000AAEC:0000C020\n", std::nullopt},
+        {" 0003:0000AAEC:0000C020", std::nullopt},
+        {"-003:0000AAEC:0000C020", std::nullopt},
+        {"0003:+000AAEC:0000C020", std::nullopt},
+    };
+    for (const auto& [text, id] : cases) {
+        const auto parsed = ParseHidId(text);
+        std::optional<std::array<uint32_t, 3>> fields;
+        if (parsed) fields = {{parsed->bus, parsed->vendor, parsed->product}};
+        EXPECT_EQ(fields, id) << '"' << text << '"';
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, HidIdParse,
-    testing::Values(
-        THidIdCase{"0003:0000AAEC:0000C020", true, {0x3, 0xAAEC, 0xC020}},
-        THidIdCase{"0003:0000AAEC:0000C021", true, {0x3, 0xAAEC, 0xC021}},
-        THidIdCase{"0005:0000202E:00000006", true, {0x5, 0x202E, 0x0006}},  // Bluetooth
-        THidIdCase{"0018:0000aaec:0000c020", true, {0x18, 0xAAEC, 0xC020}},  // lower case, I2C
-        THidIdCase{"3:AAEC:C020", true, {0x3, 0xAAEC, 0xC020}},
-        THidIdCase{"FFFFFFFF:FFFFFFFF:FFFFFFFF", true, {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF}},
-        THidIdCase{"", false, {}},
-        THidIdCase{"0003:0000AAEC", false, {}},
-        THidIdCase{"0003:0000AAEC:0000C020:0001", false, {}},
-        THidIdCase{"0003::0000C020", false, {}},
-        THidIdCase{"0003:0000AAEC:", false, {}},
-        THidIdCase{"0x03:0000AAEC:0000C020", false, {}},
-        THidIdCase{"0003:0000AAEC:0000C02G", false, {}},
-        THidIdCase{"0003:100000AAEC:0000C020", false, {}},  // nine digits
-        THidIdCase{"0003:0000AAEC:0000C020\n", false, {}},
-        THidIdCase{" 0003:0000AAEC:0000C020", false, {}},
-        THidIdCase{"-003:0000AAEC:0000C020", false, {}},
-        THidIdCase{"0003:+000AAEC:0000C020", false, {}}));
 
 // Verify that the udev group is chosen only while udevd's control socket exists.
 TEST(UdevHidDiscovery, MonitorSourceFollowsUdevd) {

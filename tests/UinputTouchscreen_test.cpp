@@ -38,21 +38,19 @@ TEST(UinputTouchscreen, DescribedAsTouchscreen) {
         EXPECT_FALSE(libevdev_has_event_code(d.get(), EV_KEY, code)) << code;
     }
     EXPECT_EQ(libevdev_get_num_slots(d.get()), 10);
-    struct TAxis {
-        unsigned code;
-        int minimum, maximum, resolution;
-    };
-    for (const TAxis& a : {TAxis{ABS_X, 1, 32766, 33}, TAxis{ABS_Y, 1, 32766, 66},
-                           TAxis{ABS_MT_POSITION_X, 1, 32766, 33},
-                           TAxis{ABS_MT_POSITION_Y, 1, 32766, 66},
-                           TAxis{ABS_MT_TRACKING_ID, 0, 65535, 0},
-                           TAxis{ABS_MT_TOUCH_MAJOR, 0, 32766, 0}}) {
-        const input_absinfo* info = libevdev_get_abs_info(d.get(), a.code);
-        ASSERT_NE(info, nullptr) << a.code;
-        EXPECT_EQ(info->minimum, a.minimum) << a.code;
-        EXPECT_EQ(info->maximum, a.maximum) << a.code;
-        EXPECT_EQ(info->resolution, a.resolution) << a.code;
+    std::vector<std::array<int, 3>> axes;  // minimum, maximum, resolution
+    for (unsigned code : {ABS_X, ABS_Y, ABS_MT_POSITION_X, ABS_MT_POSITION_Y, ABS_MT_TRACKING_ID,
+                          ABS_MT_TOUCH_MAJOR}) {
+        const input_absinfo* info = libevdev_get_abs_info(d.get(), code);
+        ASSERT_NE(info, nullptr) << code;
+        axes.push_back({info->minimum, info->maximum, info->resolution});
     }
+    EXPECT_EQ(axes, (std::vector<std::array<int, 3>>{{1, 32766, 33},
+                                                     {1, 32766, 66},
+                                                     {1, 32766, 33},
+                                                     {1, 32766, 66},
+                                                     {0, 65535, 0},
+                                                     {0, 32766, 0}}));
 }
 
 // A name that stays the same from one plugging to the next and tells frames and areas apart.

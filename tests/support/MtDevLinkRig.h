@@ -5,8 +5,8 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <chrono>
-
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -48,10 +48,8 @@ public:
     CLogCapture& operator=(const CLogCapture&) = delete;
 
     int Count(TLogChannel channel, const std::string& text) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const auto& entry : m_lines) n += entry.first == channel && entry.second == text;
-        return n;
+        const std::vector<std::string> lines = Lines(channel);
+        return static_cast<int>(std::count(lines.begin(), lines.end(), text));
     }
     std::vector<std::string> Lines(TLogChannel channel) const {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -143,42 +141,18 @@ constexpr unsigned kTestWriteAckMs = 110;
 constexpr unsigned kTestEndAckMs = 120;
 
 inline TMtDevTimeouts ShortHidTimeouts() {
-    TMtDevTimeouts t;
-    t.hidReplyMs = kTestReplyMs;
-    t.hidWriteAckMs = kTestWriteAckMs;
-    t.hidEndAckMs = kTestEndAckMs;
-    return t;
+    return {.hidReplyMs = kTestReplyMs, .hidWriteAckMs = kTestWriteAckMs,
+            .hidEndAckMs = kTestEndAckMs};
 }
 
 // The emulated frame on a socketpair, opened through the real hidraw port.
 struct THidRig {
     CMtDevEmulator emulator;
     CMtEmuHidLink link{emulator};
-    std::unique_ptr<CHidrawDevice> port;
-    std::unique_ptr<CWaitRecordingHidDevice> recorder;
-    TMACDEVICEPATH path{};
-
-    THidRig() {
-        port = CHidrawDevice::Adopt(link.TakeHostFd());
-        recorder = std::make_unique<CWaitRecordingHidDevice>(*port, &link);
-        path.hidDevice = recorder.get();
-        path.usbService = nullptr;
-        path.deviceType = MTDEV_TYPE_HID;
-    }
-};
-
-// The emulated frame behind the in-process bulk port.
-struct TBulkRig {
-    CMtDevEmulator emulator;
-    CMtEmuUsbService service;
-    TMACDEVICEPATH path{};
-
-    explicit TBulkRig(TEmuUsbLayout layout = TEmuUsbLayout::Default())
-        : service(emulator, std::move(layout)) {
-        path.hidDevice = nullptr;
-        path.usbService = &service;
-        path.deviceType = MTDEV_TYPE_BULK;
-    }
+    std::unique_ptr<CHidrawDevice> port = CHidrawDevice::Adopt(link.TakeHostFd());
+    std::unique_ptr<CWaitRecordingHidDevice> recorder =
+        std::make_unique<CWaitRecordingHidDevice>(*port, &link);
+    TMACDEVICEPATH path{recorder.get(), nullptr, MTDEV_TYPE_HID};
 };
 
 // One pipe transfer as the controller asked for it and as it ended.
@@ -212,7 +186,6 @@ public:
     }
 
     const std::vector<TBulkTransfer>& Transfers() const { return m_state->transfers; }
-    std::vector<TBulkTransfer> Reads() const { return Only(false); }
     void Clear() { m_state->transfers.clear(); }
     void SetHook(Hook hook) { m_state->hook = std::move(hook); }
 
@@ -229,14 +202,6 @@ private:
     };
 
     static uint64_t NowMicros() { return TGetClock().MonotonicNanos() / 1000u; }
-
-    std::vector<TBulkTransfer> Only(bool write) const {
-        std::vector<TBulkTransfer> out;
-        for (const TBulkTransfer& t : m_state->transfers) {
-            if (t.write == write) out.push_back(t);
-        }
-        return out;
-    }
 
     class CInterface final : public CMtUsbInterface {
     public:
