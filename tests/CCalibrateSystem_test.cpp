@@ -465,11 +465,9 @@ TEST_F(CalibrateSystemTest, FloatDesktopAndSdkForms) {
     EXPECT_EQ(frame[1].y, static_cast<int32_t>(cal.Slot(2)->y));
     EXPECT_NE(static_cast<float>(frame[1].y), cal.Slot(2)->y);
     cal.GetSDKCoords(frame.get());
-    EXPECT_EQ(Xy(frame[2]), std::make_pair(1234, 4321));
-    EXPECT_EQ(frame[2].z, -600);
-    EXPECT_EQ(frame[2].width, 30);
-    EXPECT_EQ(frame[2].height, -20);
-    EXPECT_EQ(Cell(frame[2]), std::make_pair(2, 4));
+    const _HARDWARE_SDK_POINT& p = frame[2];
+    EXPECT_EQ((std::vector<int>{p.x, p.y, p.z, p.width, p.height, p.cell[0], p.cell[1]}),
+              (std::vector<int>{1234, 4321, -600, 30, -20, 2, 4}));
 }
 
 TEST(CalibrateSystem, WarningBits) {

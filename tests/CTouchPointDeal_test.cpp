@@ -49,7 +49,9 @@ TEST(CTouchPointDeal, DistanceAreaTruncate) {
 
 // Verify the eight half-open sectors, the catch-all 6, and how they pair into four directions.
 TEST(CTouchPointDeal, Sectors) {
-    constexpr int kUp = DIRECTION_UP, kRight = DIRECTION_RIGHT, kDown = DIRECTION_DOWN;
+    constexpr int kUp = DIRECTION_UP;
+    constexpr int kRight = DIRECTION_RIGHT;
+    constexpr int kDown = DIRECTION_DOWN;
     constexpr int kLeft = DIRECTION_LEFT;
     const int cases[][3] = {
         {0, 7, kUp},         {44, 7, kUp},       {45, 8, kRight},    {89, 8, kRight},

@@ -52,9 +52,9 @@ TEST(CTouchPointInfo, PathMatchesShiftingModel) {
         const CTouchPointPath path = c.getPointsPath();
         ASSERT_EQ(path.size(), model.size()) << "after update " << i;
         ASSERT_TRUE(std::equal(path.begin(), path.end(), model.begin())) << "after update " << i;
-        const CTouchPoint &first = model.front(), &last = model.back();
         ASSERT_EQ(std::make_tuple(c.GetFirstX(), c.GetFisrtY(), c.GetBehindX(), c.GetBehindY()),
-                  std::make_tuple(first.x, first.y, last.x, last.y));
+                  std::make_tuple(model.front().x, model.front().y, model.back().x,
+                                  model.back().y));
     }
     EXPECT_EQ(c.CopyPointsPath(), std::vector<CTouchPoint>(model.begin(), model.end()));
     EXPECT_EQ(c.GetX(), 1.0f);  // the base keeps the first sample ever

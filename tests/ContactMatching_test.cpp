@@ -57,11 +57,12 @@ TEST(ContactMatching, FindAndRemoveTouchPoint) {
 // slides into a freed slot.
 TEST(ContactMatching, CheckTouchPointRetires) {
     const struct {
-        std::vector<int> tracked, frame;  // an empty frame: no frame record
+        std::vector<int> tracked;
+        std::vector<int> frame;  // empty: no frame record
         std::vector<int> after;
     } cases[] = {
-        {{1, 2, 3}, {3}, {2, 3}},       {{1, 2, 3, 4}, {}, {2, 4}}, {{1, 2, 3}, {3, 1, 2}, {1, 2, 3}},
-        {{1, 2, 3}, {1, 2}, {1, 2}},    {{255, 0}, {255}, {255}},   {{}, {1}, {}},
+        {{1, 2, 3}, {3}, {2, 3}},    {{1, 2, 3, 4}, {}, {2, 4}}, {{1, 2, 3}, {3, 1, 2}, {1, 2, 3}},
+        {{1, 2, 3}, {1, 2}, {1, 2}}, {{255, 0}, {255}, {255}},   {{}, {1}, {}},
     };
     for (const auto& c : cases) {
         OwnedList tracked(c.tracked);
@@ -89,6 +90,7 @@ TEST(ContactMatching, FrameTimeStamp) {
 
 const std::string kOne = "down 1 1000 1000\n";
 const std::string kTwo = "down 2 5000 5000, 1 1000 1000\n";  // 2 updated before 1 lifts
+const std::string kOneAndTwo = "down 1 1000 1000, 2 5000 5000\n";
 const std::string kThree = "down 1 1000 1000, 2 2000 2000, 3 3000 3000\n";
 const std::string kSettle = "down 1 1000 1000\nwait 3000us\ndown 2 5000 5000\n";
 
@@ -102,9 +104,9 @@ TEST(ContactTracker, TracksAndDeals) {
         int added = -1;            // "new point add" lines (-1: not judged)
     } cases[] = {
         // Two new contacts in one frame are both appended, and only the first deals.
-        {"", "down 1 1000 1000, 2 5000 5000\n", {1, 2}, 1, 0, 2},
+        {"", kOneAndTwo, {1, 2}, 1, 0, 2},
         // A frame whose only contact is new drops every tracked contact and deals once.
-        {"down 1 1000 1000, 2 5000 5000\nhold 1\nvanish 1, 2\n", "down 3 9000 9000\n", {3}, 1, 0, 1},
+        {kOneAndTwo + "hold 1\nvanish 1, 2\n", "down 3 9000 9000\n", {3}, 1, 0, 1},
         // A continuing or lifting contact with an unknown id is appended without a "new point
         // add" line (6 is appended, then removed).
         {"", "raw 5 1 1000 1000\n", {5}, -1, -1, 0},

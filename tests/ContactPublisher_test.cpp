@@ -15,20 +15,17 @@ struct TIn {
     int32_t x, y;
 };
 
-// A calibrated frame over the given contacts (the list runs in the given order).
+// A calibrated frame over the given contacts (the list runs in the given order); raw values are
+// half the calibrated ones.
 class CFrame {
 public:
     explicit CFrame(const std::vector<TIn>& contacts) : m_points(contacts.size()) {
         for (size_t i = 0; i < contacts.size(); ++i) {
-            _HARDWARE_SDK_POINT& p = m_points[i];
-            p = {};
-            p.id = contacts[i].id;
-            p.status = contacts[i].status;
-            p.x = contacts[i].x;
-            p.y = contacts[i].y;
-            p.rawX = static_cast<uint16_t>(contacts[i].x / 2);
-            p.rawY = static_cast<uint16_t>(contacts[i].y / 2);
-            p.next = i + 1 < contacts.size() ? &m_points[i + 1] : nullptr;
+            const TIn& c = contacts[i];
+            const auto raw = [](int32_t v) { return static_cast<uint16_t>(v / 2); };
+            _HARDWARE_SDK_POINT* next = i + 1 < contacts.size() ? &m_points[i + 1] : nullptr;
+            m_points[i] = {c.x, c.y, 0, 0, 0, raw(c.x), raw(c.y), 0, 0, 0, c.id, c.status, {}, {},
+                           next};
         }
         m_frame.points = m_points.empty() ? nullptr : m_points.data();
     }

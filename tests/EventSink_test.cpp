@@ -21,7 +21,8 @@ TEST(JsonLinesEventSink, ClickStateAndKeyWithoutNamer) {
 // key namer adds "linuxKeys" to key lines only, after every other member.
 TEST(JsonLinesEventSink, OneLinePerEventKeysNamed) {
     std::ostringstream out;
-    CJsonLinesEventSink sink(out, [](const TInputEvent&) { return std::vector<std::string>{"KEY_0"}; });
+    const TKeyNamer namer = [](const TInputEvent&) { return std::vector<std::string>{"KEY_0"}; };
+    CJsonLinesEventSink sink(out, namer);
     sink.Post(TInputEvent::Mouse(TInputEventType::LeftMouseDragged, 1.0 / 3.0, 0.1,
                                  EVENT_FLAG_SECONDARY_FN));
     sink.Post(TInputEvent::Key(true, 29, EVENT_FLAG_COMMAND));

@@ -15,45 +15,40 @@ TScriptContact C(int id, int status, int x, int y) {
     return TScriptContact{static_cast<uint8_t>(id), static_cast<uint8_t>(status), x, y};
 }
 
-// Verify that each command produces the frames, statuses and positions it documents.
+// Verify that each command produces the frames, statuses and positions it documents: a move
+// rounds each intermediate position to the nearest unit, a raw frame is taken as written and
+// leaves the fingers as they were, vanish drops a finger without a frame.
 TEST(GestureScript, CommandsProduceFrames) {
     const auto f = Frames(
         "# a two-finger touch\n"
         "down 1 1000 2000\n"
         "down 2 5000 2000   # second finger\n"
-        "move 1 2000 2000, 2 5000 4000 in 2\n"
+        "move 1 2000 2000, 2 5001 4000 in 3\n"
         "hold 1\n"
         "up 1 2100 2200\n"
         "gone 2 7\n"
+        "hold 1\n"
+        "down 4 10 10\n"
+        "raw 5 1 100 200, 5 0 300 400\n"
+        "vanish 4\n"
         "hold 1\n");
-    ASSERT_EQ(f.size(), 8u);
-    EXPECT_EQ(f[0].contacts, (std::vector{C(1, 0, 1000, 2000)}));
-    EXPECT_EQ(f[1].contacts, (std::vector{C(1, 1, 1000, 2000), C(2, 0, 5000, 2000)}));
-    EXPECT_EQ(f[2].contacts, (std::vector{C(1, 1, 1500, 2000), C(2, 1, 5000, 3000)}));
-    EXPECT_EQ(f[3].contacts, (std::vector{C(1, 1, 2000, 2000), C(2, 1, 5000, 4000)}));
-    EXPECT_EQ(f[4].contacts, (std::vector{C(1, 1, 2000, 2000), C(2, 1, 5000, 4000)}));
-    EXPECT_EQ(f[5].contacts, (std::vector{C(1, 2, 2100, 2200), C(2, 1, 5000, 4000)}));
-    EXPECT_EQ(f[6].contacts, (std::vector{C(2, 7, 5000, 4000)}));
-    EXPECT_TRUE(f[7].contacts.empty());  // nobody down: an empty frame
+    std::vector<std::vector<TScriptContact>> contacts;
+    for (const TScriptFrame& frame : f) contacts.push_back(frame.contacts);
+    EXPECT_EQ(contacts, (std::vector<std::vector<TScriptContact>>{
+                            {C(1, 0, 1000, 2000)},
+                            {C(1, 1, 1000, 2000), C(2, 0, 5000, 2000)},
+                            {C(1, 1, 1333, 2000), C(2, 1, 5000, 2667)},
+                            {C(1, 1, 1667, 2000), C(2, 1, 5001, 3333)},
+                            {C(1, 1, 2000, 2000), C(2, 1, 5001, 4000)},
+                            {C(1, 1, 2000, 2000), C(2, 1, 5001, 4000)},
+                            {C(1, 2, 2100, 2200), C(2, 1, 5001, 4000)},
+                            {C(2, 7, 5001, 4000)},
+                            {},  // nobody down: an empty frame
+                            {C(4, 0, 10, 10)},
+                            {C(5, 1, 100, 200), C(5, 0, 300, 400)},
+                            {},
+                        }));
     EXPECT_EQ(f[2].line, 4);
-}
-
-// Verify that a straight move rounds each intermediate position to the nearest unit.
-TEST(GestureScript, MoveInterpolatesAndRounds) {
-    const auto f = Frames("down 1 100 100\nmove 1 101 200 in 3\n");
-    ASSERT_EQ(f.size(), 4u);
-    EXPECT_EQ(f[1].contacts[0], C(1, 1, 100, 133));
-    EXPECT_EQ(f[2].contacts[0], C(1, 1, 101, 167));
-    EXPECT_EQ(f[3].contacts[0], C(1, 1, 101, 200));
-}
-
-// Verify that raw frames are taken as written and leave the fingers as they were, and that
-// vanish drops a finger without a frame.
-TEST(GestureScript, RawAndVanish) {
-    const auto f = Frames("down 4 10 10\nraw 5 1 100 200, 5 0 300 400\nvanish 4\nhold 1\n");
-    ASSERT_EQ(f.size(), 3u);
-    EXPECT_EQ(f[1].contacts, (std::vector{C(5, 1, 100, 200), C(5, 0, 300, 400)}));
-    EXPECT_TRUE(f[2].contacts.empty());
 }
 
 // Verify the gaps: zero before the first frame, one period between frames, and a wait

@@ -210,9 +210,29 @@ struct RecordCase {
 
 using C = const _HARDWARE_DEV_CONFIG&;
 
+// What a text record sets: its numbers, and its text when one is given.
+Fill TextRecord(uint32_t v1, uint32_t v2, const std::wstring& text = L"") {
+    return [=](auto& c) {
+        c.textValue1 = v1;
+        c.textValue2 = v2;
+        if (!text.empty()) SetText(c, text);
+    };
+}
+
+Fill Backup(const Bytes& bytes) {
+    return [=](auto& c) {
+        c.backupLength = static_cast<uint16_t>(bytes.size());
+        std::memcpy(c.backup, bytes.data(), bytes.size());
+    };
+}
+
 const RecordCase kRecordCases[] = {
     {"0x01 length 5", 0x01, {9, 0x34, 0x12, 0x78, 0x56},
-     [](auto& c) { c.rec1Byte = 9, c.rec1Value0 = 0x1234, c.rec1Value1 = 0x5678; }},
+     [](auto& c) {
+         c.rec1Byte = 9;
+         c.rec1Value0 = 0x1234;
+         c.rec1Value1 = 0x5678;
+     }},
     {"0x01 length 4", 0x01, {9, 0x34, 0x12, 0x78}, nullptr},
     {"0x01 length 6", 0x01, {9, 0x34, 0x12, 0x78, 0x56, 0}, nullptr},
     {"0x02 length 2", 0x02, {0x10, 0x02}, [](auto& c) { c.rec2Value = 0x0210; }},
@@ -220,22 +240,18 @@ const RecordCase kRecordCases[] = {
     {"0x02 length 1", 0x02, {0x10}, nullptr},
     {"0x04 length 1: the later one wins", 0x04, {0x66}, nullptr},
     {"0x03 text", 0x03, TextContent(11, 22, Units(u"Hall \u00e9")),
-     [](auto& c) { c.textValue1 = 11, c.textValue2 = 22, SetText(c, L"Hall \u00e9"); }},
+     TextRecord(11, 22, L"Hall \u00e9")},
     {"0x03 length 8", 0x03, TextContent(11, 22, {}), nullptr},
-    {"0x03 length 9", 0x03, TextContent(11, 22, {'A'}),
-     [](auto& c) { c.textValue1 = 11, c.textValue2 = 22; }},
-    {"0x03 empty text keeps the old one", 0x03, TextContent(1, 2, Units(u"")),
-     [](auto& c) { c.textValue1 = 1, c.textValue2 = 2; }},
+    {"0x03 length 9", 0x03, TextContent(11, 22, {'A'}), TextRecord(11, 22)},
+    {"0x03 empty text keeps the old one", 0x03, TextContent(1, 2, Units(u"")), TextRecord(1, 2)},
     {"0x03 31 units", 0x03, TextContent(1, 2, Units(std::u16string(31, u'x'))),
-     [](auto& c) { c.textValue1 = 1, c.textValue2 = 2, SetText(c, std::wstring(31, L'x')); }},
+     TextRecord(1, 2, std::wstring(31, L'x'))},
     {"0x03 32 units is too long", 0x03, TextContent(1, 2, Units(std::u16string(32, u'x'))),
-     [](auto& c) { c.textValue1 = 1, c.textValue2 = 2; }},
+     TextRecord(1, 2)},
     {"0x03 no zero, odd byte: text runs to the record's last unit", 0x03,
-     TextContent(1, 2, {'N', 0, 'o', 0, 'x'}),
-     [](auto& c) { c.textValue1 = 1, c.textValue2 = 2, SetText(c, L"No"); }},
-    {"0x81 one byte", 0x81, {0xAB}, [](auto& c) { c.backupLength = 1, c.backup[0] = 0xAB; }},
-    {"0x81 2047 bytes", 0x81, Bytes(2047, 0xCD),
-     [](auto& c) { c.backupLength = 2047, std::memset(c.backup, 0xCD, 2047); }},
+     TextContent(1, 2, {'N', 0, 'o', 0, 'x'}), TextRecord(1, 2, L"No")},
+    {"0x81 one byte", 0x81, {0xAB}, Backup({0xAB})},
+    {"0x81 2047 bytes", 0x81, Bytes(2047, 0xCD), Backup(Bytes(2047, 0xCD))},
     {"0x81 2048 bytes", 0x81, Bytes(2048, 0xCD), nullptr},
     {"0x81 empty", 0x81, {}, nullptr},
     {"unknown short tag", 0x10, {1, 2, 3}, nullptr},

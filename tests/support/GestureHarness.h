@@ -1,10 +1,5 @@
 // Plays gesture scripts through contact matching into a gesture container that posts to a
-// recording sink, on a virtual clock, with the log captured. A test then reads like the gesture:
-//
-//   CGestureHarness h;                     // screen 1920 x 1080, clock at 1000 s
-//   h.Play("down 1 1000 2000\nmove 1 3000 2000 in 2\nup 1\n");
-//   EXPECT_EQ(h.TakeEvents(), (std::vector<TInputEvent>{h.Left(TInputEventType::LeftMouseDown, 2000, 2000), ...}));
-//
+// recording sink, on a virtual clock (at 1000 s), with the log captured; screen 1920 x 1080.
 // Successive Play calls continue one script: the fingers stay where the last call left them,
 // and the first new frame comes one report period (or the waited time) after the last one.
 #pragma once
