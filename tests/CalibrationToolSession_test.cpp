@@ -22,13 +22,11 @@ struct TStep {
 TMonitoredFrame Frame(const TStep& s) {
     TMonitoredFrame f;
     f.timeStamp = (100 + s.ms / 1000) * 4'000'000LL + (s.ms % 1000) * 1000LL;
-    for (const auto& c : s.contacts) {
-        TMonitoredContact m;
-        m.id = static_cast<uint8_t>(c[0]);
-        m.status = static_cast<uint8_t>(c[1]);
-        m.rawX = static_cast<uint16_t>(c[2]);
-        m.rawY = static_cast<uint16_t>(c[3]);
-        f.contacts.push_back(m);
+    for (const auto& [id, status, x, y] : s.contacts) {
+        f.contacts.push_back({.id = uint8_t(id),
+                              .status = uint8_t(status),
+                              .rawX = uint16_t(x),
+                              .rawY = uint16_t(y)});
     }
     return f;
 }
@@ -92,16 +90,12 @@ TEST(CalibrationToolSession, TakesOrRefusesATouch) {
 
 namespace {
 
-TSessionSetup FullScreenSetup() {
-    TSessionSetup s;
-    s.points = 5;
-    s.output = {0, 0, 1920, 1080};
-    s.screenWidth = 1920;
-    s.screenHeight = 1080;
-    s.geometry = {8191, 8191, kRaw, kRaw};
-    s.timeoutMicros = 30'000'000;
-    return s;
-}
+const TSessionSetup kFullScreen = {.points = 5,
+                                   .output = {0, 0, 1920, 1080},
+                                   .screenWidth = 1920,
+                                   .screenHeight = 1080,
+                                   .geometry = {8191, 8191, kRaw, kRaw},
+                                   .timeoutMicros = 30'000'000};
 
 // A frame mounted mirrored in X and a little off: screen pixel -> raw.
 std::array<int, 2> Planted(TPointD p) {
@@ -122,7 +116,7 @@ void Touch(CCalibrationSession& session, std::array<int, 2> raw, int* ms) {
 // check, with every touch fitted onto its target; a touch far from the prediction is refused
 // and the same target stays.
 TEST(CalibrationToolSession, FromTargetsToCheck) {
-    CCalibrationSession session(FullScreenSetup(), 0);
+    CCalibrationSession session(kFullScreen, 0);
     int ms = 0;
     for (int i = 0; i < 3; ++i) Touch(session, Planted(session.Target(i)), &ms);
     EXPECT_EQ(session.Current(), 3);
@@ -141,7 +135,7 @@ TEST(CalibrationToolSession, FromTargetsToCheck) {
 // Verify the time-out: no touch for the whole time-out ends the session; a finger going down
 // starts the time again.
 TEST(CalibrationToolSession, TimesOutWithoutTouches) {
-    CCalibrationSession session(FullScreenSetup(), 0);
+    CCalibrationSession session(kFullScreen, 0);
     session.Tick(29'000'000);
     EXPECT_EQ(session.Phase(), TSessionPhase::Taking);
     session.OnFrame(Frame({29'000, {{1, 0, 100, 100}}}), 29'000'000);

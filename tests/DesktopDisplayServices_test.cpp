@@ -1,24 +1,15 @@
 #include "DesktopDisplayServices.h"
 
-#include <sys/wait.h>
+#include <signal.h>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
-#include <thread>
 
-#include <signal.h>
-#include <unistd.h>
-
-#include "support/ChildProcess.h"
-#include "support/PrivateBus.h"
+#include "support/HeadlessSway.h"
 
 using ::testing::HasSubstr;
 
@@ -31,21 +22,18 @@ using TReplyWriter = std::function<void(sd_bus_message*)>;
 class CDisplayServices {
 public:
     CDisplayServices(const CPrivateBus& bus, TReplyWriter mutter, TReplyWriter kscreen)
-        : m_connection(bus),
-          m_bus(m_connection.Bus()),
-          m_mutter(std::move(mutter)),
-          m_kscreen(std::move(kscreen)) {
-        if (m_bus == nullptr) return;
-        m_ok = true;
+        : m_connection(bus), m_mutter(std::move(mutter)), m_kscreen(std::move(kscreen)) {
+        sd_bus* const b = m_connection.Bus();
+        m_ok = b != nullptr;
         // A stand-in just closed may still hold the name in the daemon's eyes: take it over.
         const uint64_t flags = SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING;
-        if (m_mutter) {
-            sd_bus_add_object(m_bus, nullptr, "/org/gnome/Mutter/DisplayConfig", &Answer, this);
-            m_ok = m_ok && sd_bus_request_name(m_bus, "org.gnome.Mutter.DisplayConfig", flags) >= 0;
+        if (m_ok && m_mutter) {
+            sd_bus_add_object(b, nullptr, "/org/gnome/Mutter/DisplayConfig", &Answer, this);
+            m_ok = sd_bus_request_name(b, "org.gnome.Mutter.DisplayConfig", flags) >= 0;
         }
-        if (m_kscreen) {
-            sd_bus_add_object(m_bus, nullptr, "/backend", &Answer, this);
-            m_ok = m_ok && sd_bus_request_name(m_bus, "org.kde.KScreen", flags) >= 0;
+        if (m_ok && m_kscreen) {
+            sd_bus_add_object(b, nullptr, "/backend", &Answer, this);
+            m_ok = sd_bus_request_name(b, "org.kde.KScreen", flags) >= 0;
         }
         m_connection.Serve();
     }
@@ -69,78 +57,35 @@ private:
     }
 
     CServedConnection m_connection;
-    sd_bus* const m_bus;
     TReplyWriter m_mutter, m_kscreen;
     bool m_ok = false;
 };
 
-// ----- Mutter's GetCurrentState
-
-struct TLitMonitor {
-    const char* connector;
-    int modeWidth, modeHeight;
-    int x, y;
-    double scale;
-    unsigned transform;
-    bool primary;
-};
-
-TReplyWriter MutterState(std::vector<TLitMonitor> lit, unsigned layoutMode) {
-    return [lit, layoutMode](sd_bus_message* r) {
-        sd_bus_message_append(r, "u", 7u);
-        sd_bus_message_open_container(r, 'a', "((ssss)a(siiddada{sv})a{sv})");
-        for (const TLitMonitor& monitor : lit) {
-            sd_bus_message_open_container(r, 'r', "(ssss)a(siiddada{sv})a{sv}");
-            sd_bus_message_append(r, "(ssss)", monitor.connector, "GSM", "LG", "0x01");
-            // A mode that is not current comes first: only "is-current" chooses.
-            sd_bus_message_append(r, "a(siiddada{sv})", 2, "640x480@60", 640, 480, 60.0, 1.0, 1,
-                                  1.0, 0, "current", monitor.modeWidth, monitor.modeHeight,
-                                  60.0, 1.0, 1, 1.0, 1, "is-current", "b", 1);
-            sd_bus_message_append(r, "a{sv}", 1, "display-name", "s", "Monitor");
-            sd_bus_message_close_container(r);
-        }
-        // A monitor that is plugged in but not lit.
-        sd_bus_message_open_container(r, 'r', "(ssss)a(siiddada{sv})a{sv}");
-        sd_bus_message_append(r, "(ssss)a(siiddada{sv})a{sv}", "HDMI-1", "DEL", "U2", "7", 0, 0);
-        sd_bus_message_close_container(r);
-        sd_bus_message_close_container(r);
-
-        sd_bus_message_open_container(r, 'a', "(iiduba(ssss)a{sv})");
-        for (const TLitMonitor& monitor : lit) {
-            sd_bus_message_append(r, "(iiduba(ssss)a{sv})", monitor.x, monitor.y, monitor.scale,
-                                  monitor.transform, monitor.primary, 1, monitor.connector,
-                                  "GSM", "LG", "0x01", 0);
-        }
-        sd_bus_message_close_container(r);
-        sd_bus_message_append(r, "a{sv}", 1, "layout-mode", "u", layoutMode);
+// ----- Mutter's GetCurrentState: eDP-1 at scale 2, the primary; DP-3 right of it, turned a
+// quarter; HDMI-1 plugged in but not lit. Each lit monitor has a mode that is not current first:
+// only "is-current" chooses.
+TReplyWriter MutterState(unsigned layoutMode) {
+    return [layoutMode](sd_bus_message* r) {
+        sd_bus_message_append(
+            r, "ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv}", 7u, 3u, "eDP-1", "GSM",
+            "LG", "0x01", 2u, "640x480@60", 640, 480, 60.0, 1.0, 1u, 1.0, 0u, "current", 2880,
+            1800, 60.0, 1.0, 1u, 1.0, 1u, "is-current", "b", 1, 1u, "display-name", "s", "Monitor",
+            "DP-3", "GSM", "LG", "0x01", 2u, "640x480@60", 640, 480, 60.0, 1.0, 1u, 1.0, 0u,
+            "current", 1920, 1080, 60.0, 1.0, 1u, 1.0, 1u, "is-current", "b", 1, 1u,
+            "display-name", "s", "Monitor", "HDMI-1", "DEL", "U2", "7", 0u, 0u, 2u, 0, 0, 2.0, 0u,
+            1, 1u, "eDP-1", "GSM", "LG", "0x01", 0u, 1440, 0, 1.0, 1u, 0, 1u, "DP-3", "GSM", "LG",
+            "0x01", 0u, 1u, "layout-mode", "u", layoutMode);
     };
 }
 
 // ----- KScreen's getConfig: Qt's JSON-shaped maps, its numbers as doubles
 
-void Number(sd_bus_message* r, const char* key, double value) {
-    sd_bus_message_append(r, "{sv}", key, "d", value);
-}
-
-void Pair(sd_bus_message* r, const char* key, const char* first, double a, const char* second,
-          double b) {
-    sd_bus_message_open_container(r, 'e', "sv");
-    sd_bus_message_append(r, "s", key);
-    sd_bus_message_open_container(r, 'v', "a{sv}");
-    sd_bus_message_open_container(r, 'a', "{sv}");
-    Number(r, first, a);
-    Number(r, second, b);
-    sd_bus_message_close_container(r);
-    sd_bus_message_close_container(r);
-    sd_bus_message_close_container(r);
-}
-
 struct TKscreenOutput {
     const char* name;
     bool enabled;
-    int x, y;
-    int modeWidth, modeHeight;
-    int rotation;
+    double x, y;
+    double modeWidth, modeHeight;
+    double rotation;
     double scale;
     bool primary;
 };
@@ -153,59 +98,25 @@ TReplyWriter KscreenConfig(std::vector<TKscreenOutput> outputs) {
         sd_bus_message_open_container(r, 'v', "av");
         sd_bus_message_open_container(r, 'a', "v");
         for (const TKscreenOutput& o : outputs) {
-            sd_bus_message_open_container(r, 'v', "a{sv}");
-            sd_bus_message_open_container(r, 'a', "{sv}");
-            sd_bus_message_append(r, "{sv}{sv}{sv}{sv}", "name", "s", o.name, "enabled", "b",
-                                  o.enabled, "connected", "b", 1, "currentModeId", "s", "2");
-            Number(r, "rotation", o.rotation);
-            Number(r, "scale", o.scale);
-            Number(r, "priority", o.primary ? 1 : 2);
-            Pair(r, "pos", "x", o.x, "y", o.y);
-            Pair(r, "sizeMM", "width", 600, "height", 340);
-            sd_bus_message_open_container(r, 'e', "sv");
-            sd_bus_message_append(r, "s", "modes");
-            sd_bus_message_open_container(r, 'v', "av");
-            sd_bus_message_open_container(r, 'a', "v");
-            for (const char* id : {"1", "2"}) {
-                sd_bus_message_open_container(r, 'v', "a{sv}");
-                sd_bus_message_open_container(r, 'a', "{sv}");
-                sd_bus_message_append(r, "{sv}", "id", "s", id);
-                const bool current = std::string(id) == "2";
-                Pair(r, "size", "width", current ? o.modeWidth : 800, "height",
-                     current ? o.modeHeight : 600);
-                sd_bus_message_close_container(r);
-                sd_bus_message_close_container(r);
-            }
-            sd_bus_message_close_container(r);
-            sd_bus_message_close_container(r);
-            sd_bus_message_close_container(r);
-            sd_bus_message_close_container(r);
-            sd_bus_message_close_container(r);
+            // Ten members; mode "1" is not the current one.
+            sd_bus_message_append(
+                r, "v", "a{sv}", 10u, "name", "s", o.name, "enabled", "b", int(o.enabled),
+                "connected", "b", 1, "currentModeId", "s", "2", "rotation", "d", o.rotation,
+                "scale", "d", o.scale, "priority", "d", o.primary ? 1.0 : 2.0, "pos", "a{sv}", 2u,
+                "x", "d", o.x, "y", "d", o.y, "sizeMM", "a{sv}", 2u, "width", "d", 600.0, "height",
+                "d", 340.0, "modes", "av", 2u, "a{sv}", 2u, "id", "s", "1", "size", "a{sv}", 2u,
+                "width", "d", 800.0, "height", "d", 600.0, "a{sv}", 2u, "id", "s", "2", "size",
+                "a{sv}", 2u, "width", "d", o.modeWidth, "height", "d", o.modeHeight);
         }
-        sd_bus_message_close_container(r);
-        sd_bus_message_close_container(r);
-        sd_bus_message_close_container(r);
-        sd_bus_message_close_container(r);
+        for (int i = 0; i < 4; ++i) sd_bus_message_close_container(r);
     };
 }
 
-struct TExpectedOutput {
-    std::string name;
-    TScreenRect rect;
-    bool primary;
+const std::vector<TKscreenOutput> kKdeOutputs = {
+    {"DP-1", true, 0, 0, 2560, 1440, 1, 2.0, true},
+    {"HDMI-A-1", true, 1280, 0, 1920, 1080, 8, 1.0, false},
+    {"DP-2", false, 0, 0, 1920, 1080, 1, 1.0, false},
 };
-
-void ExpectLayout(const TXrandrDesktop& layout, const std::vector<TExpectedOutput>& expected,
-                  double width, double height) {
-    ASSERT_EQ(layout.outputs.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(layout.outputs[i].name, expected[i].name) << i;
-        EXPECT_EQ(layout.outputs[i].rect, expected[i].rect) << expected[i].name;
-        EXPECT_EQ(layout.outputs[i].primary, expected[i].primary) << expected[i].name;
-    }
-    EXPECT_EQ(layout.width, width);
-    EXPECT_EQ(layout.height, height);
-}
 
 class DesktopDisplayServices : public ::testing::Test {
 protected:
@@ -219,48 +130,57 @@ protected:
         unsetenv("XDG_CURRENT_DESKTOP");
     }
 
-    std::optional<TXrandrDesktop> Ask(std::string* why) {
-        return QueryDesktopServiceLayout(m_client, why);
-    }
-
     CPrivateBus m_bus;
     sd_bus* m_client = nullptr;
 };
 
-const std::vector<TLitMonitor> kGnomeMonitors = {
-    {"eDP-1", 2880, 1800, 0, 0, 2.0, 0, true},
-    {"DP-3", 1920, 1080, 1440, 0, 1.0, 1, false},  // turned a quarter
-};
-
-// Mutter's logical layout divides a monitor's mode by its scale; the physical layout (GNOME's
-// default without fractional scaling) keeps the mode. Turned monitors swap their sides.
-TEST_F(DesktopDisplayServices, GnomeLayoutInBothLayoutModes) {
-    struct TCase {
-        unsigned layoutMode;
-        std::vector<TExpectedOutput> outputs;
-        double width, height;
+// Verify the layout each desktop reports. Mutter's logical layout divides a monitor's mode by
+// its scale, the physical layout (GNOME's default without fractional scaling) keeps the mode;
+// KScreen's scale divides, rotation flags 2 and 8 swap the sides, a disabled output takes no
+// place, priority 1 is the main monitor, and under Plasma KScreen is asked first. Neither on the
+// bus, or answers of the wrong shape or beyond the limits, give no layout and a reason.
+TEST_F(DesktopDisplayServices, LayoutOfEachDesktop) {
+    const TReplyWriter wrongShape = [](sd_bus_message* r) { sd_bus_message_append(r, "u", 1u); };
+    const TReplyWriter noOutputs = [](sd_bus_message* r) {
+        sd_bus_message_append(r, "a{sv}", 1, "screen", "s", "none");
     };
-    const TCase cases[] = {
-        {1, {{"eDP-1", {0, 0, 1440, 900}, true}, {"DP-3", {1440, 0, 1080, 1920}, false}}, 2520,
-         1920},
-        {2, {{"eDP-1", {0, 0, 2880, 1800}, true}, {"DP-3", {1440, 0, 1080, 1920}, false}}, 2880,
-         1920},
+    const TReplyWriter tooDeep = [](sd_bus_message* r) {
+        for (int i = 0; i < kBusJsonMaxDepth + 2; ++i) sd_bus_message_open_container(r, 'v', "v");
+        sd_bus_message_append(r, "v", "s", "deep");
+        for (int i = 0; i < kBusJsonMaxDepth + 2; ++i) sd_bus_message_close_container(r);
     };
-    for (const TCase& c : cases) {
-        SCOPED_TRACE(c.layoutMode);
-        CDisplayServices services(m_bus, MutterState(kGnomeMonitors, c.layoutMode), nullptr);
+    const struct {
+        const char* desktop;
+        TReplyWriter mutter, kscreen;
+        std::string layout;                 // empty: refused
+        std::vector<const char*> why = {};  // when refused
+    } cases[] = {
+        {"GNOME", MutterState(1), nullptr,
+         "GNOME (Mutter): eDP-1 0,0 1440x900 primary DP-3 1440,0 1080x1920 in 2520x1920"},
+        {"GNOME", MutterState(2), nullptr,
+         "GNOME (Mutter): eDP-1 0,0 2880x1800 primary DP-3 1440,0 1080x1920 in 2880x1920"},
+        {"KDE", MutterState(1), KscreenConfig(kKdeOutputs),
+         "KDE (KScreen): DP-1 0,0 1280x720 primary 600x340mm HDMI-A-1 1280,0 1080x1920 "
+         "600x340mm in 2360x1920"},
+        {"GNOME", nullptr, nullptr, "", {"org.gnome.Mutter.DisplayConfig", "org.kde.KScreen"}},
+        {"GNOME", wrongShape, noOutputs, "", {"not GetCurrentState's", "without outputs"}},
+        {"GNOME", tooDeep, nullptr, "", {"nested too deeply"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.layout);
+        setenv("XDG_CURRENT_DESKTOP", c.desktop, 1);
+        CDisplayServices services(m_bus, c.mutter, c.kscreen);
         ASSERT_TRUE(services.Ok());
         std::string why;
-        const std::optional<TXrandrDesktop> layout = Ask(&why);
-        ASSERT_TRUE(layout) << why;
-        EXPECT_EQ(layout->origin, "GNOME (Mutter)");
-        ExpectLayout(*layout, c.outputs, c.width, c.height);
+        const std::optional<TXrandrDesktop> layout = QueryDesktopServiceLayout(m_client, &why);
+        EXPECT_EQ(layout ? LayoutText(*layout) : "", c.layout) << why;
+        for (const char* reason : c.why) EXPECT_THAT(why, HasSubstr(reason));
     }
 }
 
 // GNOME's monitor list keeps the unlit monitor, with the names irframectl map writes.
 TEST_F(DesktopDisplayServices, GnomeMonitorsIncludeUnlitOnes) {
-    CDisplayServices services(m_bus, MutterState(kGnomeMonitors, 1), nullptr);
+    CDisplayServices services(m_bus, MutterState(1), nullptr);
     ASSERT_TRUE(services.Ok());
     std::string why;
     const std::optional<TMutterState> state = QueryMutterState(m_client, &why);
@@ -270,96 +190,25 @@ TEST_F(DesktopDisplayServices, GnomeMonitorsIncludeUnlitOnes) {
     EXPECT_EQ(state->heads.size(), 2u);
 }
 
-// KScreen's outputs: scale divides, rotation flags 2 and 8 swap the sides, a disabled output
-// takes no place, and priority 1 is the main monitor. Under Plasma KScreen is asked first.
-TEST_F(DesktopDisplayServices, KdeLayoutFromKscreen) {
-    setenv("XDG_CURRENT_DESKTOP", "KDE", 1);
-    CDisplayServices services(m_bus, MutterState(kGnomeMonitors, 1),
-                              KscreenConfig({{"DP-1", true, 0, 0, 2560, 1440, 1, 2.0, true},
-                                             {"HDMI-A-1", true, 1280, 0, 1920, 1080, 8, 1.0, false},
-                                             {"DP-2", false, 0, 0, 1920, 1080, 1, 1.0, false}}));
-    ASSERT_TRUE(services.Ok());
-    std::string why;
-    const std::optional<TXrandrDesktop> layout = Ask(&why);
-    ASSERT_TRUE(layout) << why;
-    EXPECT_EQ(layout->origin, "KDE (KScreen)");
-    ExpectLayout(*layout,
-                 {{"DP-1", {0, 0, 1280, 720}, true}, {"HDMI-A-1", {1280, 0, 1080, 1920}, false}},
-                 2360, 1920);
-    EXPECT_EQ(layout->outputs[0].widthMm, 600);
-}
-
-// Neither desktop on the bus: no layout, a reason naming both, and no service started.
-TEST_F(DesktopDisplayServices, NeitherDesktopAnswers) {
-    std::string why;
-    EXPECT_FALSE(Ask(&why));
-    EXPECT_THAT(why, HasSubstr("org.gnome.Mutter.DisplayConfig"));
-    EXPECT_THAT(why, HasSubstr("org.kde.KScreen"));
-}
-
-// Answers of the wrong shape or beyond the limits are refused, not half read.
-TEST_F(DesktopDisplayServices, RefusesMalformedAnswers) {
-    const TReplyWriter wrongShape = [](sd_bus_message* r) { sd_bus_message_append(r, "u", 1u); };
-    const TReplyWriter tooDeep = [](sd_bus_message* r) {
-        for (int i = 0; i < kBusJsonMaxDepth + 2; ++i) sd_bus_message_open_container(r, 'v', "v");
-        sd_bus_message_append(r, "v", "s", "deep");
-        for (int i = 0; i < kBusJsonMaxDepth + 2; ++i) sd_bus_message_close_container(r);
-    };
-    const TReplyWriter noOutputs = [](sd_bus_message* r) {
-        sd_bus_message_append(r, "a{sv}", 1, "screen", "s", "none");
-    };
-    std::string why;
-    {
-        CDisplayServices services(m_bus, wrongShape, noOutputs);
-        ASSERT_TRUE(services.Ok());
-        EXPECT_FALSE(Ask(&why));
-        EXPECT_THAT(why, HasSubstr("not GetCurrentState's"));
-        EXPECT_THAT(why, HasSubstr("without outputs"));
-    }
-
-    CDisplayServices deep(m_bus, tooDeep, nullptr);
-    ASSERT_TRUE(deep.Ok());
-    EXPECT_FALSE(QueryMutterState(m_client, &why));
-    EXPECT_THAT(why, HasSubstr("nested too deeply"));
-}
-
 // GNOME's own compositor, headless with one virtual monitor: its layout and monitor ids as the
 // driver and irframectl map read them.
 TEST_F(DesktopDisplayServices, RealMutterHeadless) {
     ASSERT_EQ(access("/usr/bin/mutter", X_OK), 0)
         << "mutter is needed (scripts/setup-test.sh installs it)";
-    char dir[] = "/tmp/irframe-mutter-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    const std::string oldRuntime = runtime != nullptr ? runtime : "";
-    setenv("XDG_RUNTIME_DIR", dir, 1);
-    const std::string log = std::string(dir) + "/mutter.log";
-    const pid_t mutter = SpawnWithOutputFiles({"/usr/bin/mutter", "--headless", "--wayland",
-                                               "--no-x11", "--virtual-monitor", "1920x1080"},
-                                              "/dev/null", log);
-    ASSERT_GT(mutter, 0);
+    const CScratchDir dir("irframe-mutter");
+    CChild mutter({"/usr/bin/env", "XDG_RUNTIME_DIR=" + dir.Dir(), "/usr/bin/mutter",
+                   "--headless", "--wayland", "--no-x11", "--virtual-monitor", "1920x1080"},
+                  "/dev/null", dir.Path("mutter.log"));
     // Mutter takes its bus name once its monitors are set up; a busy machine may take long.
     std::string why;
     std::optional<TXrandrDesktop> layout;
-    std::optional<TMutterState> state;
-    for (int waited = 0; waited < 90'000 && !layout; waited += 200) {
-        layout = QueryDesktopServiceLayout(m_client, &why);
-        if (!layout) usleep(200'000);
-    }
-    if (layout) state = QueryMutterState(m_client, &why);
-    kill(mutter, SIGTERM);
-    waitpid(mutter, nullptr, 0);
-    if (runtime != nullptr) {
-        setenv("XDG_RUNTIME_DIR", oldRuntime.c_str(), 1);
-    } else {
-        unsetenv("XDG_RUNTIME_DIR");
-    }
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
-    std::filesystem::remove_all(dir);
-    ASSERT_TRUE(layout) << why << "\n" << text.str();
-    EXPECT_EQ(layout->origin, "GNOME (Mutter)");
-    ExpectLayout(*layout, {{"Meta-0", {0, 0, 1920, 1080}, true}}, 1920, 1080);
+    WaitUntil([&] { return (layout = QueryDesktopServiceLayout(m_client, &why)).has_value(); },
+              90'000);
+    const std::optional<TMutterState> state = QueryMutterState(m_client, &why);
+    mutter.Signal(SIGTERM);
+    mutter.Wait();
+    ASSERT_TRUE(layout) << why << "\n" << mutter.Err();
+    EXPECT_EQ(LayoutText(*layout), "GNOME (Mutter): Meta-0 0,0 1920x1080 primary in 1920x1080");
     ASSERT_TRUE(state) << why;
     ASSERT_EQ(state->monitors.size(), 1u);
     EXPECT_EQ(state->monitors[0].vendor, "MetaVendor");
@@ -369,26 +218,15 @@ TEST_F(DesktopDisplayServices, RealMutterHeadless) {
 // The driver itself, in a Wayland session without wlr-output-management, places --display on
 // the monitors KScreen reports: an output that is not there is refused with those listed.
 TEST_F(DesktopDisplayServices, DriverTakesTheDesktopsMonitors) {
-    CDisplayServices services(m_bus, nullptr,
-                              KscreenConfig({{"DP-1", true, 0, 0, 2560, 1440, 1, 2.0, true},
-                                             {"HDMI-A-1", true, 1280, 0, 1920, 1080, 8, 1.0, false}}));
+    CDisplayServices services(m_bus, nullptr, KscreenConfig(kKdeOutputs));
     ASSERT_TRUE(services.Ok());
-    char dir[] = "/tmp/irframe-layout-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    setenv("WAYLAND_DISPLAY", "/nonexistent/wayland-0", 1);
-    const std::string out = std::string(dir) + "/out", err = std::string(dir) + "/err";
-    const pid_t child =
-        SpawnWithOutputFiles({IRFRAMED_PATH, "--dry-run", "--display", "DP-9"}, out, err);
-    unsetenv("WAYLAND_DISPLAY");
-    ASSERT_GT(child, 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    std::stringstream text;
-    text << std::ifstream(err).rdbuf();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << text.str();
-    EXPECT_THAT(text.str(), HasSubstr("DP-1"));
-    EXPECT_THAT(text.str(), HasSubstr("HDMI-A-1"));
-    std::filesystem::remove_all(dir);
+    const CScratchDir dir("irframe-layout");
+    CChild driver({"/usr/bin/env", "WAYLAND_DISPLAY=/nonexistent/wayland-0", IRFRAMED_PATH,
+                   "--dry-run", "--display", "DP-9"},
+                  dir.Path("out"), dir.Path("err"));
+    EXPECT_EQ(driver.Wait(), 2) << driver.Err();
+    EXPECT_THAT(driver.Err(), HasSubstr("DP-1"));
+    EXPECT_THAT(driver.Err(), HasSubstr("HDMI-A-1"));
 }
 
 }  // namespace

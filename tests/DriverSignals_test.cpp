@@ -177,17 +177,14 @@ TEST_F(DriverSignals, RealTimeReplayThroughALongPause) {
         File("pause.gesture", std::string(kTap) + "wait 10s\n" + kTap);
     CChild realTime = Program({"--no-config", "--dry-run", "--simulate", script, "--realtime"});
     EXPECT_EQ(realTime.Wait(), 0) << realTime.Err();
-    const std::string events = realTime.Out();
+    const Lines events = SplitLines(realTime.Out());
     const auto count = [&](const std::string& type) {
-        size_t n = 0;
-        for (size_t at = events.find(type); at != std::string::npos;
-             at = events.find(type, at + 1)) {
-            ++n;
-        }
-        return n;
+        return std::count_if(events.begin(), events.end(), [&](const std::string& e) {
+            return e.find(type) != std::string::npos;
+        });
     };
-    EXPECT_EQ(count("\"leftMouseDown\""), 2u) << events;
-    EXPECT_EQ(count("\"leftMouseUp\""), 2u) << events;
+    EXPECT_EQ(count("\"leftMouseDown\""), 2) << realTime.Out();
+    EXPECT_EQ(count("\"leftMouseUp\""), 2) << realTime.Out();
     EXPECT_THAT(realTime.Err(), HasSubstr("8 of 8 scripted frames played, closed by the driver"));
     EXPECT_THAT(realTime.Err(), testing::Not(HasSubstr("stopped answering")));
 }

@@ -10,7 +10,7 @@
 
 #include "DeviceListControl.h"
 #include "LoadEvent.h"
-#include "support/MtDevLinkRig.h"
+#include "support/WorkerRig.h"
 
 namespace {
 
@@ -121,13 +121,6 @@ public:
     void ObserveWake(std::function<void()>) override { log.push_back("wake"); }
     std::vector<std::string> log;
     std::function<void()> observer;
-};
-
-class CFixedScreen final : public IScreen {
-public:
-    explicit CFixedScreen(std::optional<TScreenRect> r) : rect(r) {}
-    std::optional<TScreenRect> MainScreenFrame() const override { return rect; }
-    std::optional<TScreenRect> rect;
 };
 
 class LoadEventTest : public testing::Test {
@@ -247,7 +240,8 @@ TEST_F(LoadEventTest, DevicesReachTheirShell) {
 }
 
 // Verify the start-up order of notifications (announce, then listen), the screen size kept
-// truncated, and that a later instance's announcement ends this one in order.
+// truncated (none without a screen), and that a later instance's announcement ends this one in
+// order.
 TEST_F(LoadEventTest, StartUpAndLaterInstance) {
     CFakeNotifications notes;
     CFixedScreen screen(TScreenRect{0, 0, 1366.9, 768.2});
@@ -266,15 +260,13 @@ TEST_F(LoadEventTest, StartUpAndLaterInstance) {
     EXPECT_EQ(notes.log.back(), "stop");
     notes.observer();  // a second announcement while ending: nothing more
     EXPECT_EQ(loop.quits, 1);
-}
 
-TEST_F(LoadEventTest, NoScreenGivesZeroSize) {
-    CFixedScreen screen(std::nullopt);
-    ports.screen = &screen;
-    LoadEvent shell(ports);
-    shell.initVar();
-    EXPECT_EQ(shell.nWidth, 0);
-    EXPECT_EQ(shell.nLength, 0);
+    CFixedScreen none(std::nullopt);
+    ports.screen = &none;
+    LoadEvent unscreened(ports);
+    unscreened.initVar();
+    EXPECT_EQ(unscreened.nWidth, 0);
+    EXPECT_EQ(unscreened.nLength, 0);
 }
 
 TEST(HexStringForChar, FormsByLength) {

@@ -445,7 +445,8 @@ TEST_F(HidController, GetDeviceConfigReadsHeadThenBlock) {
     written->port = 4444;
     written->areas[0].edgeAdjust[1] = -7;
     ASSERT_EQ(Ctl().SetDeviceConfig(written.get()), DE_OK);
-    EXPECT_EQ(Ctl().ProgressTotal(), static_cast<uint32_t>(EncodeDevConfig(written.get(), nullptr)));
+    EXPECT_EQ(Ctl().ProgressTotal(),
+              static_cast<uint32_t>(EncodeDevConfig(written.get(), nullptr)));
     auto back = std::make_unique<_HARDWARE_DEV_CONFIG>();
     ASSERT_EQ(Ctl().GetDeviceConfig(back.get()), DE_OK);
     EXPECT_EQ(back->port, 4444);
@@ -1027,7 +1028,7 @@ TEST_F(BulkController, HiSpeedWriteFaults) {
         {"request refused", {K::RefuseWrite, 0, S::Request}, DE_DEV_FLASH, false, 0},
         {"request ack one byte", {K::ShortReply, 0, S::Request, 0, 1}, DE_DEV_READ, false, 0},
         {"request ack lost", {K::DropReply, 0, S::Request}, DE_DEV_READ, false, 4000},
-        {"request ack late within time-out", {K::LateReply, 0, S::Request, 0, 4000}, DE_OK, true, 0},
+        {"request ack late in time", {K::LateReply, 0, S::Request, 0, 4000}, DE_OK, true, 0},
         {"request ack too late", {K::LateReply, 0, S::Request, 0, 4001}, DE_DEV_READ, false, 4000},
         {"request ack IN stalled once", {K::StallPipe, 0, S::Request, 0, 0, 1}, DE_OK, true, 0},
         {"vanished at request", {K::Vanish, 0, S::Request}, DE_DEV_READ, false, 0},
@@ -1037,7 +1038,7 @@ TEST_F(BulkController, HiSpeedWriteFaults) {
         {"end ack wrong code", {K::WrongCode, 0, S::End}, DE_ERROR, true, 0},
         {"end ack one byte", {K::ShortReply, 0, S::End, 0, 1}, DE_DEV_READ, true, 0},
         {"end ack lost", {K::DropReply, 0, S::End}, DE_DEV_READ, true, 5000},
-        {"end ack late within time-out", {K::LateReply, 0, S::End, 0, 5000}, DE_OK, true, 5000},
+        {"end ack late in time", {K::LateReply, 0, S::End, 0, 5000}, DE_OK, true, 5000},
         {"end ack too late", {K::LateReply, 0, S::End, 0, 5001}, DE_DEV_READ, true, 5000},
         {"vanished at end", {K::Vanish, 0, S::End}, DE_DEV_READ, false, 0},
         {"firmware status 1", {K::FirmwareStatus, 0, S::End, 0, 1}, 1001, false, 0},
@@ -1183,13 +1184,15 @@ TEST_F(BulkController, GetFrameDataRequestAndHead) {
         // The head's 16-bit count wraps: 65546 data bytes claim 10.
         {"head claims less than came", 65535, 65546, std::nullopt, DE_OK, 10},
         {"answer cut", 256, 100, TEmuFault{K::ShortReply, 0, S::Any, 0, 40}, DE_OK, 8},
-        {"answer one byte", 256, 100, TEmuFault{K::ShortReply, 0, S::Any, 0, 1}, DE_BAD_DATA_SIZE, 0},
+        {"answer one byte", 256, 100, TEmuFault{K::ShortReply, 0, S::Any, 0, 1}, DE_BAD_DATA_SIZE,
+         0},
         {"answer lost", 256, 100, TEmuFault{K::DropReply}, DE_DEV_READ, 0},
         {"answer garbage", 256, 100, TEmuFault{K::Garbage}, DE_BAD_VERSION, 0},
         {"answer without mark", 256, 100, TEmuFault{K::WrongCode}, DE_BAD_VERSION, 0},
         {"vanished", 256, 100, TEmuFault{K::Vanish}, DE_DEV_READ, 0},
         {"IN stalled once", 256, 100, TEmuFault{K::StallPipe, 0, S::Any, 0, 0, 1}, DE_OK, 100},
-        {"OUT stalled twice", 256, 100, TEmuFault{K::StallPipe, 0, S::Any, 0, 1, 2}, DE_DEV_WRITE, 0},
+        {"OUT stalled twice", 256, 100, TEmuFault{K::StallPipe, 0, S::Any, 0, 1, 2}, DE_DEV_WRITE,
+         0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -9,15 +9,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include "LinuxConfigChecks.h"
 #include "LiveViewDrawing.h"
 #include "SettingsModel.h"
 #include "TouchSettings.h"
 #include "DevConfigJson.h"
+#include "support/ChildProcess.h"
 #include "support/TwoAreasAndPanel.h"
 
 namespace {
@@ -28,19 +28,12 @@ TFrameEntry Frame(int number = 1) {
     f.state = "running";
     f.logicalWidth = 1600;
     f.logicalHeight = 900;
-    f.rawWidth = 32768;
-    f.rawHeight = 32768;
+    f.rawWidth = f.rawHeight = 32768;
     return f;
 }
 
 TMonitoredContact Contact(uint8_t id, uint16_t rawX, uint16_t rawY, uint8_t group, uint8_t index) {
-    TMonitoredContact c;
-    c.id = id;
-    c.rawX = rawX;
-    c.rawY = rawY;
-    c.cellGroup = group;
-    c.cellIndex = index;
-    return c;
+    return {.id = id, .rawX = rawX, .rawY = rawY, .cellGroup = group, .cellIndex = index};
 }
 
 // Verify the frame keeps its aspect and sits centred, and that raw X is mirrored.
@@ -50,14 +43,12 @@ TEST(SettingsLiveView, FitAndMirror) {
     } cases[] = {{1640, 940, 20, 20, 1600}, {840, 940, 20, 245, 800}, {3240, 940, 820, 20, 1600}};
     for (const auto& c : cases) {
         const TViewFit fit = FitFrame(Frame(), c.w, c.h, 20);
-        EXPECT_DOUBLE_EQ(fit.left, c.left) << c.w;
-        EXPECT_DOUBLE_EQ(fit.top, c.top) << c.w;
-        EXPECT_DOUBLE_EQ(fit.width, c.width) << c.w;
-        EXPECT_DOUBLE_EQ(fit.height, c.width * 900 / 1600) << c.w;
+        EXPECT_EQ(std::tuple(fit.left, fit.top, fit.width, fit.height),
+                  std::tuple(c.left, c.top, c.width, c.width * 900 / 1600))
+            << c.w;
     }
     const TViewPoint p = RawToView(Frame(), 8192, 24576);
-    EXPECT_DOUBLE_EQ(p.x, 0.75);
-    EXPECT_DOUBLE_EQ(p.y, 0.75);
+    EXPECT_EQ(std::pair(p.x, p.y), std::pair(0.75, 0.75));
 }
 
 // Verify where the areas and panels lie, that switched-off or too small ones are left out, and
@@ -158,61 +149,45 @@ TEST(SettingsLiveView, DrawsDotsWhereTheContactsAre) {
 
 class SettingsFiles : public testing::Test {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/settings_model.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-    }
-    void TearDown() override { std::system(("rm -rf " + m_dir).c_str()); }
-    static std::string Read(const std::string& path) {
-        std::ifstream in(path);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-    std::string m_dir;
+    CScratchDir m_scratch{"settings_model"};
+    const std::string m_dir = m_scratch.Dir();
     TConfigChecks m_checks = LinuxConfigChecks();
 };
 
-// Verify that what the window chooses is read back the same from its drop-in, and that what
-// it leaves out stays unset (the files before it hold).
+// Verify that what the window chooses is read back the same from the drop-in it writes, that
+// what it leaves out stays unset (the files before it hold), and that a refused choice leaves
+// the drop-in as it was.
 TEST_F(SettingsFiles, DropInRoundTrip) {
     TTouchChoices all;
     all.gestures = false;
     all.keyProfile = "desktop";
     all.shortcuts[size_t(TGestureShortcut::SwipeLeft)] = "ctrl+alt+left";
     all.shortcuts[size_t(TGestureShortcut::Pinch)] = "none";
+    all.shortcuts[size_t(TGestureShortcut::FourFingerUp)] = "super+up";
     all.touchscreen = true;
     all.screenOutput = "HDMI-1";
     all.tuio = false;
     all.tuioTarget = "host.example:3333";
     TTouchChoices some;
     some.touchscreen = false;
-    for (const TTouchChoices& want : {all, some, TTouchChoices{}}) {
-        TTouchChoices got;
-        got.keyProfile = "x";
-        std::string error;
-        ASSERT_TRUE(TouchChoicesFromToml(TouchChoicesToml(want), "t", m_checks, &got, &error)) << error;
-        EXPECT_EQ(got, want) << TouchChoicesToml(want);
-    }
-}
-
-// Verify the write: only the drop-in changes, a refused choice leaves it as it was.
-TEST_F(SettingsFiles, WritesOnlyItsDropIn) {
     TConfigEnvironment env;
     env.xdgConfigHome = m_dir;
     const std::string path = SettingsDropInPath(env);
     EXPECT_EQ(path, m_dir + "/irframe/irframe.d/50-settings.toml");
-    TTouchChoices choices;
-    choices.shortcuts[size_t(TGestureShortcut::FourFingerUp)] = "super+up";
     std::string error;
-    ASSERT_TRUE(WriteTouchChoices(path, choices, m_checks, &error)) << error;
-    const std::string written = Read(path);
+    for (const TTouchChoices& want : {TTouchChoices{}, some, all}) {
+        ASSERT_TRUE(WriteTouchChoices(path, want, m_checks, &error)) << error;
+        TTouchChoices got;
+        got.keyProfile = "x";
+        ASSERT_TRUE(TouchChoicesFromToml(ReadFile(path), "t", m_checks, &got, &error)) << error;
+        EXPECT_EQ(got, want) << ReadFile(path);
+    }
+    const std::string written = ReadFile(path);
     EXPECT_NE(written.find("four-finger-up = \"super+up\""), std::string::npos) << written;
-    choices.tuioTarget = "not a target";
-    EXPECT_FALSE(WriteTouchChoices(path, choices, m_checks, &error));
+    all.tuioTarget = "not a target";
+    EXPECT_FALSE(WriteTouchChoices(path, all, m_checks, &error));
     EXPECT_NE(error.find("target"), std::string::npos) << error;
-    EXPECT_EQ(Read(path), written);
+    EXPECT_EQ(ReadFile(path), written);
 }
 
 // Verify the chord checks: dangerous chords are told apart and need a confirmation.

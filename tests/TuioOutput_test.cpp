@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <lo/lo.h>
 
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "MtDevLog.h"
+#include "support/MtDevLinkRig.h"
+#include "support/ChildProcess.h"
 
 namespace {
 
@@ -35,6 +38,26 @@ struct Bundle {
     int fseq = -1;
     size_t bytes = 0;
 };
+
+// A bundle in a form a test can spell: "alive 1 2; set 1 x,y vx,vy accel", positions to a
+// thousandth, speeds to a hundredth, the acceleration whole.
+std::string Text(const Bundle& b) {
+    std::string text = "alive";
+    for (int id : b.alive) text += " " + std::to_string(id);
+    for (const Set& s : b.sets) {
+        char set[96];
+        std::snprintf(set, sizeof set, "; set %d %.3f,%.3f %.2f,%.2f %.0f", s.session, s.x, s.y,
+                      s.vx, s.vy, s.accel);
+        text += set;
+    }
+    return text;
+}
+
+std::vector<std::string> Texts(const std::vector<Bundle>& bundles) {
+    std::vector<std::string> texts;
+    for (const Bundle& b : bundles) texts.push_back(Text(b));
+    return texts;
+}
 
 // Decodes /tuio/2Dcur bundles with liblo's dispatcher; also receives them from the network.
 class Receiver {
@@ -97,7 +120,6 @@ private:
 // Stands in for the network: keeps every datagram per target.
 struct Network {
     std::map<std::string, std::vector<std::vector<uint8_t>>> sent;
-    bool loopback = true;
 
     TTuioSocketFactory Factory() {
         return [this](const TTuioTarget& target, std::string* error) -> std::unique_ptr<ITuioSocket> {
@@ -121,7 +143,7 @@ private:
             network->sent[target].emplace_back(bytes.begin(), bytes.end());
             return true;
         }
-        bool Loopback() const override { return network->loopback; }
+        bool Loopback() const override { return true; }
         Network* network;
         std::string target;
     };
@@ -165,13 +187,6 @@ std::unique_ptr<_HARDWARE_DEV_CONFIG> Config(std::initializer_list<_HCRECT_CONFI
 
 class TuioOutputTest : public testing::Test {
 protected:
-    TuioOutputTest() {
-        m_oldSink = TSetLogSink([this](TLogChannel, std::string_view line) {
-            log.emplace_back(line);
-        });
-    }
-    ~TuioOutputTest() override { TSetLogSink(m_oldSink); }
-
     CTuioOutput& Start(const _HARDWARE_DEV_CONFIG* config, int device = 1) {
         outputs.push_back(
             std::make_unique<CTuioOutput>(settings, sessions, network.Factory(), "test"));
@@ -199,20 +214,18 @@ protected:
         output.OnContacts(frame);
     }
 
-    int Warnings(const std::string& text) const {
-        int n = 0;
-        for (const auto& line : log) n += line.find(text) != std::string::npos;
-        return n;
+    // Every line logged, each once, in any order.
+    void ExpectLogged(const std::vector<std::string>& parts) const {
+        std::vector<testing::Matcher<std::string>> each;
+        for (const std::string& part : parts) each.push_back(HasSubstr(part));
+        EXPECT_THAT(log.Lines(TLogChannel::System), testing::UnorderedElementsAreArray(each));
     }
 
+    CLogCapture log;
     TTuioSettings settings;
     std::atomic<int32_t> sessions{0};
     Network network;
     std::vector<std::unique_ptr<CTuioOutput>> outputs;
-    std::vector<std::string> log;
-
-private:
-    TLogSink m_oldSink;
 };
 
 // --- targets --------------------------------------------------------------------------------
@@ -337,26 +350,16 @@ TEST_F(TuioOutputTest, ATouchFromDownToLift) {
     output.OnFrameEnd(1);
 
     const auto b = network.Bundles("127.0.0.1:3333");
-    ASSERT_EQ(b.size(), 6u);  // start, down, move, rest, lift, end
+    // The start; the touch at the middle; the move, 0.01 of the width in 10 ms: 1 width per
+    // second; at rest the speed drops to 0 in 10 ms, one more set says so; the lift; the end.
+    EXPECT_THAT(Texts(b), ElementsAre("alive", "alive 1; set 1 0.500,0.500 0.00,0.00 0",
+                                      "alive 1; set 1 0.510,0.500 1.00,0.00 100",
+                                      "alive 1; set 1 0.510,0.500 0.00,0.00 -100", "alive",
+                                      "alive"));
     for (size_t i = 0; i < b.size(); ++i) {
         EXPECT_EQ(b[i].source, "irframe-1@test");
         EXPECT_EQ(b[i].fseq, static_cast<int>(i + 1));
     }
-    EXPECT_THAT(b[0].alive, IsEmpty());
-    ASSERT_THAT(b[1].alive, ElementsAre(1));
-    ASSERT_EQ(b[1].sets.size(), 1u);
-    EXPECT_NEAR(b[1].sets[0].x, 0.5, 0.001);
-    EXPECT_EQ(b[1].sets[0].vx, 0.0f);
-    // The move: 0.01 of the width in 10 ms is 1 width per second.
-    ASSERT_EQ(b[2].sets.size(), 1u);
-    EXPECT_NEAR(b[2].sets[0].vx, 1.0, 0.02);
-    EXPECT_NEAR(b[2].sets[0].vy, 0.0, 1e-6);
-    EXPECT_NEAR(b[2].sets[0].accel, 100.0, 2.0);
-    // At rest the speed drops to 0: one more set says so.
-    ASSERT_EQ(b[3].sets.size(), 1u);
-    EXPECT_EQ(b[3].sets[0].vx, 0.0f);
-    EXPECT_THAT(b[4].alive, IsEmpty());
-    EXPECT_THAT(b[5].alive, IsEmpty());
 }
 
 TEST_F(TuioOutputTest, SessionIdsAreUniqueAcrossFramesAndTouches) {
@@ -392,11 +395,8 @@ TEST_F(TuioOutputTest, ContactsThatAreNotCursorsAreNotSent) {
     Feed(output, 0, {{1, kContactDown, 8192, 4096},      // on the panel
                      {2, kContactDown, 30000, 16384},    // outside every area
                      {3, kContactDown, 8192, 16384}});  // in the area
-    const auto b = network.Bundles("127.0.0.1:4000");
-    ASSERT_EQ(b.size(), 2u);
-    EXPECT_EQ(b[1].alive.size(), 1u);
-    ASSERT_EQ(b[1].sets.size(), 1u);
-    EXPECT_NEAR(b[1].sets[0].y, 0.5, 0.002);
+    EXPECT_THAT(Texts(network.Bundles("127.0.0.1:4000")),
+                ElementsAre("alive", "alive 1; set 1 0.500,0.500 0.00,0.00 0"));
 }
 
 TEST_F(TuioOutputTest, ABigUpdateIsSplitWithAliveInEachPart) {
@@ -453,11 +453,10 @@ TEST_F(TuioOutputTest, AnAreaWithoutAUsableTargetIsWarnedOnceAndTheOthersGoOn) {
     for (int64_t t = 0; t < 100'000; t += 10'000) {
         Feed(output, t, {{1, kContactMoving, 5000, 16384}, {2, kContactMoving, 27000, 16384}});
     }
-    EXPECT_EQ(Warnings("area 0: the frame gives no target (127.0.0.1:0)"), 1);
-    EXPECT_EQ(Warnings("area 2: cannot send to unresolvable:3333"), 1);
-    EXPECT_EQ(Warnings("area 3: the frame's target 10.0.0.1:4003 is not on this machine"), 1);
-    EXPECT_EQ(Warnings("area 4: TUIO target \"unresolvable\": the port must be"), 1);
-    EXPECT_EQ(log.size(), 4u);
+    ExpectLogged({"area 0: the frame gives no target (127.0.0.1:0)",
+                  "area 2: cannot send to unresolvable:3333",
+                  "area 3: the frame's target 10.0.0.1:4003 is not on this machine",
+                  "area 4: TUIO target \"unresolvable\": the port must be"});
     std::vector<std::string> targets;
     for (const auto& t : output.Targets()) targets.push_back(FormatTuioTarget(t));
     EXPECT_THAT(targets, ElementsAre("127.0.0.1:4001"));
@@ -476,36 +475,56 @@ TEST_F(TuioOutputTest, AFailureInsideStopsTheOutputWithoutThrowing) {
     EXPECT_NO_THROW(output.OnFrameReady(source));
     EXPECT_NO_THROW(Feed(output, 0, {{1, kContactDown, 100, 100}}));
     EXPECT_NO_THROW(output.OnFrameEnd(3));
-    EXPECT_EQ(Warnings("frame 3 (test frame): TUIO output stopped: no sockets today"), 1);
+    ExpectLogged({"frame 3 (test frame): TUIO output stopped: no sockets today"});
 }
 
-// --- through real sockets -------------------------------------------------------------------
+// --- from the driver, through a real socket -------------------------------------------------
 
-TEST_F(TuioOutputTest, TwoAreasSendToTwoPorts) {
-    Receiver left, right;
-    settings.areaTargets[0] = "127.0.0.1:" + std::to_string(left.Port());
-    settings.areaTargets[1] = "127.0.0.1:" + std::to_string(right.Port());
-    CTuioOutput output(settings, sessions, OpenTuioUdpSocket, "test");
-    const auto config = Config({Area(8192, 8192, 4000), Area(24576, 8192, 4001)});
-    TContactSource source;
-    source.device = 1;
-    source.config = config.get();
-    source.geometry = &kGeometry;
-    output.OnFrameReady(source);
-    Feed(output, 0, {{1, kContactDown, 8192, 16384}, {2, kContactDown, 24576, 8192}});
-    output.OnFrameEnd(1);
-    left.Drain();
-    right.Drain();
+// Verify that irframed --tuio sends a script's touch as one cursor that a receiver of its own
+// reads, where the script put the finger and at its speed, and leaves the events unchanged.
+TEST(TuioFromTheDriver, SendsTheTouchAsACursor) {
+    CScratchDir scratch("tuio_driver");
+    // 30 frames 10 ms apart (virtual clock) from (8000, 8000) to (14000, 12000) of 32767.
+    const std::string drag = scratch.File(
+        "drag", "rate 100\ndown 1 8000 8000\nmove 1 14000 12000 in 30\nup 1\nhold 1\n");
+    Receiver receiver;
+    const auto run = [&](const std::vector<std::string>& tuio) {
+        std::vector<std::string> argv{IRFRAMED_PATH, "-vv", "--no-config", "--dry-run", "--output",
+                                      scratch.Path("out.json"), "--simulate", drag};
+        argv.insert(argv.end(), tuio.begin(), tuio.end());
+        CChild driver(argv, scratch.Path("stdout"), scratch.Path("stderr"));
+        EXPECT_EQ(driver.Wait(), 0) << driver.Err();
+        EXPECT_THAT(driver.Err(), testing::Not(HasSubstr("TUIO")));  // nothing to warn about
+        return ReadFile(scratch.Path("out.json"));
+    };
+    const std::string plain = run({});
+    EXPECT_FALSE(plain.empty());
+    EXPECT_EQ(run({"--tuio", "127.0.0.1:" + std::to_string(receiver.Port())}), plain);
+    receiver.Drain();
 
-    ASSERT_EQ(left.bundles.size(), 3u);
-    ASSERT_EQ(right.bundles.size(), 3u);
-    ASSERT_EQ(left.bundles[1].sets.size(), 1u);
-    ASSERT_EQ(right.bundles[1].sets.size(), 1u);
-    EXPECT_NEAR(left.bundles[1].sets[0].y, 0.5, 0.002);
-    EXPECT_NEAR(right.bundles[1].sets[0].y, 0.25, 0.002);
-    EXPECT_NE(left.bundles[1].sets[0].session, right.bundles[1].sets[0].session);
-    EXPECT_THAT(left.bundles[2].alive, IsEmpty());
-    EXPECT_THAT(right.bundles[2].alive, IsEmpty());
+    const std::vector<Bundle>& bundles = receiver.bundles;
+    ASSERT_GE(bundles.size(), 4u);
+    EXPECT_THAT(bundles.front().alive, IsEmpty());  // the start
+    EXPECT_THAT(bundles.back().alive, IsEmpty());   // after the lift
+    std::vector<Set> sets;
+    for (size_t i = 0; i < bundles.size(); ++i) {
+        EXPECT_THAT(bundles[i].source, testing::StartsWith("irframe-1@"));
+        EXPECT_EQ(bundles[i].fseq, static_cast<int>(i + 1));
+        sets.insert(sets.end(), bundles[i].sets.begin(), bundles[i].sets.end());
+    }
+    ASSERT_GE(sets.size(), 30u);  // a set for every frame that moved
+    for (const Set& set : sets) {
+        EXPECT_EQ(set.session, sets.front().session);  // one cursor throughout
+        EXPECT_TRUE(set.x >= 0 && set.x <= 1 && set.y >= 0 && set.y <= 1) << set.x << "," << set.y;
+    }
+    // Fractions of the frame where the script put the finger, and its speed in frame widths
+    // and heights per second of frame time: 6000/32767 in 0.3 s, 4000/32767 in 0.3 s.
+    EXPECT_NEAR(sets.front().x, 8000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets.front().y, 8000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets.back().x, 14000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets.back().y, 12000.0 / 32767, 0.01);
+    EXPECT_NEAR(sets[sets.size() / 2].vx, 6000.0 / 32767 / 0.3, 0.05);
+    EXPECT_NEAR(sets[sets.size() / 2].vy, 4000.0 / 32767 / 0.3, 0.05);
 }
 
 }  // namespace

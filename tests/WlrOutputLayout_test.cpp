@@ -13,20 +13,14 @@ namespace {
 // The compositor's space: modes turned a quarter swap their sides, scales divide them;
 // disabled heads and heads without a mode take no place.
 TEST(WlrOutputLayout, HeadsInTheCompositorsSpace) {
-    std::vector<TWlrHead> heads(4);
-    heads[0] = {"DP-1", true, 0, 0, 2560, 1440, 0, 2.0, 597, 336};
-    heads[1] = {"HDMI-A-1", true, 1280, 0, 1920, 1080, 1, 1.0, 0, 0};  // 90 degrees
-    heads[2] = {"DP-2", false, 0, 0, 1920, 1080, 0, 1.0, 0, 0};
-    heads[3] = {"WL-1", true, 0, 0, 0, 0, 0, 1.0, 0, 0};
-    const TXrandrDesktop layout = LayoutOfHeads(heads);
-    ASSERT_EQ(layout.outputs.size(), 2u);
-    EXPECT_EQ(layout.outputs[0].name, "DP-1");
-    EXPECT_EQ(layout.outputs[0].rect, (TScreenRect{0, 0, 1280, 720}));
-    EXPECT_EQ(layout.outputs[0].widthMm, 597);
-    EXPECT_EQ(layout.outputs[1].rect, (TScreenRect{1280, 0, 1080, 1920}));
-    EXPECT_EQ(layout.width, 2360);
-    EXPECT_EQ(layout.height, 1920);
-    EXPECT_EQ(layout.origin, "compositor");
+    const std::vector<TWlrHead> heads = {
+        {"DP-1", true, 0, 0, 2560, 1440, 0, 2.0, 597, 336},
+        {"HDMI-A-1", true, 1280, 0, 1920, 1080, 1, 1.0, 0, 0},  // 90 degrees
+        {"DP-2", false, 0, 0, 1920, 1080, 0, 1.0, 0, 0},
+        {"WL-1", true, 0, 0, 0, 0, 0, 1.0, 0, 0},
+    };
+    EXPECT_EQ(LayoutText(LayoutOfHeads(heads)),
+              "compositor: DP-1 0,0 1280x720 597x336mm HDMI-A-1 1280,0 1080x1920 in 2360x1920");
 }
 
 // The heads read through wlr-output-management are sway's own outputs, and every enabled head

@@ -150,8 +150,10 @@ unsigned int test(void* arg) {
                               {geometry.logicalWidth, geometry.logicalHeight, geometry.rawWidth,
                                geometry.rawHeight},
                               *config);
-    pDev->frame.SetState(number, TFrameState::Running);
+    // Requests are taken before the frame is announced running: a tool that waits for
+    // "running" may ask at once.
     pDev->frame.OpenForRequests();
+    pDev->frame.SetState(number, TFrameState::Running);
     TRequestScope requests{pDev};
     // A configuration the frame took from a tool is what it calibrates with from now on.
     const auto reconfigure = [&](const _HARDWARE_DEV_CONFIG& written) {

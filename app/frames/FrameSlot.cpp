@@ -112,8 +112,11 @@ void CFrameSlot::Close(int number, bool gone, const char* why) {
 bool CFrameSlot::Accept(TFrameRequest request, IDriverControl::TDone done, std::string* why) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_accepting) {
-        *why = std::string("the frame is ") + FrameStateName(m_state) +
-               "; requests are carried out while it runs";
+        // A running frame that takes no request is ending: its worker has closed the slot.
+        *why = m_state == TFrameState::Running
+                   ? std::string("the frame is ending and takes no more requests")
+                   : std::string("the frame is ") + FrameStateName(m_state) +
+                         "; requests are carried out while it runs";
         return false;
     }
     m_pending = std::move(request);

@@ -67,13 +67,10 @@ private:
 };
 
 // A HID device that passes everything to another one and notes the time-out of every wait, so
-// a test sees which time-out each read used without timing anything.
-//
-// Given the emulated frame's link, a wait does not run on the time-out it was asked for: it
-// ends as soon as the frame has dealt with every report written to it and its replies are read,
-// so a reply that does come is never missed however slowly the frame's thread runs, and a
-// reply that never comes (a dropped one) costs no time. A generous bound stays, so a fault
-// fails a test instead of hanging it.
+// a test sees which time-out each read used without timing anything. Given the emulated frame's
+// link, a wait ends as soon as the frame has dealt with every report written and its replies
+// are read: a reply that comes is never missed however slow the frame's thread, one that never
+// comes costs no time. A generous bound stays, so a fault fails a test instead of hanging it.
 class CWaitRecordingHidDevice final : public CMtHidDevice {
 public:
     static constexpr unsigned kSliceMs = 5;

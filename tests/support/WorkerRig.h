@@ -32,11 +32,12 @@ private:
     TVirtualClock m_inner{1'000'000'000};
 };
 
+// A screen of a fixed size, or none.
 class CFixedScreen final : public IScreen {
 public:
-    std::optional<TScreenRect> MainScreenFrame() const override {
-        return TScreenRect{0, 0, 1920, 1080};
-    }
+    explicit CFixedScreen(std::optional<TScreenRect> r = TScreenRect{0, 0, 1920, 1080}) : rect(r) {}
+    std::optional<TScreenRect> MainScreenFrame() const override { return rect; }
+    std::optional<TScreenRect> rect;
 };
 
 struct TWorkerRig {
@@ -94,6 +95,12 @@ struct TWorkerRig {
                                       [this](TFrameResult r) { results.push_back(std::move(r)); },
                                       &why))
             << why;
+    }
+    // At poll `at`, `request` handed to the frame as the main thread would.
+    void SubmitAt(uint64_t at, TFrameRequest request) {
+        Then([this, at, request = std::move(request)](uint64_t n) {
+            if (n == at) Submit(request);
+        });
     }
     void FailNext(uint8_t command, int count, int skip = 0) {
         // Each fault counts the skipped messages itself, so the failures come in a row.
