@@ -161,11 +161,8 @@ TEST(CalibrationToolSession, NamesTheAreasASaveSwitchesBackOn) {
         std::vector<int> back;
     } cases[] = {{true, 1, {}}, {false, 1, {2}}, {false, 2, {1}}, {false, 4, {1, 2}}};
     for (const auto& c : cases) {
-        if (c.areasOn) {
-            config->flags |= DEV_FLAG_AREAS_ENABLED;
-        } else {
-            config->flags &= ~DEV_FLAG_AREAS_ENABLED;
-        }
+        config->flags = c.areasOn ? config->flags | DEV_FLAG_AREAS_ENABLED
+                                  : config->flags & ~DEV_FLAG_AREAS_ENABLED;
         EXPECT_EQ(AreasBackInUse(*config, c.number), c.back) << c.areasOn << " " << c.number;
         EXPECT_NE(ConfigWithArea(*config, 1, config->areas[0]).flags & DEV_FLAG_AREAS_ENABLED, 0u);
     }

@@ -180,6 +180,35 @@ INSTANTIATE_TEST_SUITE_P(
                                  "frame 1 stopped answering during the request"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Verify that a tool told that the frame runs may ask at once: the frame takes requests before
+// it is announced running.
+TEST(FrameRequests, TakenAsSoonAsTheFrameIsRunning) {
+    TWorkerRig rig;
+    struct TAskWhenRunning final : IDriverEvents {
+        explicit TAskWhenRunning(TWorkerRig& r) : rig(r) {}
+        void OnFrameAdded(int) override {}
+        void OnFrameRemoved(int) override {}
+        void OnFrameChanged(int) override {
+            if (asked || rig.node.frame.State() != TFrameState::Running) return;
+            asked = true;
+            const auto done = [this](TFrameResult r) { rig.results.push_back(std::move(r)); };
+            rig.node.frame.Accept(TFrameRequest{}, done, &refusal);
+        }
+        TWorkerRig& rig;
+        bool asked = false;
+        std::string refusal;
+    } asker(rig);
+    // Without a main loop the change is heard on the worker, the moment it is made.
+    CShellState shell(rig.ports);
+    shell.SetEvents(&asker);
+    rig.node.frame.shell = &shell;
+    rig.UnplugAt(3);
+    rig.Run();
+    EXPECT_EQ(asker.refusal, "");
+    ASSERT_EQ(rig.results.size(), 1u);
+    EXPECT_EQ(rig.results[0].outcome, TFrameOutcome::Done) << rig.results[0].message;
+}
+
 // Verify that the writes reach the frame as they are.
 TEST(FrameRequests, WritesOnTheController) {
     THidRig rig;

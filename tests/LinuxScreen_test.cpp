@@ -118,17 +118,15 @@ TEST(LinuxScreen, ChoosesTheScreen) {
 
 // Verify the touchscreen's matrix: [w/W 0 x/W; 0 h/H y/H] of the output within the desktop.
 TEST(LinuxScreen, LibinputCalibrationLine) {
-    const std::pair<TDisplayGeometry, const char*> cases[] = {
-        {{{1920, 0, 2560, 1440}, 4480, 1440, ""},
-         "ENV{LIBINPUT_CALIBRATION_MATRIX}=\"0.571429 0 0.428571 0 1 0\""},
-        {{{0, 0, 1920, 1080}, 4480, 1440, ""},
-         "ENV{LIBINPUT_CALIBRATION_MATRIX}=\"0.428571 0 0 0 0.75 0\""},
-        {{{0, 1080, 1920, 1080}, 1920, 2160, ""},
-         "ENV{LIBINPUT_CALIBRATION_MATRIX}=\"1 0 0 0 0.5 0.5\""},
+    const std::pair<TDisplayGeometry, std::string> cases[] = {
+        {{{1920, 0, 2560, 1440}, 4480, 1440, ""}, "0.571429 0 0.428571 0 1 0"},
+        {{{0, 0, 1920, 1080}, 4480, 1440, ""}, "0.428571 0 0 0 0.75 0"},
+        {{{0, 1080, 1920, 1080}, 1920, 2160, ""}, "1 0 0 0 0.5 0.5"},
         {{{0, 0, 0, 0}, 0, 1080, ""}, ""},
     };
-    for (const auto& [geometry, line] : cases) {
-        EXPECT_EQ(LibinputCalibrationLine(geometry), line);
+    for (const auto& [geometry, matrix] : cases) {
+        EXPECT_EQ(LibinputCalibrationLine(geometry),
+                  matrix.empty() ? "" : "ENV{LIBINPUT_CALIBRATION_MATRIX}=\"" + matrix + "\"");
     }
 }
 

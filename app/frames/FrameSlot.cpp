@@ -31,6 +31,7 @@ void CFrameSlot::SetConfigured(int number, const TFrameGeometry& geometry,
 void CFrameSlot::OpenForRequests() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_accepting = true;
+    m_closed = false;
 }
 
 void CFrameSlot::Changed(int number) const {
@@ -87,6 +88,7 @@ void CFrameSlot::Close(int number, bool gone, const char* why) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_accepting = false;
+        m_closed = true;
         pending.swap(m_pending);
         m_hasRequest.store(false);
     }
@@ -112,9 +114,8 @@ void CFrameSlot::Close(int number, bool gone, const char* why) {
 bool CFrameSlot::Accept(TFrameRequest request, IDriverControl::TDone done, std::string* why) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_accepting) {
-        // A running frame that takes no request is ending: its worker has closed the slot.
-        *why = m_state == TFrameState::Running
-                   ? std::string("the frame is ending and takes no more requests")
+        // Closed by its ending worker while the frame still reads as running.
+        *why = m_closed ? std::string("the frame is ending and takes no more requests")
                    : std::string("the frame is ") + FrameStateName(m_state) +
                          "; requests are carried out while it runs";
         return false;

@@ -70,6 +70,7 @@ private:
     TFrameGeometry m_geometry;
     std::string m_summary;
     bool m_accepting = false;
+    bool m_closed = false;  // by the worker as it ended
     std::optional<TFrameRequest> m_pending;
     std::atomic<bool> m_hasRequest{false};
     std::atomic<bool> m_cancelled{false};
