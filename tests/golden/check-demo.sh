@@ -11,7 +11,19 @@ here=$(cd "$(dirname "$0")" && pwd)
 driver=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-"$here/../../examples/demo.sh" "$driver" --no-config >"$work/out" 2>"$work/err"
+exec 3>&2  # this script's own messages, while the driver's go to files
+# The demo ends by itself in seconds; a frame never served would hold it: fail, don't hang.
+demo() {
+  local rc=0
+  timeout --kill-after=10 120 "$here/../../examples/demo.sh" "$driver" --no-config "$@" || rc=$?
+  if [ "$rc" -eq 124 ] || [ "$rc" -eq 137 ]; then
+    echo "golden: the demo did not end within 120 s (a frame that was never served, or a hang)" >&3
+  elif [ "$rc" -ne 0 ]; then
+    echo "golden: the demo ended with status $rc" >&3
+  fi
+  return "$rc"
+}
+demo >"$work/out" 2>"$work/err"
 # Each frame has a worker thread of its own, so on a busy machine one frame's lines may come
 # between another's: compare each frame's lines in their order (the golden file lists the
 # frames one after another), and the whole file as it came only when asked to.
@@ -43,7 +55,7 @@ if [ "$logged" -gt $((3 * frames)) ]; then
   cat "$work/err" >&2
   exit 1
 fi
-"$here/../../examples/demo.sh" "$driver" --no-config -vv >/dev/null 2>"$work/trace"
+demo -vv >/dev/null 2>"$work/trace"
 missing=$(comm -23 <(sort "$here/demo-trace.txt") <(sort "$work/trace") | head -n 5)
 if [ -n "$missing" ]; then
   printf 'golden: trace lines missing with -vv, e.g.:\n%s\n' "$missing" >&2
