@@ -7,7 +7,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev           # unit tests, benchmarks
   clang-14 libclang-rt-14-dev                          # libFuzzer + sanitizers for fuzzing
   qemu-system-x86 busybox-static cpio                  # the real-kernel end-to-end test
-  libinput-tools evemu-tools liblo-tools dbus-daemon   # clients the end-to-end tests drive
+  libinput-tools evemu-tools dbus-daemon               # clients the end-to-end tests drive
   udev                                                 # udevd in the guest: tags touchscreens
   lintian man-db systemd                               # the package check: lint, man -l, verify
   ccache                                               # the four builds of one tree share objects

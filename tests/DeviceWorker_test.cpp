@@ -52,18 +52,18 @@ TEST(Worker, UnplugAndOrderlyStopWithTheButtonHeld) {
     for (const bool unplug : {true, false}) {
         SCOPED_TRACE(unplug ? "unplugged" : "stopped");
         TWorkerRig rig;
-        // One finger down and resting long enough to press the left button.
+        // One finger down, resting long enough to press the left button, and still down when
+        // the worker ends.
         rig.emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 0, 8000, 8000}}));
-        for (int i = 0; i < 12; ++i) {
+        for (int i = 0; i < 30; ++i) {
             rig.emulator.QueueFrame(EmuCompactFrame(16384, 16384, {{1, 1, 8000, 8000}}));
         }
         unplug ? rig.UnplugAt(14) : rig.StopAt(14);
         const std::vector<TInputEvent> events = rig.Run();
         ASSERT_FALSE(events.empty());
         EXPECT_EQ(events.front().type, TInputEventType::LeftMouseDown);
-        if (!unplug) {
-            EXPECT_EQ(events.back().type, TInputEventType::LeftMouseUp);
-        }
+        // Released without a position: the pointer stays where the finger left it.
+        EXPECT_EQ(events.back().type, TInputEventType::LeftMouseUp);
         EXPECT_EQ(rig.CloseCommands(), unplug ? 0 : 1);
         EXPECT_FALSE(rig.port.IsOpen());
         EXPECT_TRUE(rig.Logged("THREAD QUIT"));
