@@ -28,7 +28,7 @@ TEST(HidIdParse, ParsesOrRejects) {
         {"0003:0000AAEC:", std::nullopt},
         {"0x03:0000AAEC:0000C020", std::nullopt},
         {"0003:0000AAEC:0000C02G", std::nullopt},
-        {"0003:100000AAEC:0000C020", std::nullopt},  // nine digits
+        {"0003:10000AAEC:0000C020", std::nullopt},  // nine digits
         {"0003:0000AAEC:0000C020\n", std::nullopt},
         {" 0003:0000AAEC:0000C020", std::nullopt},
         {"-003:0000AAEC:0000C020", std::nullopt},
