@@ -431,6 +431,12 @@ TEST_F(CalibrateSystemTest, WithoutAreasEveryForm) {
     EXPECT_EQ(Xy(frame[0]), std::make_pair(32767 - 16383, 16383));
     EXPECT_EQ(Xy(frame[1]), std::make_pair(1, 32766));
     EXPECT_EQ(std::make_pair(frame[0].width, frame[0].height), std::make_pair(32767, 32767));
+    const _CS_CONFIG wide{8191, 8191, 2, 1};  // each size by its own axis
+    ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &wide));
+    for (const bool tuio : {false, true}) {
+        tuio ? cal.GetTuioCoords(frame.get()) : Run(frame);
+        EXPECT_EQ(std::make_pair(frame[0].width, frame[0].height), std::make_pair(16383, 32767));
+    }
 
     const _CS_CONFIG huge{1, 1, 32767, 32767};  // edge = 491505: products wrap
     ASSERT_TRUE(cal.InitCalibrateSys(nullptr, &huge));
