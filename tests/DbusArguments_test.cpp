@@ -21,7 +21,8 @@ TEST(DbusArguments, ScanPatternBoundsAndAnnouncedLength) {
         const char* refusal;  // empty: accepted
     } cases[] = {
         {6, 6, ""}, {0x200000, 0x200000, ""}, {0x200001, 0x200001, "at most 2097152 bytes"},
-        {70, 71, "announces 71 bytes"}, {5, 5, "at least 6 bytes, got 5"},
+        {70, 71, "announces 71 bytes"}, {70, 69, "announces 69 bytes"},
+        {5, 5, "at least 6 bytes, got 5"},
     };
     for (const auto& c : cases) {
         std::vector<uint8_t> p(c.size, 0x11);  // bytes 2..5 announce its length
