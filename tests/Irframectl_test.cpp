@@ -518,13 +518,14 @@ TEST_F(IrframectlBus, NoDriverOrOneThatNeverAnswers) {
 
 class IrframectlDriver : public IrframectlBus {
 protected:
-    // Starts irframed with `args` (and --dry-run into a file); false when it does not serve
-    // its frame on the bus.
+    // Starts irframed with `args` (and --dry-run into a file); false when its frame does not
+    // come to run on the bus (before, requests are refused).
     bool StartDriver(Lines args) {
         args.insert(args.end(), {"--dry-run", "--output", Path("driver.json")});
         m_driver = std::make_unique<CChild>(Start(IRFRAMED_PATH, args));
-        return m_driver->WaitForErr("frame 1 found") &&
-               WaitUntil([this] { return Tool({"--bus", "list"}).status == 0; });
+        return m_driver->WaitForErr("frame 1 found") && WaitUntil([this] {
+                   return Tool({"--bus", "list"}).out.find(" running ") != std::string::npos;
+               });
     }
     void TearDown() override {
         if (m_driver) {
