@@ -180,33 +180,46 @@ INSTANTIATE_TEST_SUITE_P(
                                  "frame 1 stopped answering during the request"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// Verify that a tool told that the frame runs may ask at once: the frame takes requests before
-// it is announced running.
-TEST(FrameRequests, TakenAsSoonAsTheFrameIsRunning) {
-    TWorkerRig rig;
-    struct TAskWhenRunning final : IDriverEvents {
-        explicit TAskWhenRunning(TWorkerRig& r) : rig(r) {}
-        void OnFrameAdded(int) override {}
-        void OnFrameRemoved(int) override {}
-        void OnFrameChanged(int) override {
-            if (asked || rig.node.frame.State() != TFrameState::Running) return;
-            asked = true;
-            const auto done = [this](TFrameResult r) { rig.results.push_back(std::move(r)); };
-            rig.node.frame.Accept(TFrameRequest{}, done, &refusal);
-        }
-        TWorkerRig& rig;
-        bool asked = false;
-        std::string refusal;
-    } asker(rig);
-    // Without a main loop the change is heard on the worker, the moment it is made.
-    CShellState shell(rig.ports);
-    shell.SetEvents(&asker);
-    rig.node.frame.shell = &shell;
-    rig.UnplugAt(3);
-    rig.Run();
-    EXPECT_EQ(asker.refusal, "");
-    ASSERT_EQ(rig.results.size(), 1u);
-    EXPECT_EQ(rig.results[0].outcome, TFrameOutcome::Done) << rig.results[0].message;
+// Verify that a tool may ask as soon as it hears the frame is being configured or runs: the
+// request waits for the first poll, or is answered when the frame never comes to run.
+TEST(FrameRequests, TakenFromTheMomentTheFrameIsConfigured) {
+    struct TCase {
+        TFrameState askAt;
+        int failedConfigReads;
+        TFrameOutcome outcome;
+    };
+    for (const TCase& c : {TCase{TFrameState::Configuring, 0, TFrameOutcome::Done},
+                           TCase{TFrameState::Running, 0, TFrameOutcome::Done},
+                           TCase{TFrameState::Configuring, 10, TFrameOutcome::Failed}}) {
+        SCOPED_TRACE(FrameStateName(c.askAt) + std::string(" ") +
+                     std::to_string(c.failedConfigReads));
+        TWorkerRig rig;
+        struct TAskOnce final : IDriverEvents {
+            TAskOnce(TWorkerRig& r, TFrameState s) : rig(r), askAt(s) {}
+            void OnFrameAdded(int) override {}
+            void OnFrameRemoved(int) override {}
+            void OnFrameChanged(int) override {
+                if (asked || rig.node.frame.State() != askAt) return;
+                asked = true;
+                const auto done = [this](TFrameResult r) { rig.results.push_back(std::move(r)); };
+                rig.node.frame.Accept(TFrameRequest{}, done, &refusal);
+            }
+            TWorkerRig& rig;
+            const TFrameState askAt;
+            bool asked = false;
+            std::string refusal;
+        } asker(rig, c.askAt);
+        // Without a main loop the change is heard on the worker, the moment it is made.
+        CShellState shell(rig.ports);
+        shell.SetEvents(&asker);
+        rig.node.frame.shell = &shell;
+        rig.FailNext(MTDEV_CMD_DEV_CONFIG, c.failedConfigReads);
+        rig.UnplugAt(3);
+        rig.Run();
+        EXPECT_EQ(asker.refusal, "");
+        ASSERT_EQ(rig.results.size(), 1u);
+        EXPECT_EQ(rig.results[0].outcome, c.outcome) << rig.results[0].message;
+    }
 }
 
 // Verify that the writes reach the frame as they are.

@@ -65,6 +65,10 @@ unsigned int test(void* arg) {
         pDev->controller.CloseDevice(0);
         return EndFailed(pDev);
     }
+    // A tool may ask as soon as the frame is open: its request waits for the first poll, and
+    // a worker that ends before then answers it.
+    pDev->frame.OpenForRequests();
+    TRequestScope requests{pDev};
     pDev->frame.SetState(pDev->deviceNumber, TFrameState::Configuring);
 
     TLogSystem("STEP 1");
@@ -150,11 +154,7 @@ unsigned int test(void* arg) {
                               {geometry.logicalWidth, geometry.logicalHeight, geometry.rawWidth,
                                geometry.rawHeight},
                               *config);
-    // Requests are taken before the frame is announced running: a tool that waits for
-    // "running" may ask at once.
-    pDev->frame.OpenForRequests();
     pDev->frame.SetState(number, TFrameState::Running);
-    TRequestScope requests{pDev};
     // A configuration the frame took from a tool is what it calibrates with from now on.
     const auto reconfigure = [&](const _HARDWARE_DEV_CONFIG& written) {
         *config = written;
