@@ -26,7 +26,7 @@ std::string HelpText() {
 
 std::string ManPage() {
     const std::filesystem::path page =
-        std::filesystem::path(__FILE__).parent_path().parent_path() / "packaging/man/irframed.1.scd";
+        std::filesystem::path(IRFRAME_SOURCE_DIR) / "packaging/man/irframed.1.scd";
     std::ifstream in(page);
     return {std::istreambuf_iterator<char>(in), {}};
 }
