@@ -83,21 +83,23 @@ std::vector<uint8_t> SimConfigBlock() {
     return block;
 }
 
-CSimFrameEncoder::CSimFrameEncoder() {
-    // The same geometry the driver takes from the first (idle) frame.
+void InitSimCalibration(const TEmuFramePayload& idleFrame, CCalibrateSystem* calibration) {
     _HARDWARE_FRAME_SDK idle{};
     _HARDWARE_SDK_POINT storage[1];
     idle.pointBufferBytes = sizeof storage;
     idle.pointBuffer = reinterpret_cast<uint8_t*>(storage);
-    const TEmuFramePayload payload = IdleFrame();
-    DecodeFrameBuffer(payload.data(), static_cast<int>(payload.size()), &idle);
+    DecodeFrameBuffer(idleFrame.data(), static_cast<int>(idleFrame.size()), &idle);
     const _CS_CONFIG geometry{idle.logicalWidth, idle.logicalHeight,
                               static_cast<int16_t>(idle.rawWidth),
                               static_cast<int16_t>(idle.rawHeight)};
     auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
     SimDevConfig(config.get());
+    calibration->InitCalibrateSys(config.get(), &geometry);
+}
+
+CSimFrameEncoder::CSimFrameEncoder() {
     CCalibrateSystem calibration;
-    calibration.InitCalibrateSys(config.get(), &geometry);
+    InitSimCalibration(IdleFrame(), &calibration);
 
     // The area's axes run along the raw axes: X depends on raw X alone, Y on raw Y alone. The
     // tables come from the calibration code itself, as the driver runs it.

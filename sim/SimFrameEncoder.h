@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "CCalibrateSystem.h"
 #include "GestureScript.h"
 #include "MtDevConfig.h"
 #include "MtDevEmulator.h"
@@ -22,6 +23,9 @@ constexpr int16_t kSimRawExtent = 32766;
 // The simulated device's configuration: the product defaults, one straight area, no panels.
 void SimDevConfig(_HARDWARE_DEV_CONFIG* config);
 std::vector<uint8_t> SimConfigBlock();
+// The simulated device's calibration as the driver builds it: that configuration, and the
+// geometry of `idleFrame` (the first frame the driver reads).
+void InitSimCalibration(const TEmuFramePayload& idleFrame, CCalibrateSystem* calibration);
 
 class CSimFrameEncoder {
 public:

@@ -1516,15 +1516,8 @@ double ComputeMicrosPerFrame(const CSimFrameEncoder& encoder, int frames) {
     _HARDWARE_FRAME_SDK frame{};
     frame.pointBufferBytes = sizeof storage;
     frame.pointBuffer = reinterpret_cast<uint8_t*>(storage);
-    const TEmuFramePayload idle = encoder.IdleFrame();
-    DecodeFrameBuffer(idle.data(), static_cast<int>(idle.size()), &frame);
-    const _CS_CONFIG geometry{frame.logicalWidth, frame.logicalHeight,
-                              static_cast<int16_t>(frame.rawWidth),
-                              static_cast<int16_t>(frame.rawHeight)};
-    auto config = std::make_unique<_HARDWARE_DEV_CONFIG>();
-    SimDevConfig(config.get());
     CCalibrateSystem calibration;
-    calibration.InitCalibrateSys(config.get(), &geometry);
+    InitSimCalibration(encoder.IdleFrame(), &calibration);
     CTouchscreenSlots slots;
     std::vector<TEvdevEvent> events;
     std::vector<TEmuFramePayload> payloads;
